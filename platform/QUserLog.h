@@ -1,0 +1,51 @@
+// The library's logger: six levels, every line on standard output and, when
+// "QUserLog.ini" asks for it, appended to one file per day.
+#pragma once
+
+#include <cstdarg>
+#include <cstdint>
+#include <fstream>
+#include <string>
+
+enum LogLevel : uint32_t { LOG_TRACE = 0, LOG_DEBUG, LOG_INFO, LOG_WARN, LOG_ERROR, LOG_FATAL };
+
+class QUserLog {
+public:
+  static QUserLog &GetInstance();
+
+  void Trace(const char *format, ...) __attribute__((format(printf, 2, 3)));
+  void Debug(const char *format, ...) __attribute__((format(printf, 2, 3)));
+  void Info(const char *format, ...) __attribute__((format(printf, 2, 3)));
+  void Warn(const char *format, ...) __attribute__((format(printf, 2, 3)));
+  void Error(const char *format, ...) __attribute__((format(printf, 2, 3)));
+  void Fatal(const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+  void Log(LogLevel level, const char *format, va_list args);
+  void Flush();
+  bool ReloadConfig();
+
+  // Exposed for tests and tools.
+  std::string GetLogFileName() const;
+  uint32_t level() const { return logLevel; }
+  bool fileOutputOn() const { return fileOutput; }
+  const char *path() const { return logPath; }
+  static char *TrimWhitespace(char *text);
+  static bool CreateDirectory(const char *path);
+
+  QUserLog(const QUserLog &) = delete;
+  QUserLog &operator=(const QUserLog &) = delete;
+
+private:
+  QUserLog();
+  ~QUserLog();
+  void LoadConfig();
+  bool Init();
+
+  uint32_t logLevel = LOG_DEBUG;
+  char logPath[256] = {};
+  bool fileOutput = false;
+  std::ofstream file;
+  char buffer[1024] = {};
+  int32_t bufferLen = 0;
+  bool initialised = false;
+};

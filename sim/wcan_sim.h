@@ -1,0 +1,79 @@
+// Control interface of the simulated adapters, for tests and tools. The
+// simulation layer (libwcan-sim.so) defines the libusb-1.0 functions the
+// library uses over these adapters; a host program loads it instead of the
+// real libusb.
+//
+// Adapters can also be attached from the environment before the first
+// libusb_init: WCAN_SIM=41,41,4,61 plugs in two CAN FD adapters of type 41,
+// one classic adapter of type 4 and one recorder of type 61.
+// WCAN_SIM_TRACE=1 logs every transfer as hex on standard error.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "SimModel.h"
+
+namespace wcansim {
+
+using AdapterId = int;
+
+// Remove every adapter and every bus link; the next plugIn starts afresh.
+void reset();
+
+// Attach an adapter of a device type with that type's USB ids. Its channel
+// 2k is joined to channel 2k+1, as by a cable between the two ports. Returns
+// -1 for a type without a model.
+AdapterId plugIn(unsigned devType);
+
+// Unplug: every transfer fails with LIBUSB_ERROR_NO_DEVICE and the adapter
+// leaves the device list. Replug: it comes back in its reset state, with its
+// device clock restarted.
+void unplug(AdapterId adapter);
+void replug(AdapterId adapter);
+bool isPlugged(AdapterId adapter);
+
+// Accept writes but never answer on any IN endpoint (reads time out).
+void setSilent(AdapterId adapter, bool silent);
+
+// Tamper with the next `count` replies queued on interrupt IN endpoint 0x81:
+//  Short:   cut the reply to `value` bytes;
+//  Foreign: replace byte 1 (the echoed command code) with `value`;
+//  Status:  set byte 3 (the status byte) to `value`.
+enum class ReplyFault { Short, Foreign, Status };
+void injectReplyFault(AdapterId adapter, ReplyFault fault, uint8_t value, int count = 1);
+
+// Push raw bytes into an IN endpoint as if the device had sent them.
+void pushIn(AdapterId adapter, uint8_t ep, const Bytes &bytes);
+
+// Every transfer the host wrote, per OUT endpoint, in order.
+std::vector<Bytes> written(AdapterId adapter, uint8_t ep);
+void clearWritten(AdapterId adapter);
+
+// Bus wiring: a frame sent on one channel reaches every channel linked to it.
+void connect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
+void disconnect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
+void disconnectAll(AdapterId adapter);
+
+// Put a frame on the bus of a channel as if a foreign node had sent it: the
+// channel and the channels linked to it receive it (if started).
+void injectFrame(AdapterId adapter, unsigned channel, const CanFrame &frame);
+
+// The model behind an adapter, for assertions on its state. Use only while no
+// other thread drives the adapter.
+DeviceModel *model(AdapterId adapter);
+
+// Frames each adapter channel put on the bus / received from it.
+uint64_t framesSent(AdapterId adapter, unsigned channel);
+uint64_t framesDelivered(AdapterId adapter, unsigned channel);
+
+} // namespace wcansim
+
+// The same essentials with C linkage, for programs that load the layer with
+// dlopen (the command line tool).
+extern "C" {
+int wcan_sim_plug_in(unsigned devType);
+void wcan_sim_reset(void);
+void wcan_sim_unplug(int adapter);
+void wcan_sim_replug(int adapter);
+}

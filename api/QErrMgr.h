@@ -4,6 +4,8 @@
 
 #include <pthread.h>
 
+#include <memory>
+
 class QErrMgr {
 public:
   static QErrMgr *getInstance();
@@ -19,6 +21,7 @@ public:
   QErrMgr &operator=(const QErrMgr &) = delete;
 
 private:
+  friend struct std::default_delete<QErrMgr>;
   QErrMgr();
   ~QErrMgr();
 

@@ -61,13 +61,13 @@ extern "C" {
 
 /* One classic CAN frame, 24 bytes. */
 typedef struct _WCAN_CAN_OBJ {
-  unsigned int id; /* bits 0..28 */
+  unsigned int id;        /* bits 0..28 */
   unsigned int timeStamp; /* device time stamp, microseconds */
   unsigned char rawFlag;
   unsigned char sendType;
   unsigned char remoteFlag; /* 0 data, 1 remote */
   unsigned char externFlag; /* 0 standard, 1 extended */
-  unsigned char dataLen; /* 0..8 */
+  unsigned char dataLen;    /* 0..8 */
   unsigned char reserved[3];
   unsigned char data[8];
 } _WCAN_CAN_OBJ;
@@ -98,8 +98,8 @@ typedef struct _WCAN_INIT_CONFIG {
 
 /* CAN FD channel initialisation, 56 bytes. */
 typedef struct _WCAN_INITFD_CONFIG {
-  unsigned int abitRate; /* bit/s; 0 selects abitTiming */
-  unsigned int dbitRate; /* bit/s */
+  unsigned int abitRate;   /* bit/s; 0 selects abitTiming */
+  unsigned int dbitRate;   /* bit/s */
   unsigned int abitTiming; /* custom timing word */
   unsigned int dbitTiming;
   unsigned char option0;

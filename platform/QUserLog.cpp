@@ -1,0 +1,216 @@
+#include "platform/QUserLog.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+
+namespace {
+
+constexpr const char *kLevelNames[] = {"TRACE", "DEBUG", "INFO ", "WARN ", "ERROR", "FATAL"};
+constexpr size_t kBufferSize = 1024;
+
+bool makeDirectory(const char *path) { return mkdir(path, 0755) == 0 || errno == EEXIST; }
+
+} // namespace
+
+QUserLog &QUserLog::GetInstance() {
+  static QUserLog instance;
+  return instance;
+}
+
+QUserLog::QUserLog() { initialised = Init(); }
+
+QUserLog::~QUserLog() {
+  Flush();
+  if (file.is_open()) {
+    file.close();
+  }
+}
+
+#define WCAN_LOG_AT(level)                                                                         \
+  va_list args;                                                                                    \
+  va_start(args, format);                                                                          \
+  Log(level, format, args);                                                                        \
+  va_end(args)
+
+void QUserLog::Trace(const char *format, ...) { WCAN_LOG_AT(LOG_TRACE); }
+void QUserLog::Debug(const char *format, ...) { WCAN_LOG_AT(LOG_DEBUG); }
+void QUserLog::Info(const char *format, ...) { WCAN_LOG_AT(LOG_INFO); }
+void QUserLog::Warn(const char *format, ...) { WCAN_LOG_AT(LOG_WARN); }
+void QUserLog::Error(const char *format, ...) { WCAN_LOG_AT(LOG_ERROR); }
+void QUserLog::Fatal(const char *format, ...) { WCAN_LOG_AT(LOG_FATAL); }
+
+#undef WCAN_LOG_AT
+
+void QUserLog::Log(LogLevel level, const char *format, va_list args) {
+  if (level < logLevel) {
+    return;
+  }
+  char timeText[32] = {};
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  strftime(timeText, sizeof timeText, "%Y-%m-%d %H:%M:%S", &local);
+  if (level > LOG_FATAL) {
+    return;
+  }
+  char message[1024];
+  vsnprintf(message, sizeof message, format, args);
+  char line[1280];
+  const int written =
+      snprintf(line, sizeof line, "[%s] [%s] %s\n", timeText, kLevelNames[level], message);
+  const size_t lineLen = written < 0 ? 0 : std::min(static_cast<size_t>(written), sizeof line - 1);
+  fwrite(line, 1, lineLen, stdout);
+  fflush(stdout);
+
+  if (!fileOutput || !file.is_open()) {
+    return;
+  }
+  if (static_cast<size_t>(bufferLen) + lineLen >= kBufferSize) {
+    Flush();
+  }
+  if (static_cast<size_t>(bufferLen) + lineLen < kBufferSize) {
+    memcpy(buffer + bufferLen, line, lineLen);
+    bufferLen += static_cast<int32_t>(lineLen);
+  }
+  Flush();
+}
+
+void QUserLog::Flush() {
+  if (!fileOutput || !file.is_open() || bufferLen < 1) {
+    return;
+  }
+  file.write(buffer, bufferLen);
+  file.flush();
+  bufferLen = 0;
+  memset(buffer, 0, sizeof buffer);
+}
+
+bool QUserLog::ReloadConfig() {
+  Flush();
+  if (file.is_open()) {
+    file.close();
+  }
+  logPath[0] = '\0';
+  logLevel = LOG_DEBUG;
+  fileOutput = false;
+  LoadConfig();
+  return Init();
+}
+
+bool QUserLog::Init() {
+  LoadConfig();
+  if (!fileOutput || logPath[0] == '\0') {
+    return true;
+  }
+  if (!CreateDirectory(logPath)) {
+    std::cerr << "Failed to create log directory: " << logPath << std::endl;
+    fileOutput = false;
+    return false;
+  }
+  const std::string name = GetLogFileName();
+  file.open(name, std::ios::out | std::ios::app);
+  if (!file.is_open()) {
+    std::cerr << "Failed to open log file: " << name << std::endl;
+    fileOutput = false;
+    return false;
+  }
+  return true;
+}
+
+void QUserLog::LoadConfig() {
+  FILE *ini = fopen("QUserLog.ini", "r");
+  if (ini == nullptr) {
+    fileOutput = false;
+    return;
+  }
+  char raw[256];
+  bool inLogConfig = false;
+  while (fgets(raw, sizeof raw, ini) != nullptr) {
+    char *text = TrimWhitespace(raw);
+    const size_t len = strlen(text);
+    if (len == 0 || text[0] == ';') {
+      continue;
+    }
+    if (text[0] == '[' && text[len - 1] == ']') {
+      char section[64] = {};
+      inLogConfig = sscanf(text, "[%63[^]]]", section) == 1 && strcmp(section, "LogConfig") == 0;
+      continue;
+    }
+    char *equals = strchr(text, '=');
+    if (!inLogConfig || equals == nullptr) {
+      continue;
+    }
+    *equals = '\0';
+    const char *key = TrimWhitespace(text);
+    char *value = TrimWhitespace(equals + 1);
+    if (char *comment = strchr(value, ';')) {
+      *comment = '\0';
+    }
+    value = TrimWhitespace(value);
+    if (strcmp(key, "LogLevel") == 0) {
+      const int level = atoi(value);
+      if (level >= LOG_TRACE && level <= LOG_FATAL) {
+        logLevel = static_cast<uint32_t>(level);
+      }
+    } else if (strcmp(key, "LogPath") == 0) {
+      snprintf(logPath, sizeof logPath, "%s", value);
+    } else if (strcmp(key, "FileOutput") == 0) {
+      fileOutput = atoi(value) == 1;
+    }
+  }
+  fclose(ini);
+  std::cout << "Config loaded successfully:" << std::endl
+            << "LogLevel: " << logLevel << std::endl
+            << "LogPath: " << logPath << std::endl
+            << "FileOutput: " << (fileOutput ? 1 : 0) << std::endl;
+}
+
+char *QUserLog::TrimWhitespace(char *text) {
+  if (text == nullptr || *text == '\0') {
+    return text;
+  }
+  while (isspace(static_cast<unsigned char>(*text))) {
+    ++text;
+  }
+  char *end = text + strlen(text);
+  while (end > text && isspace(static_cast<unsigned char>(end[-1]))) {
+    --end;
+  }
+  *end = '\0';
+  return text;
+}
+
+bool QUserLog::CreateDirectory(const char *path) {
+  char copy[256];
+  snprintf(copy, sizeof copy, "%s", path);
+  for (char *p = copy + 1; *p != '\0'; ++p) {
+    if (*p != '/') {
+      continue;
+    }
+    *p = '\0';
+    const bool made = makeDirectory(copy);
+    *p = '/';
+    if (!made) {
+      return false;
+    }
+  }
+  return makeDirectory(copy);
+}
+
+std::string QUserLog::GetLogFileName() const {
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  char name[512];
+  snprintf(name, sizeof name, "%s/QUserLog_%04d%02d%02d.log", logPath, local.tm_year + 1900,
+           local.tm_mon + 1, local.tm_mday);
+  return name;
+}

@@ -1,0 +1,53 @@
+// A ModelHost that keeps everything a model hands it, for driving device
+// models directly in tests.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "sim/SimModel.h"
+
+namespace wcansim {
+
+class FakeModelHost : public ModelHost {
+public:
+  uint32_t timeUs = 0;
+  std::map<uint8_t, std::deque<Bytes>> queued;
+  std::vector<std::pair<unsigned, CanFrame>> sent;
+
+  uint32_t deviceTimeUs() const override { return timeUs; }
+  void queueIn(uint8_t ep, Bytes bytes) override { queued[ep].push_back(std::move(bytes)); }
+  void sendToBus(unsigned channel, const CanFrame &frame) override {
+    sent.emplace_back(channel, frame);
+  }
+
+  // What one read of `ep` would return: the first queued transfer, after
+  // giving the model its chance to fill an empty endpoint. Empty if nothing.
+  Bytes read(DeviceModel &model, uint8_t ep) {
+    if (queued[ep].empty())
+      model.onReadEmpty(*this, ep);
+    if (queued[ep].empty())
+      return {};
+    Bytes out = std::move(queued[ep].front());
+    queued[ep].pop_front();
+    return out;
+  }
+
+  // Every byte queued on a stream endpoint, joined, and the queue emptied.
+  Bytes drain(uint8_t ep) {
+    Bytes out;
+    for (const Bytes &b : queued[ep])
+      out.insert(out.end(), b.begin(), b.end());
+    queued[ep].clear();
+    return out;
+  }
+
+  // Write a whole transfer; returns what the model answered.
+  int write(DeviceModel &model, uint8_t ep, const Bytes &bytes) {
+    return model.onHostWrite(*this, ep, bytes.data(), bytes.size());
+  }
+};
+
+} // namespace wcansim

@@ -1,0 +1,93 @@
+// Internals of the classic family shared by its source files: the per-index
+// device record, the table of them, and the transfer primitives every command
+// goes through.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+
+#include "platform/QUserLibUsb.h"
+#include "wcan.h"
+
+// A pthread mutex, recursive with priority inheritance, usable both with
+// QUserMutex and with the standard lock and condition-variable templates.
+class Usbcan2Mutex {
+public:
+  Usbcan2Mutex();
+  ~Usbcan2Mutex();
+  Usbcan2Mutex(const Usbcan2Mutex &) = delete;
+  Usbcan2Mutex &operator=(const Usbcan2Mutex &) = delete;
+  void lock() { pthread_mutex_lock(&mutex_); }
+  void unlock() { pthread_mutex_unlock(&mutex_); }
+  pthread_mutex_t &native() { return mutex_; }
+
+private:
+  pthread_mutex_t mutex_;
+};
+
+inline constexpr uint32_t kLinkFaulted = 0xFFFFFFFF;
+
+struct devInfo {
+  pthread_t threadId{};
+  bool threadRunning = false; // whether threadId names a worker
+  std::atomic<uint8_t> threadStopReq{0};
+  std::atomic<uint8_t> threadExited{0};
+  Usbcan2Mutex threadMutex; // stop/exit flags, the worker's look at usbDev, savedInit
+  std::condition_variable_any threadExitCond;
+  Usbcan2Mutex rxMutex; // both receive queues
+  std::condition_variable_any rxCond;
+  Usbcan2Mutex cmdMutex; // serialises usbCmdSend
+  std::atomic<uint32_t> chInit[2] = {{0}, {0}};
+  std::deque<_WCAN_CAN_OBJ> rxQueue[2];
+  std::atomic<uint32_t> cmdFailed{0};
+  std::unique_ptr<QUserLibUsb> usbDev;
+  uint32_t devIndex = 0;
+  _WCAN_INIT_CONFIG savedInit[2] = {};
+  std::atomic<uint32_t> linkFault{0};
+  std::atomic<uint32_t> faultTime{0};
+  std::atomic<uint8_t> txAckMode{1};
+  std::atomic<uint8_t> cmdIdle{1};
+};
+
+devInfo &usbcan2Record(uint32_t index);
+// The record's device, read under threadMutex; null while closed.
+QUserLibUsb *usbcan2Device(devInfo *info);
+// Takes the device out of the record: from then on it counts as closed.
+std::unique_ptr<QUserLibUsb> usbcan2DetachDevice(devInfo *info);
+
+uint32_t usbcan2Init();
+uint32_t usbcan2Exit();
+uint32_t usbcan2DevParaIsValid(uint32_t type, uint32_t index, uint32_t channel);
+uint32_t usbcan2IsOpen(uint32_t type, uint32_t index);
+uint32_t usbcan2IsInit(uint32_t type, uint32_t index, uint32_t channel);
+int32_t usbcan2IsReady(const devInfo *info);
+
+// 0 on success; -1 write failed (or link lost), -2 no reply. `replyLen`
+// carries the reply capacity in and the bytes received out.
+int32_t usbCmdSend(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply, int *replyLen,
+                   uint8_t outEp, uint8_t inEp, uint32_t timeoutMs);
+int32_t usbCmdSendDirect(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply, int *replyLen,
+                         uint8_t outEp, uint8_t inEp, uint32_t timeoutMs);
+int32_t usbDataSend(devInfo *info, uint8_t *data, int dataLen, uint8_t *reply, int *replyLen,
+                    uint8_t outEp, uint8_t inEp, uint32_t timeoutMs);
+
+uint32_t usbcan2CmdInitSend(uint32_t type, uint32_t index, uint32_t channel,
+                            const _WCAN_INIT_CONFIG *config, bool direct);
+int32_t usbcan2Start(uint32_t type, uint32_t index, uint32_t channel, bool direct);
+
+void usbcan2ThreadStart(devInfo *info);
+void usbcan2ThreadStop(devInfo *info);
+void *usbcan2ThreadMainLoop(void *arg);
+void usbcan2FaultTimeHandle(devInfo *info);
+
+int usbcan2DevRelayStatusSetExcute(devInfo *info, uint8_t relay1, uint8_t relay2);
+int usbcan2DevRelayStatusGetExcute(devInfo *info, uint8_t *relay1, uint8_t *relay2);
+int usbcan2DevBaudParaGetExcute(devInfo *info, uint32_t channel, uint8_t *para1, uint8_t *para2);
+int usbcan2DevChStateGetExcute(devInfo *info, uint32_t channel, uint8_t *state1, uint8_t *state2,
+                               uint8_t *state3);
+int usbcan2DevDataTransferExcute(devInfo *info, uint8_t *buffer, int32_t length, bool direct);

@@ -116,8 +116,10 @@ Request encodeFilterSettingQuery(unsigned channel, uint16_t filterIndex) {
 
 Request encodePassThrough(const uint8_t *data, size_t length) {
   const size_t payload = std::min(length, kPassThroughPayload);
-  Request frame{0x12, 0xA7};
-  frame.insert(frame.end(), data, data + payload);
+  Request frame(kPassThroughHeader + payload, 0);
+  frame[0] = 0x12;
+  frame[1] = 0xA7;
+  std::copy(data, data + payload, frame.begin() + kPassThroughHeader);
   return frame;
 }
 

@@ -1,0 +1,9 @@
+#!/bin/sh
+# Installs what building and testing wcan needs (Debian packages).
+set -eu
+if [ "$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends \
+  cmake make g++ pkg-config libusb-1.0-0-dev libgtest-dev libgmock-dev libbenchmark-dev \
+  can-utils python3 python3-can clang libclang-rt-dev umockdev libumockdev-dev >/dev/null

@@ -1,0 +1,303 @@
+// The exported layer: which driver slot each call reaches for each kind of
+// device type, and which errors the layer itself sets.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "api/QErrMgr.h"
+#include "api/QWCANDevMgr.h"
+#include "wcan.h"
+
+using ::testing::_;
+using ::testing::Return;
+
+namespace {
+
+class MockDevice : public QDevice {
+public:
+  MOCK_METHOD(int, openDevice, (unsigned, unsigned, unsigned), (override));
+  MOCK_METHOD(int, closeDevice, (), (override));
+  MOCK_METHOD(int, initCAN, (unsigned, _WCAN_INIT_CONFIG *), (override));
+  MOCK_METHOD(int, initCANFD, (unsigned, _WCAN_INITFD_CONFIG *), (override));
+  MOCK_METHOD(int, getBoardInf, (_WCAN_BOARD_INFO *), (override));
+  MOCK_METHOD(int, isDeviceOnLine, (), (override));
+  MOCK_METHOD(int, transmit, (unsigned, _WCAN_CAN_OBJ *, unsigned), (override));
+  MOCK_METHOD(int, transmitFD, (unsigned, _WCAN_CANFD_OBJ *, unsigned), (override));
+  MOCK_METHOD(int, receiveFD, (unsigned, _WCAN_CANFD_OBJ *, unsigned, int), (override));
+  MOCK_METHOD(int, receive, (unsigned, _WCAN_CAN_OBJ *, unsigned, int), (override));
+  MOCK_METHOD(int, start, (unsigned), (override));
+  MOCK_METHOD(int, stop, (unsigned), (override));
+  MOCK_METHOD(int, clearBuffer, (unsigned), (override));
+  MOCK_METHOD(int, getReceiveNum, (unsigned, unsigned char), (override));
+  MOCK_METHOD(int, transmitData, (unsigned char *, unsigned), (override));
+  MOCK_METHOD(int, setFliter, (unsigned, _WCAN_FLITER_CONFIG *), (override));
+  MOCK_METHOD(int, RecordSettingSet, (unsigned, _WCAN_RECORD_CONFIG *), (override));
+  MOCK_METHOD(int, RecordSettingGet, (unsigned, _WCAN_RECORD_CONFIG *), (override));
+  MOCK_METHOD(int, RecordCmdExecute,
+              (unsigned, unsigned, _WCAN_FLITER_INFO *, _WCAN_FLITER_CONFIG *), (override));
+};
+
+constexpr int kSentinel = WCAN_ERR_CAN_FORMAT; // "untouched" marker
+constexpr unsigned kFd = 41, kRec = 61;
+
+_WCAN_CAN_OBJ canFrames[4];
+_WCAN_CANFD_OBJ fdFrames[4];
+_WCAN_BOARD_INFO board;
+_WCAN_FLITER_CONFIG filter;
+_WCAN_FLITER_INFO filterInfo;
+_WCAN_RECORD_CONFIG recordConfig;
+_WCAN_INITFD_CONFIG fdConfig;
+unsigned char raw[8];
+
+// One exported call on (type, 0) with fixed arguments; the expectation it
+// should meet on a registered device is set by `expect`.
+struct Route {
+  std::string name;
+  std::function<int(unsigned type)> call;
+  std::function<void(MockDevice &)> expect;
+};
+
+std::vector<Route> objectRoutes() {
+  return {
+      {"BoardInfoGet", [](unsigned t) { return WCAN_BoardInfoGet(t, 0, &board); },
+       [](MockDevice &d) { EXPECT_CALL(d, getBoardInf(&board)).WillOnce(Return(5)); }},
+      {"DataDirectTransfer", [](unsigned t) { return WCAN_DataDirectTransfer(t, 0, raw, 7); },
+       [](MockDevice &d) { EXPECT_CALL(d, transmitData(raw, 7u)).WillOnce(Return(5)); }},
+      {"SetFliter", [](unsigned t) { return WCAN_SetFliter(t, 0, 3, &filter); },
+       [](MockDevice &d) { EXPECT_CALL(d, setFliter(3u, &filter)).WillOnce(Return(5)); }},
+      {"GetReceiveNum", [](unsigned t) { return WCAN_GetReceiveNum(t, 0, 2, 1); },
+       [](MockDevice &d) { EXPECT_CALL(d, getReceiveNum(2u, 1)).WillOnce(Return(5)); }},
+      {"Start", [](unsigned t) { return WCAN_Start(t, 0, 6); },
+       [](MockDevice &d) { EXPECT_CALL(d, start(6u)).WillOnce(Return(5)); }},
+      {"Stop", [](unsigned t) { return WCAN_Stop(t, 0, 6); },
+       [](MockDevice &d) { EXPECT_CALL(d, stop(6u)).WillOnce(Return(5)); }},
+      {"ClearBuffer", [](unsigned t) { return WCAN_ClearBuffer(t, 0, 1); },
+       [](MockDevice &d) { EXPECT_CALL(d, clearBuffer(1u)).WillOnce(Return(5)); }},
+      {"Receive", [](unsigned t) { return WCAN_Receive(t, 0, 1, canFrames, 4, 9); },
+       [](MockDevice &d) { EXPECT_CALL(d, receive(1u, canFrames, 4u, 9)).WillOnce(Return(5)); }},
+      {"ReceiveFD", [](unsigned t) { return WCAN_ReceiveFD(t, 0, 1, fdFrames, 4, -1); },
+       [](MockDevice &d) {
+         EXPECT_CALL(d, receiveFD(1u, fdFrames, 4u, -1)).WillOnce(Return(5));
+       }},
+      {"Transmit", [](unsigned t) { return WCAN_Transmit(t, 0, 1, canFrames, 0); },
+       [](MockDevice &d) { EXPECT_CALL(d, transmit(1u, canFrames, 0u)).WillOnce(Return(5)); }},
+      {"TransmitFD", [](unsigned t) { return WCAN_TransmitFD(t, 0, 1, fdFrames, 3); },
+       [](MockDevice &d) { EXPECT_CALL(d, transmitFD(1u, fdFrames, 3u)).WillOnce(Return(5)); }},
+      {"RecordSettingSet", [](unsigned t) { return WCAN_RecordSettingSet(t, 0, 1, &recordConfig); },
+       [](MockDevice &d) {
+         EXPECT_CALL(d, RecordSettingSet(1u, &recordConfig)).WillOnce(Return(5));
+       }},
+      {"RecordSettingGet", [](unsigned t) { return WCAN_RecordSettingGet(t, 0, 1, &recordConfig); },
+       [](MockDevice &d) {
+         EXPECT_CALL(d, RecordSettingGet(1u, &recordConfig)).WillOnce(Return(5));
+       }},
+      {"RecordFliterClr", [](unsigned t) { return WCAN_RecordFliterClr(t, 0, 1); },
+       [](MockDevice &d) {
+         EXPECT_CALL(d, RecordCmdExecute(1u, 0u, nullptr, nullptr)).WillOnce(Return(5));
+       }},
+      {"RecordFliterAdd", [](unsigned t) { return WCAN_RecordFliterAdd(t, 0, 1, &filter); },
+       [](MockDevice &d) {
+         EXPECT_CALL(d, RecordCmdExecute(1u, 1u, nullptr, &filter)).WillOnce(Return(5));
+       }},
+      {"RecordFliterEnable", [](unsigned t) { return WCAN_RecordFliterEnable(t, 0, 1); },
+       [](MockDevice &d) {
+         EXPECT_CALL(d, RecordCmdExecute(1u, 2u, nullptr, nullptr)).WillOnce(Return(5));
+       }},
+      {"RecordFliterDisable", [](unsigned t) { return WCAN_RecordFliterDisable(t, 0, 1); },
+       [](MockDevice &d) {
+         EXPECT_CALL(d, RecordCmdExecute(1u, 3u, nullptr, nullptr)).WillOnce(Return(5));
+       }},
+      {"RecordFliterInfoGet", [](unsigned t) { return WCAN_RecordFliterInfoGet(t, 0, 1, &filterInfo); },
+       [](MockDevice &d) {
+         EXPECT_CALL(d, RecordCmdExecute(1u, 4u, &filterInfo, nullptr)).WillOnce(Return(5));
+       }},
+      {"RecordFliterSettingGet",
+       [](unsigned t) { return WCAN_RecordFliterSettingGet(t, 0, 1, 7, &filter); },
+       [](MockDevice &d) {
+         EXPECT_CALL(d, RecordCmdExecute(1u, 5u, nullptr, &filter)).WillOnce(Return(5));
+       }},
+  };
+}
+
+// What a call does for one family: reach the driver, or fail with an error
+// (or return 0 with the last error left untouched: kSentinel).
+struct Outcome {
+  bool reachesDriver;
+  int error;
+};
+
+// Rows: call name -> outcome on an open CAN FD device, an open recorder, a
+// closed CAN FD device, a closed recorder.
+struct Expectation {
+  Outcome fdOpen, recOpen, fdClosed, recClosed;
+};
+
+const std::map<std::string, Expectation> kTable = {
+    {"BoardInfoGet", {{true, 0}, {true, 0}, {false, 7}, {false, 7}}},
+    {"DataDirectTransfer", {{true, 0}, {true, 0}, {false, 7}, {false, 7}}},
+    {"SetFliter", {{true, 0}, {false, 6}, {false, 7}, {false, 6}}},
+    {"GetReceiveNum", {{true, 0}, {false, 6}, {false, 7}, {false, 6}}},
+    {"Start", {{true, 0}, {false, 6}, {false, 7}, {false, 6}}},
+    {"Stop", {{true, 0}, {false, 6}, {false, 7}, {false, 6}}},
+    {"ClearBuffer", {{true, 0}, {false, 6}, {false, kSentinel}, {false, 6}}},
+    {"Receive", {{true, 0}, {false, 6}, {false, 7}, {false, 6}}},
+    {"ReceiveFD", {{true, 0}, {false, 6}, {false, 7}, {false, 6}}},
+    {"Transmit", {{true, 0}, {false, 6}, {false, 7}, {false, 6}}},
+    {"TransmitFD", {{true, 0}, {false, 6}, {false, 7}, {false, 6}}},
+    {"RecordSettingSet", {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, 7}}},
+    {"RecordSettingGet", {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, kSentinel}}},
+    {"RecordFliterClr", {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, kSentinel}}},
+    {"RecordFliterAdd", {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, kSentinel}}},
+    {"RecordFliterEnable", {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, kSentinel}}},
+    {"RecordFliterDisable",
+     {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, kSentinel}}},
+    {"RecordFliterInfoGet",
+     {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, kSentinel}}},
+    {"RecordFliterSettingGet",
+     {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, kSentinel}}},
+};
+
+class Routing : public ::testing::Test {
+protected:
+  void SetUp() override { setLastError(kSentinel); }
+  void TearDown() override {
+    for (unsigned type : {kFd, kRec}) {
+      if (wcanDevMgr.deviceFind(type, 0) != nullptr) {
+        wcanDevMgr.deviceDel(type, 0);
+      }
+    }
+  }
+  void check(const Route &route, unsigned type, bool open, const Outcome &outcome) {
+    SCOPED_TRACE(route.name + " type " + std::to_string(type) + (open ? " open" : " closed"));
+    setLastError(kSentinel);
+    MockDevice device;
+    EXPECT_CALL(device, closeDevice()).WillRepeatedly(Return(1));
+    if (open) {
+      wcanDevMgr.deviceAdd(type, 0, &device);
+    }
+    if (outcome.reachesDriver) {
+      route.expect(device);
+      EXPECT_EQ(route.call(type), 5) << "driver result passes through";
+      EXPECT_EQ(WCAN_GetLastError(), kSentinel);
+    } else {
+      EXPECT_EQ(route.call(type), 0);
+      EXPECT_EQ(WCAN_GetLastError(), outcome.error);
+    }
+    if (open) {
+      wcanDevMgr.deviceDel(type, 0);
+    }
+  }
+};
+
+TEST_F(Routing, EveryObjectCallFollowsTheTable) {
+  for (const Route &route : objectRoutes()) {
+    const Expectation &row = kTable.at(route.name);
+    check(route, kFd, true, row.fdOpen);
+    check(route, kRec, true, row.recOpen);
+    check(route, kFd, false, row.fdClosed);
+    check(route, kRec, false, row.recClosed);
+  }
+}
+
+TEST_F(Routing, UnknownTypesAreUnsupportedExceptForRecordCalls) {
+  for (unsigned type : {0u, 5u, 40u, 44u, 60u, 74u, 1000u}) {
+    for (const Route &route : objectRoutes()) {
+      SCOPED_TRACE(route.name + " type " + std::to_string(type));
+      setLastError(kSentinel);
+      EXPECT_EQ(route.call(type), 0);
+      const bool recordCall = route.name.rfind("Record", 0) == 0;
+      EXPECT_EQ(WCAN_GetLastError(), recordCall ? kSentinel : WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
+    }
+    setLastError(kSentinel);
+    EXPECT_EQ(WCAN_OpenDevice(type, 0), 0);
+    EXPECT_EQ(WCAN_GetLastError(), WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
+  }
+}
+
+TEST_F(Routing, InitCanFdStartsTheChannelOnlyAfterSuccess) {
+  MockDevice device;
+  EXPECT_CALL(device, closeDevice()).WillRepeatedly(Return(1));
+  wcanDevMgr.deviceAdd(kFd, 0, &device);
+  {
+    ::testing::InSequence order;
+    EXPECT_CALL(device, initCANFD(2u, &fdConfig)).WillOnce(Return(1));
+    EXPECT_CALL(device, start(2u)).WillOnce(Return(7));
+  }
+  EXPECT_EQ(WCAN_InitCANFD(kFd, 0, 2, &fdConfig), 7);
+
+  EXPECT_CALL(device, initCANFD(2u, &fdConfig)).WillOnce(Return(-2));
+  EXPECT_CALL(device, start(_)).Times(0);
+  EXPECT_EQ(WCAN_InitCANFD(kFd, 0, 2, &fdConfig), -2);
+}
+
+TEST_F(Routing, OpeningAnOpenDeviceSucceedsWithoutTouchingIt) {
+  MockDevice device;
+  EXPECT_CALL(device, openDevice(_, _, _)).Times(0);
+  EXPECT_CALL(device, closeDevice()).WillRepeatedly(Return(1));
+  wcanDevMgr.deviceAdd(kFd, 0, &device);
+  EXPECT_EQ(WCAN_OpenDevice(kFd, 0), 1);
+  EXPECT_EQ(WCAN_GetLastError(), kSentinel);
+}
+
+TEST_F(Routing, ClosingAClosedDeviceSucceeds) {
+  EXPECT_EQ(WCAN_CloseDevice(kFd, 5), 1);
+  EXPECT_EQ(WCAN_CloseDevice(kRec, 5), 1);
+  EXPECT_EQ(WCAN_GetLastError(), kSentinel);
+}
+
+TEST_F(Routing, FilterSettingGetStoresTheIndexAsAZeroExtendedWord) {
+  _WCAN_FLITER_CONFIG config;
+  memset(&config, 0xEE, sizeof config);
+  WCAN_RecordFliterSettingGet(kRec, 0, 0, static_cast<unsigned short>(0x12345), &config);
+  EXPECT_EQ(config.filterIndex, 0x2345);
+  const unsigned char *bytes = reinterpret_cast<const unsigned char *>(&config);
+  EXPECT_EQ(bytes[14], 0);
+  EXPECT_EQ(bytes[15], 0);
+  EXPECT_EQ(bytes[11], 0xEE) << "bytes before the field are untouched";
+}
+
+// The classic family's own checks made by the exported layer, before any
+// driver call.
+TEST_F(Routing, ClassicLayerChecks) {
+  struct Case {
+    const char *name;
+    std::function<int()> call;
+    int error;
+  } cases[] = {
+      {"Receive count 0", [] { return WCAN_Receive(4, 0, 0, canFrames, 0, 100); },
+       WCAN_ERR_PARAMETER},
+      {"Transmit count 0", [] { return WCAN_Transmit(3, 0, 0, canFrames, 0); }, WCAN_ERR_PARAMETER},
+      {"InitCANFD silent type", [] { return WCAN_InitCANFD(63, 0, 0, &fdConfig); }, kSentinel},
+      {"Receive silent type", [] { return WCAN_Receive(70, 0, 0, canFrames, 4, 0); }, kSentinel},
+      {"Transmit silent type", [] { return WCAN_Transmit(73, 0, 0, canFrames, 4); }, kSentinel},
+      {"GetReceiveNum FD kind", [] { return WCAN_GetReceiveNum(3, 0, 0, 1); }, kSentinel},
+      {"InitCANFD core type", [] { return WCAN_InitCANFD(3, 0, 0, &fdConfig); },
+       WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED},
+      {"ReceiveFD core type", [] { return WCAN_ReceiveFD(4, 0, 0, fdFrames, 1, 0); },
+       WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED},
+      {"SetFliter core type", [] { return WCAN_SetFliter(3, 0, 0, &filter); },
+       WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED},
+      {"InitCAN FD type", [] { return WCAN_InitCAN(41, 0, 0, nullptr); },
+       WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED},
+      {"Relay on silent type", [] { return WCAN_DevRelayStatusSet(68, 0, 1, 1); },
+       WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED},
+      {"Relay on FD type", [] { return WCAN_DevRelayStatusSet(41, 0, 1, 1); },
+       WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED},
+      {"Baud on recorder", [] { return WCAN_DevBaudParaGet(61, 0, 0, raw, raw); },
+       WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED},
+      {"ChState on silent type", [] { return WCAN_DevChStateGet(69, 0, 0, raw, raw, raw); },
+       WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED},
+      {"Record call on classic", [] { return WCAN_RecordSettingSet(3, 0, 0, &recordConfig); },
+       kSentinel},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    setLastError(kSentinel);
+    EXPECT_EQ(c.call(), 0);
+    EXPECT_EQ(WCAN_GetLastError(), c.error);
+  }
+}
+
+} // namespace

@@ -1,0 +1,197 @@
+// Driver of the USB CAN FD adapter family (device types 41, 42, 43, 64, 65,
+// 66, 67): command channel, channel set-up, transmit, the receive thread with
+// its queues, fault recovery, acceptance filters and key/value settings.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+
+#include "UsbCanFdRxQueues.h"
+#include "UsbCanFdWire.h"
+#include "api/QDevice.h"
+#include "platform/QUserLibUsb.h"
+
+// One driver thread: a stop request the thread polls each pass, an exited
+// flag it sets last, and a condition variable that wakes both sides.
+struct QUserThreadObj {
+  std::atomic<uint8_t> stopRequest{0};
+  std::atomic<uint8_t> exited{0};
+  std::mutex lock;
+  std::condition_variable wake;
+  pthread_t handle{};
+  bool running = false;
+
+  // Sleeps up to `duration`; returns early (false) once a stop is requested.
+  bool sleepUnlessStopped(std::chrono::microseconds duration);
+};
+
+// One read of the (never started) message thread.
+struct MSG_OBJ {
+  unsigned char data[64];
+  int32_t length;
+};
+
+class QDeviceUsbCanFd2 : public QDevice {
+public:
+  QDeviceUsbCanFd2();
+  ~QDeviceUsbCanFd2() override;
+
+  // --- QDevice slots ---
+  int openDevice(unsigned int deviceType, unsigned int deviceIndex, unsigned int reserved) override;
+  int closeDevice() override;
+  int initCAN(unsigned int channel, _WCAN_INIT_CONFIG *config) override;
+  int initCANFD(unsigned int channel, _WCAN_INITFD_CONFIG *config) override;
+  int getBoardInf(_WCAN_BOARD_INFO *info) override;
+  int isDeviceOnLine() override { return 2; }
+  int transmit(unsigned int channel, _WCAN_CAN_OBJ *frames, unsigned int count) override;
+  int transmitFD(unsigned int channel, _WCAN_CANFD_OBJ *frames, unsigned int count) override;
+  int receiveFD(unsigned int channel, _WCAN_CANFD_OBJ *frames, unsigned int count,
+                int waitMs) override;
+  int receive(unsigned int channel, _WCAN_CAN_OBJ *frames, unsigned int count, int waitMs) override;
+  int start(unsigned int channel) override { return start(channel, false); }
+  int stop(unsigned int channel) override;
+  int clearBuffer(unsigned int channel) override;
+  int getReceiveNum(unsigned int channel, unsigned char kind) override;
+  int transmitData(unsigned char *data, unsigned int length) override {
+    return transmitData(data, length, false);
+  }
+  int setFliter(unsigned int channel, _WCAN_FLITER_CONFIG *config) override;
+
+  // --- command channel ---
+  // 0 on success, -1 write failed or device not ready, -2 no matching reply.
+  int usbCmdSend(uint8_t *command, int commandLength, uint8_t *reply, int *replyLength,
+                 uint8_t outEndpoint, uint8_t inEndpoint, uint32_t timeoutMs, bool skipReadyCheck);
+  int usbCmdSend(uint8_t *command, int commandLength, uint8_t *reply, int *replyLength,
+                 uint8_t outEndpoint, uint8_t inEndpoint, uint32_t timeoutMs) {
+    return usbCmdSend(command, commandLength, reply, replyLength, outEndpoint, inEndpoint,
+                      timeoutMs, false);
+  }
+  int usbCmdSendByBulk(uint8_t *command, int commandLength, uint8_t *reply, int *replyLength,
+                       uint8_t outEndpoint, uint8_t inEndpoint, uint32_t timeoutMs);
+  int usbCmdExtSendByBulk(uint8_t *command, int commandLength, uint8_t *reply, int *replyLength,
+                          uint8_t outEndpoint, uint8_t inEndpoint, uint32_t timeoutMs);
+  int transmitData(unsigned char *data, unsigned int length, bool skipReadyCheck);
+
+  // --- lifecycle ---
+  int canGetDeviceVer();
+  int getDeviceInf(_WCAN_BOARD_INFO *info);
+  int isDeviceReady() const { return deviceFault.load(std::memory_order_relaxed) == 0 ? 0 : -1; }
+  uint16_t firstVersion() const { return version1; }
+  uint16_t secondVersion() const { return version2; }
+  unsigned channelCount() const { return chCount; }
+
+  // --- channel set-up ---
+  int initCANFD(unsigned int channel, const _WCAN_INITFD_CONFIG *config, bool skipReadyCheck);
+  int initCANFDCmdSend(unsigned int channel, const _WCAN_INITFD_CONFIG *config,
+                       bool skipReadyCheck);
+  int canFdBaudInit(uint8_t channel, uint8_t modeByte4, uint8_t modeByte5,
+                    uint8_t arbitrationClockMHz, uint8_t dataClockMHz, uint32_t arbitrationWord,
+                    uint32_t dataWord, bool skipReadyCheck);
+  int aBitTimingGet(uint32_t bitRate, uint32_t *word) const;
+  int dBitTimingGet(uint32_t bitRate, uint32_t *word) const;
+  int start(unsigned int channel, bool skipReadyCheck) {
+    return canStart(static_cast<uint8_t>(channel), skipReadyCheck);
+  }
+  int canStart(uint8_t channel, bool skipReadyCheck);
+  int canStop(uint8_t channel);
+  bool channelInitialised(unsigned channel) const {
+    return channel < usbcanfd::kChannelSlots && chInit[channel].load(std::memory_order_relaxed);
+  }
+
+  // --- transmit ---
+  int transmitSingle(unsigned int channel, _WCAN_CAN_OBJ *frames, unsigned int count);
+  int transmitSingleFD(unsigned int channel, _WCAN_CANFD_OBJ *frames, unsigned int count);
+
+  // --- receive ---
+  void usbRxDataProcess(const uint8_t *data, uint32_t length);
+  void usbRxDataBufferClr(uint8_t channel);
+
+  // --- fault recovery and status ---
+  void faultTimeHandle();
+  int canChStatusGet(uint8_t channel, uint32_t *status);
+
+  // --- acceptance filters ---
+  int canFilterModeSet(uint8_t channel, int mode);
+  int canFilterStartIdSet(uint8_t channel, uint32_t id);
+  int canFilterEndIdSet(uint8_t channel, uint32_t id);
+  int canFilterClear(uint8_t channel, int value);
+  int canFilterEnable(uint8_t channel, int value);
+  uint8_t filterState(unsigned channel) const { return filterSetupState[channel]; }
+  uint32_t filterStart(unsigned channel) const { return filterStartId[channel]; }
+
+  // --- key/value settings ---
+  int setValue(const char *key, const void *value);
+  void *getValue(const char *key);
+  static int keyIntValueGet(const char *key, const void *value, const char *pattern,
+                            uint8_t *channel, int *out);
+  static int keyHexValueGet(const char *key, const void *value, const char *pattern,
+                            uint8_t *channel, uint32_t *out);
+  static int keyStrValueGet(const char *key, const void *value, const char *pattern,
+                            uint8_t *channel, const char **out);
+  int canIsoModeSet(uint8_t channel, int flag);
+  int canAbaudrateSet(uint8_t channel, int bitRate);
+  int canDbaudrateSet(uint8_t channel, int bitRate);
+  int canBaudCustom(uint8_t channel, const char *text);
+  uint8_t isoMode(unsigned channel) const { return presetIsoMode[channel]; }
+  uint32_t abitPreset(unsigned channel) const { return presetAbitTiming[channel]; }
+  uint32_t dbitPreset(unsigned channel) const { return presetDbitTiming[channel]; }
+
+private:
+  friend void *dataRxThreadTask(void *device);
+  friend void *msgRxThreadTask(void *device);
+
+  const usbcanfd::UsbCanFdVariant &variant() const { return usbcanfd::variantFor(deviceType); }
+  int sendCommand(const usbcanfd::CmdFrame &frame, uint8_t *reply, int *replyLength,
+                  uint32_t timeoutMs, bool skipReadyCheck = false);
+  int sendFilter(usbcanfd::FilterSub sub, uint8_t channel, uint32_t firstId, uint32_t lastId);
+  bool linkDown() { return usbDevice.GetUSBDeviceLinkStatus() == 0; }
+  bool anyChannelInitialised() const;
+  bool reinitialiseChannels();
+  void waitForNextRecoveryAttempt();
+
+  void taskThreadCreate();
+  int taskThreadStart(QUserThreadObj *thread, void *(*entry)(void *));
+  void taskThreadStop(QUserThreadObj *thread);
+  void taskThreadShutdown() { taskThreadStop(&dataThread); }
+  void dataReceiveTask();
+  void msgReceiveTask();
+
+  QUserThreadObj dataThread;
+  QUserThreadObj msgThread;
+  unsigned deviceType = 0;
+  unsigned deviceIndex = 0;
+  unsigned chCount = 0;
+  std::atomic<uint32_t> openFlag{0};
+  uint32_t lastRecoveryAttempt = 0;
+  uint16_t version1 = 0;
+  uint16_t version2 = 0;
+  std::atomic<int32_t> deviceFault{0};
+  std::atomic<uint8_t> txAckWait{1};
+  usbcanfd::StreamAssembler stream;
+  std::atomic<bool> streamResetRequested{false};
+  std::deque<MSG_OBJ> msgQueue;
+  usbcanfd::RxQueues rxQueues; // holds the data queue mutex
+  pthread_mutex_t msgQueueMutex;
+  pthread_mutex_t cmdMutex;
+  QUserLibUsb usbDevice;
+  std::atomic<uint8_t> cmdIdle{1};
+  // Saved configurations and kept mode bytes are written by the caller's
+  // thread and read by fault recovery on the receive thread.
+  std::mutex configMutex;
+  _WCAN_INITFD_CONFIG savedConfig[usbcanfd::kChannelSlots] = {};
+  std::atomic<uint8_t> chInit[usbcanfd::kChannelSlots] = {};
+  uint8_t presetIsoMode[usbcanfd::kChannelSlots] = {};
+  uint8_t keptMode[usbcanfd::kChannelSlots] = {};
+  uint32_t presetAbitTiming[usbcanfd::kChannelSlots] = {};
+  uint32_t presetDbitTiming[usbcanfd::kChannelSlots] = {};
+  uint8_t headerByte[usbcanfd::kChannelSlots] = {};
+  uint8_t filterSetupState[usbcanfd::kChannelSlots] = {};
+  uint8_t filterMode[usbcanfd::kChannelSlots] = {};
+  uint32_t filterStartId[usbcanfd::kChannelSlots] = {};
+};

@@ -1,0 +1,371 @@
+// Byte layouts of the CAN FD adapter's USB protocol: command frames, the
+// transmit batch, the receive stream and the per-variant bit-timing tables.
+// Pure functions only: no USB, no threads, no globals beyond constant tables.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "wcan.h"
+
+namespace usbcanfd {
+
+constexpr uint8_t kFrameStart = 0x55;
+constexpr uint8_t kDataFrameCode = 0xF2;
+
+constexpr uint8_t kCmdVersion = 0x01;
+constexpr uint8_t kCmdBaudInit = 0x03;
+constexpr uint8_t kCmdFilter = 0x04;
+constexpr uint8_t kCmdStart = 0x0E;
+constexpr uint8_t kCmdStop = 0x0F;
+constexpr uint8_t kCmdVersion2 = 0x12;
+constexpr uint8_t kCmdBoard = 0x13;
+constexpr uint8_t kCmdStatus = 0x16;
+
+enum class FilterSub : uint8_t {
+  Clear = 0x01,
+  StandardRange = 0x02,
+  ExtendedRange = 0x03,
+  Enable = 0x04,
+  AnyRange = 0x05,
+};
+
+constexpr uint8_t kEpCmdOut = 0x01;
+constexpr uint8_t kEpCmdIn = 0x81;
+constexpr uint8_t kEpDataOut = 0x02;
+constexpr uint8_t kEpAckIn = 0x82;
+constexpr uint8_t kEpStreamIn = 0x83;
+
+constexpr unsigned kChannelSlots = 8;
+constexpr size_t kCmdFrameRoom = 64;
+constexpr size_t kRawPayloadMax = 62;
+constexpr size_t kDataHeaderLen = 7;
+constexpr size_t kCanRecordLen = 19;
+constexpr size_t kCanFdRecordLen = 75;
+constexpr unsigned kMaxBatch = 10;
+constexpr size_t kTxFrameRoom = 2048;
+constexpr size_t kStreamBufferLen = 4096;
+
+// Record flag bits on the wire.
+constexpr uint8_t kWireFd = 0x01;
+constexpr uint8_t kWireRemote = 0x02;
+constexpr uint8_t kWireExtended = 0x04;
+constexpr uint8_t kWireFlag08 = 0x08;
+constexpr uint8_t kWireFlag10 = 0x10;
+
+// ---------------------------------------------------------------------------
+// Device variants and bit timing
+// ---------------------------------------------------------------------------
+
+struct TimingEntry {
+  uint32_t bitRate;
+  uint32_t word;
+};
+
+// Everything that depends on the adapter clock.
+struct ClockTables {
+  uint8_t clockMHz;
+  std::array<TimingEntry, 7> arbitration;
+  std::array<TimingEntry, 10> data;
+};
+
+inline constexpr ClockTables kClock60{60,
+                                      {{{1000000, 0x01400106},
+                                        {800000, 0x0100020A},
+                                        {500000, 0x02C00106},
+                                        {250000, 0x05C00106},
+                                        {125000, 0x0BC00106},
+                                        {100000, 0x0EC00106},
+                                        {50000, 0x1DC00106}}},
+                                      {{{5000000, 0x00800001},
+                                        {4000000, 0x00800002},
+                                        {2000000, 0x00800106},
+                                        {1000000, 0x01400106},
+                                        {800000, 0x0100020A},
+                                        {500000, 0x02C00106},
+                                        {250000, 0x05C00106},
+                                        {125000, 0x0BC00106},
+                                        {100000, 0x0EC00106},
+                                        {50000, 0x1DC00106}}}};
+
+inline constexpr ClockTables kClock80{80,
+                                      {{{1000000, 0x00C0030E},
+                                        {800000, 0x0100030E},
+                                        {500000, 0x01C0030E},
+                                        {250000, 0x03C0030E},
+                                        {125000, 0x07C0030E},
+                                        {100000, 0x09C0030E},
+                                        {50000, 0x13C0030E}}},
+                                      {{{5000000, 0x00400005},
+                                        {4000000, 0x00400106},
+                                        {2000000, 0x00C00106},
+                                        {1000000, 0x00C0030E},
+                                        {800000, 0x0100030E},
+                                        {500000, 0x01C0030E},
+                                        {250000, 0x03C0030E},
+                                        {125000, 0x07C0030E},
+                                        {100000, 0x09C0030E},
+                                        {50000, 0x13C0030E}}}};
+
+struct UsbCanFdVariant {
+  uint16_t vendorId;
+  uint16_t productId;
+  uint8_t channelCount;
+  const ClockTables *clock;
+};
+
+struct VariantEntry {
+  unsigned devType;
+  UsbCanFdVariant variant;
+};
+
+inline constexpr VariantEntry kVariants[] = {
+    {64, {0x0471, 0x3014, 4, &kClock60}},
+    {65, {0x0471, 0x2014, 4, &kClock60}},
+    {66, {0x0471, 0x2018, 8, &kClock80}},
+    {67, {0x0471, 0x3018, 8, &kClock80}},
+};
+// Types 41, 42 and 43 (and anything else routed here).
+inline constexpr UsbCanFdVariant kDefaultVariant{0x3068, 0x0009, 2, &kClock60};
+
+constexpr const UsbCanFdVariant &variantFor(unsigned devType) {
+  for (const auto &entry : kVariants) {
+    if (entry.devType == devType) {
+      return entry.variant;
+    }
+  }
+  return kDefaultVariant;
+}
+
+// First exact match of the rate; false for rate 0 or an unknown rate.
+template <size_t N>
+constexpr bool lookupTiming(const std::array<TimingEntry, N> &table, uint32_t bitRate,
+                            uint32_t &word) {
+  if (bitRate == 0) {
+    return false;
+  }
+  for (const auto &entry : table) {
+    if (entry.bitRate == bitRate) {
+      word = entry.word;
+      return true;
+    }
+  }
+  return false;
+}
+
+// The fields of a 32-bit timing word.
+struct TimingFields {
+  uint16_t prescalerMinus1; // bits 31..22
+  uint8_t sjw;              // bits 21..15
+  uint16_t tseg1Minus1;     // bits 7..0
+  uint16_t tseg2Minus1;     // bits 14..8
+};
+
+constexpr TimingFields splitTiming(uint32_t word) {
+  return {static_cast<uint16_t>((word >> 22) & 0x3FF), static_cast<uint8_t>((word >> 15) & 0x7F),
+          static_cast<uint16_t>(word & 0xFF), static_cast<uint16_t>((word >> 8) & 0x7F)};
+}
+
+// ---------------------------------------------------------------------------
+// Command frames (interrupt endpoint 0x01)
+// ---------------------------------------------------------------------------
+
+// A command frame as it goes out: only the first `len` bytes are sent.
+struct CmdFrame {
+  std::array<uint8_t, kCmdFrameRoom> bytes{};
+  int len = 0;
+};
+
+// 55 code 01 01: the version and board queries.
+CmdFrame encodeQuery(uint8_t code);
+// The 24-byte baud-init command.
+CmdFrame encodeBaudInit(uint8_t channel, uint8_t modeByte4, uint8_t modeByte5,
+                        uint8_t arbitrationClockMHz, uint8_t dataClockMHz, uint32_t arbitrationWord,
+                        uint32_t dataWord);
+// 55 code 02 00 (channel << 4): start and stop.
+CmdFrame encodeChannelCmd(uint8_t code, uint8_t channel);
+// 55 16 ((channel << 4) | 1) 00.
+CmdFrame encodeStatusQuery(uint8_t channel);
+CmdFrame encodeFilter(FilterSub sub, uint8_t channel, uint32_t firstId, uint32_t lastId);
+// 12 A7 followed by at most 62 payload bytes.
+CmdFrame encodeRawExchange(const uint8_t *payload, uint32_t length);
+
+inline uint16_t replyVersionWord(const uint8_t *reply) {
+  return static_cast<uint16_t>(reply[4] * 256 + reply[5]);
+}
+inline uint32_t replyStatusWord(const uint8_t *reply) {
+  return static_cast<uint32_t>(reply[3]) | static_cast<uint32_t>(reply[4]) << 8 |
+         static_cast<uint32_t>(reply[5]) << 16 | static_cast<uint32_t>(reply[6]) << 24;
+}
+
+// ---------------------------------------------------------------------------
+// Transmit batches (bulk endpoint 0x02)
+// ---------------------------------------------------------------------------
+
+using TxFrame = std::array<uint8_t, kTxFrameRoom>;
+
+// Packs min(count, 10) records into one data frame and returns its length.
+// Remote records have their dataLen set to 0 in the caller's array, and the
+// 0 is what goes on the wire. The channel is not range-checked: only its low
+// nibble survives in the record.
+size_t encodeCanBatch(uint8_t header, unsigned channel, _WCAN_CAN_OBJ *frames, unsigned count,
+                      TxFrame &out);
+size_t encodeCanFdBatch(uint8_t header, unsigned channel, _WCAN_CANFD_OBJ *frames, unsigned count,
+                        TxFrame &out);
+
+// ---------------------------------------------------------------------------
+// Receive stream (bulk endpoint 0x83)
+// ---------------------------------------------------------------------------
+
+// Read-only view over received bytes that never reads past its end: reads
+// beyond it yield 0, so a decoder given a short view cannot overrun.
+class ByteReader {
+public:
+  constexpr ByteReader(const uint8_t *data, size_t size) : data_(data), size_(size) {}
+
+  constexpr size_t size() const { return size_; }
+  constexpr bool has(size_t offset, size_t length) const {
+    return offset <= size_ && length <= size_ - offset;
+  }
+  uint8_t at(size_t i) const { return i < size_ ? data_[i] : 0; }
+  uint16_t u16le(size_t i) const { return static_cast<uint16_t>(at(i) | at(i + 1) << 8); }
+  uint32_t u32le(size_t i) const {
+    if (!has(i, 4)) {
+      return static_cast<uint32_t>(u16le(i)) | static_cast<uint32_t>(u16le(i + 2)) << 16;
+    }
+    uint32_t v;
+    std::memcpy(&v, data_ + i, 4);
+    return v; // little-endian host
+  }
+  // Copies `length` bytes from `offset`, zero-filling what lies past the end.
+  void copy(size_t offset, uint8_t *out, size_t length) const {
+    size_t avail = offset < size_ ? std::min(length, size_ - offset) : 0;
+    std::memcpy(out, data_ + offset, avail);
+    std::memset(out + avail, 0, length - avail);
+  }
+  ByteReader sub(size_t offset, size_t length) const {
+    if (offset > size_) {
+      return ByteReader(data_ + size_, 0);
+    }
+    return ByteReader(data_ + offset, std::min(length, size_ - offset));
+  }
+
+private:
+  const uint8_t *data_;
+  size_t size_;
+};
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "u32le assumes a little-endian host");
+
+// Queue of a record: the channel nibble, channels 8..15 all landing in 7.
+inline unsigned recordQueue(ByteReader record) {
+  return std::min<unsigned>(record.at(0) >> 4, kChannelSlots - 1);
+}
+inline bool isFdRecord(ByteReader record) { return (record.at(1) & kWireFd) != 0; }
+
+// Decode one record. The reader should span the whole record; bytes missing
+// from a short one read as zero.
+void decodeCanRecord(ByteReader record, _WCAN_CAN_OBJ &out);
+void decodeCanFdRecord(ByteReader record, _WCAN_CANFD_OBJ &out);
+
+enum class HeaderScan { NotHeader, Incomplete, Frame };
+
+// Whether a data frame starts at `p`. A header prefix cut by the end of the
+// data, or a frame not yet complete, is Incomplete. A zero payload length,
+// or one whose frame could never fit in the stream buffer, is no header.
+inline HeaderScan scanHeader(ByteReader in, size_t p) {
+  const size_t remaining = in.size() - p;
+  if (in.at(p) != kFrameStart) {
+    return HeaderScan::NotHeader;
+  }
+  if (remaining < 2) {
+    return HeaderScan::Incomplete;
+  }
+  if (in.at(p + 1) != kDataFrameCode) {
+    return HeaderScan::NotHeader;
+  }
+  if (remaining < 6) {
+    return HeaderScan::Incomplete;
+  }
+  const size_t payload = in.u16le(p + 4);
+  if (payload == 0 || payload + kDataHeaderLen > kStreamBufferLen) {
+    return HeaderScan::NotHeader;
+  }
+  return remaining < payload + kDataHeaderLen ? HeaderScan::Incomplete : HeaderScan::Frame;
+}
+
+// Parses the data frames in buf[0..length) and hands every record to the
+// sink (sink.can(queue, obj) / sink.canFd(queue, obj)). Returns the bytes
+// consumed; an incomplete frame at the end stays unconsumed. Records are
+// stepped by their fixed sizes; a record that would run past the data is not
+// decoded and scanning resumes at its first byte.
+template <class Sink> size_t parseStream(const uint8_t *buf, size_t length, Sink &sink) {
+  const ByteReader in(buf, length);
+  size_t p = 0;
+  if (length < kDataHeaderLen) {
+    return 0;
+  }
+  while (p < length) {
+    const HeaderScan scan = scanHeader(in, p);
+    if (scan == HeaderScan::Incomplete) {
+      break;
+    }
+    if (scan == HeaderScan::NotHeader) {
+      ++p;
+      continue;
+    }
+    const unsigned count = in.at(p + 6);
+    p += kDataHeaderLen;
+    for (unsigned i = 0; i < count; ++i) {
+      const bool fd = (in.at(p + 1) & kWireFd) != 0;
+      const size_t recordLen = fd ? kCanFdRecordLen : kCanRecordLen;
+      if (!in.has(p, recordLen)) {
+        break;
+      }
+      const ByteReader record = in.sub(p, recordLen);
+      if (fd) {
+        _WCAN_CANFD_OBJ obj;
+        decodeCanFdRecord(record, obj);
+        sink.canFd(recordQueue(record), obj);
+      } else {
+        _WCAN_CAN_OBJ obj;
+        decodeCanRecord(record, obj);
+        sink.can(recordQueue(record), obj);
+      }
+      p += recordLen;
+    }
+  }
+  return p;
+}
+
+// The stream buffer: accumulates bulk reads and parses them in place,
+// keeping the unparsed rest (an incomplete frame) for the next read.
+class StreamAssembler {
+public:
+  template <class Sink> void feed(const uint8_t *data, size_t length, Sink &sink) {
+    while (length > 0) {
+      const size_t take = std::min(length, kStreamBufferLen - fill_);
+      std::memcpy(buf_.data() + fill_, data, take);
+      fill_ += take;
+      data += take;
+      length -= take;
+      size_t used = parseStream(buf_.data(), fill_, sink);
+      if (used == 0 && fill_ == kStreamBufferLen) {
+        used = 1; // cannot happen with the header rules above; never stall
+      }
+      std::memmove(buf_.data(), buf_.data() + used, fill_ - used);
+      fill_ -= used;
+    }
+  }
+  void reset() { fill_ = 0; }
+  size_t pending() const { return fill_; }
+
+private:
+  std::array<uint8_t, kStreamBufferLen> buf_{};
+  size_t fill_ = 0;
+};
+
+} // namespace usbcanfd

@@ -159,16 +159,18 @@ const std::map<std::string, Expectation> kTable = {
      {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, kSentinel}}},
 };
 
+// Keeps a mock registered for the life of the guard.
+struct Registered {
+  Registered(unsigned type, MockDevice &device) : type(type) {
+    wcanDevMgr.deviceAdd(type, 0, &device);
+  }
+  ~Registered() { wcanDevMgr.deviceDel(type, 0); }
+  unsigned type;
+};
+
 class Routing : public ::testing::Test {
 protected:
   void SetUp() override { setLastError(kSentinel); }
-  void TearDown() override {
-    for (unsigned type : {kFd, kRec}) {
-      if (wcanDevMgr.deviceFind(type, 0) != nullptr) {
-        wcanDevMgr.deviceDel(type, 0);
-      }
-    }
-  }
   void check(const Route &route, unsigned type, bool open, const Outcome &outcome) {
     SCOPED_TRACE(route.name + " type " + std::to_string(type) + (open ? " open" : " closed"));
     setLastError(kSentinel);
@@ -219,7 +221,7 @@ TEST_F(Routing, UnknownTypesAreUnsupportedExceptForRecordCalls) {
 TEST_F(Routing, InitCanFdStartsTheChannelOnlyAfterSuccess) {
   MockDevice device;
   EXPECT_CALL(device, closeDevice()).WillRepeatedly(Return(1));
-  wcanDevMgr.deviceAdd(kFd, 0, &device);
+  Registered registered(kFd, device);
   {
     ::testing::InSequence order;
     EXPECT_CALL(device, initCANFD(2u, &fdConfig)).WillOnce(Return(1));
@@ -236,7 +238,7 @@ TEST_F(Routing, OpeningAnOpenDeviceSucceedsWithoutTouchingIt) {
   MockDevice device;
   EXPECT_CALL(device, openDevice(_, _, _)).Times(0);
   EXPECT_CALL(device, closeDevice()).WillRepeatedly(Return(1));
-  wcanDevMgr.deviceAdd(kFd, 0, &device);
+  Registered registered(kFd, device);
   EXPECT_EQ(WCAN_OpenDevice(kFd, 0), 1);
   EXPECT_EQ(WCAN_GetLastError(), kSentinel);
 }

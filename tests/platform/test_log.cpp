@@ -18,8 +18,9 @@ namespace {
 class Log : public ::testing::Test {
 protected:
   void SetUp() override {
-    dir = fs::temp_directory_path() / ("wcan-log-" + std::to_string(getpid()) + "-" +
-                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    dir = fs::temp_directory_path() /
+          ("wcan-log-" + std::to_string(getpid()) + "-" +
+           ::testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(dir);
     fs::create_directories(dir);
     previous = fs::current_path();

@@ -1,0 +1,301 @@
+#include "SimAdapter.h"
+
+#include <libusb-1.0/libusb.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace wcansim {
+
+namespace {
+
+// A real endpoint FIFO is small; a host that never reads an endpoint (the
+// CAN FD driver ignores the transmit acknowledgements) must not make the
+// simulation grow without end, so the newest transfer is dropped when full.
+constexpr size_t kMaxQueuedTransfers = 1024;
+// The record of written transfers keeps the most recent ones per endpoint,
+// enough for any test, bounded for long runs of the tools.
+constexpr size_t kMaxWrittenPerEndpoint = 8192;
+constexpr uint8_t kCommandReplyEp = 0x81;
+
+bool traceEnabled() {
+  static const bool enabled = [] {
+    const char *v = std::getenv("WCAN_SIM_TRACE");
+    return v != nullptr && std::strcmp(v, "1") == 0;
+  }();
+  return enabled;
+}
+
+size_t epSlot(uint8_t ep) { return ep & 0x0F; }
+
+uint8_t nextBusAddress() {
+  static std::atomic<unsigned> counter{0};
+  return static_cast<uint8_t>(1 + counter.fetch_add(1) % 127);
+}
+
+} // namespace
+
+Adapter::Adapter(AdapterId id, unsigned devType, std::unique_ptr<DeviceModel> model)
+    : id_(id), devType_(devType), model_(std::move(model)), vendorId_(model_->vendorId()),
+      productId_(model_->productId()),
+      channelCount_(std::min<unsigned>(model_->channelCount(), kMaxChannels)),
+      address_(nextBusAddress()), pluggedAt_(std::chrono::steady_clock::now()) {}
+
+uint32_t Adapter::deviceTimeUs() const {
+  const auto us = std::chrono::duration_cast<std::chrono::microseconds>(
+                      std::chrono::steady_clock::now() - pluggedAt_)
+                      .count();
+  return static_cast<uint32_t>(static_cast<uint64_t>(us));
+}
+
+void Adapter::queueIn(uint8_t ep, Bytes bytes) {
+  if (silent_)
+    return;
+  if (ep == kCommandReplyEp)
+    applyReplyFault(bytes);
+  enqueue(ep, std::move(bytes));
+}
+
+void Adapter::sendToBus(unsigned channel, const CanFrame &frame) {
+  outbox_.push_back({channel, frame});
+}
+
+void Adapter::enqueue(uint8_t ep, Bytes bytes) {
+  InQueue &q = in_[epSlot(ep)];
+  if (bytes.empty() || q.transfers.size() >= kMaxQueuedTransfers)
+    return;
+  trace("IN ", ep, bytes.data(), bytes.size());
+  q.transfers.push_back(std::move(bytes));
+  dataOrGone_.notify_all();
+}
+
+void Adapter::applyReplyFault(Bytes &reply) {
+  if (faults_.empty())
+    return;
+  PendingFault &f = faults_.front();
+  switch (f.fault) {
+  case ReplyFault::Short:
+    if (reply.size() > f.value)
+      reply.resize(f.value);
+    break;
+  case ReplyFault::Foreign:
+    if (reply.size() > 1)
+      reply[1] = f.value;
+    break;
+  case ReplyFault::Status:
+    if (reply.size() > 3)
+      reply[3] = f.value;
+    break;
+  }
+  if (--f.remaining <= 0)
+    faults_.pop_front();
+}
+
+int Adapter::checkAlive(uint32_t generation) const {
+  return isCurrent(generation) ? 0 : LIBUSB_ERROR_NO_DEVICE;
+}
+
+void Adapter::collectOutbox(BusFrames &toBus) {
+  // A listen-only channel never drives the bus, whatever its model asks.
+  for (const BusFrame &f : outbox_) {
+    if (f.channel >= channelCount_ || model_->channelListenOnly(f.channel))
+      continue;
+    sent_[f.channel].fetch_add(1, std::memory_order_relaxed);
+    toBus.push_back(f);
+  }
+  outbox_.clear();
+}
+
+int Adapter::write(uint32_t generation, uint8_t ep, const uint8_t *data, int len, int *transferred,
+                   BusFrames &toBus) {
+  *transferred = 0;
+  if ((ep & LIBUSB_ENDPOINT_IN) != 0 || len < 0 || (len > 0 && data == nullptr))
+    return LIBUSB_ERROR_INVALID_PARAM;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!isCurrent(generation))
+    return LIBUSB_ERROR_NO_DEVICE;
+  trace("OUT", ep, data, static_cast<size_t>(len));
+  auto &record = written_[epSlot(ep)];
+  record.emplace_back(data, data + len);
+  if (record.size() > kMaxWrittenPerEndpoint)
+    record.pop_front();
+  const int accepted = model_->onHostWrite(*this, ep, data, static_cast<size_t>(len));
+  collectOutbox(toBus);
+  if (accepted < 0)
+    return accepted;
+  *transferred = std::min(accepted, len);
+  return 0;
+}
+
+int Adapter::takeFromQueue(uint8_t ep, uint8_t *buf, int len) {
+  InQueue &q = in_[epSlot(ep)];
+  const EndpointShape shape = model_->endpointShape(ep);
+  if (shape.kind == EndpointShape::Packet) {
+    const Bytes &front = q.transfers.front();
+    const size_t n = std::min(front.size(), static_cast<size_t>(len));
+    std::copy_n(front.begin(), n, buf);
+    q.transfers.pop_front();
+    return static_cast<int>(n);
+  }
+  size_t room = static_cast<size_t>(std::min(len, shape.maxRead));
+  size_t n = 0;
+  while (room > 0 && !q.transfers.empty()) {
+    const Bytes &front = q.transfers.front();
+    const size_t take = std::min(room, front.size() - q.frontOffset);
+    std::copy_n(front.begin() + static_cast<std::ptrdiff_t>(q.frontOffset), take, buf + n);
+    n += take;
+    room -= take;
+    q.frontOffset += take;
+    if (q.frontOffset == front.size()) {
+      q.transfers.pop_front();
+      q.frontOffset = 0;
+    }
+  }
+  return static_cast<int>(n);
+}
+
+int Adapter::read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *transferred,
+                  unsigned timeoutMs) {
+  *transferred = 0;
+  if ((ep & LIBUSB_ENDPOINT_IN) == 0 || len < 0 || (len > 0 && buf == nullptr))
+    return LIBUSB_ERROR_INVALID_PARAM;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    if (!isCurrent(generation))
+      return LIBUSB_ERROR_NO_DEVICE;
+    InQueue &q = in_[epSlot(ep)];
+    if (q.transfers.empty() && !silent_)
+      model_->onReadEmpty(*this, ep);
+    if (!q.transfers.empty() && len > 0) {
+      *transferred = takeFromQueue(ep, buf, len);
+      return 0;
+    }
+    if (timeoutMs == 0) {
+      dataOrGone_.wait(lock);
+    } else if (dataOrGone_.wait_until(lock, deadline) == std::cv_status::timeout) {
+      // One last look: data may have come with the time-out.
+      if (isCurrent(generation) && !q.transfers.empty() && len > 0) {
+        *transferred = takeFromQueue(ep, buf, len);
+        return 0;
+      }
+      return isCurrent(generation) ? LIBUSB_ERROR_TIMEOUT : LIBUSB_ERROR_NO_DEVICE;
+    }
+  }
+}
+
+int Adapter::resetDevice(uint32_t generation) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!isCurrent(generation))
+    return LIBUSB_ERROR_NO_DEVICE;
+  clearQueues();
+  outbox_.clear();
+  model_->onReset();
+  return 0;
+}
+
+bool Adapter::deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!isPlugged() || channel >= channelCount_ || !model_->channelStarted(channel))
+    return false;
+  model_->onBusFrame(*this, channel, frame, deviceTimeUs());
+  delivered_[channel].fetch_add(1, std::memory_order_relaxed);
+  collectOutbox(toBus);
+  dataOrGone_.notify_all();
+  return true;
+}
+
+void Adapter::clearQueues() {
+  for (InQueue &q : in_)
+    q.clear();
+}
+
+void Adapter::unplug() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  plugged_.store(false, std::memory_order_release);
+  clearQueues();
+  outbox_.clear();
+  dataOrGone_.notify_all();
+}
+
+void Adapter::replug() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (removed_ || isPlugged())
+    return;
+  generation_.fetch_add(1, std::memory_order_acq_rel);
+  address_.store(nextBusAddress(), std::memory_order_release);
+  pluggedAt_ = std::chrono::steady_clock::now();
+  clearQueues();
+  model_->onReset();
+  plugged_.store(true, std::memory_order_release);
+  dataOrGone_.notify_all();
+}
+
+void Adapter::remove() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  removed_ = true;
+  plugged_.store(false, std::memory_order_release);
+  clearQueues();
+  for (auto &record : written_)
+    record.clear();
+  dataOrGone_.notify_all();
+}
+
+void Adapter::setSilent(bool silent) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  silent_ = silent;
+}
+
+void Adapter::injectReplyFault(ReplyFault fault, uint8_t value, int count) {
+  if (count <= 0)
+    return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  faults_.push_back({fault, value, count});
+}
+
+void Adapter::pushIn(uint8_t ep, const Bytes &bytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (isPlugged())
+    enqueue(ep | LIBUSB_ENDPOINT_IN, bytes);
+}
+
+std::vector<Bytes> Adapter::written(uint8_t ep) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto &record = written_[epSlot(ep)];
+  return {record.begin(), record.end()};
+}
+
+void Adapter::clearWritten() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto &record : written_)
+    record.clear();
+}
+
+uint64_t Adapter::framesSent(unsigned channel) const {
+  return channel < kMaxChannels ? sent_[channel].load(std::memory_order_relaxed) : 0;
+}
+
+uint64_t Adapter::framesDelivered(unsigned channel) const {
+  return channel < kMaxChannels ? delivered_[channel].load(std::memory_order_relaxed) : 0;
+}
+
+void Adapter::trace(const char *dir, uint8_t ep, const uint8_t *data, size_t len) const {
+  if (!traceEnabled())
+    return;
+  std::string line = "wcan-sim[" + std::to_string(id_) + "] " + dir + " ep";
+  char hex[4];
+  std::snprintf(hex, sizeof hex, "%02x", ep);
+  line += hex;
+  line += ":";
+  for (size_t i = 0; i < len; ++i) {
+    std::snprintf(hex, sizeof hex, " %02x", data[i]);
+    line += hex;
+  }
+  line += '\n';
+  std::fputs(line.c_str(), stderr);
+}
+
+} // namespace wcansim

@@ -1,0 +1,125 @@
+// One simulated USB adapter: a device model behind IN endpoint queues, with
+// its own lock and a condition its blocked readers sleep on. The adapter knows
+// nothing of libusb handles or of the bus wiring: it returns the frames its
+// model put on the bus, and the caller routes them once the lock is released.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "SimModel.h"
+#include "wcan_sim.h"
+
+namespace wcansim {
+
+constexpr unsigned kMaxChannels = 16;
+
+// A frame leaving an adapter channel for the bus.
+struct BusFrame {
+  unsigned channel;
+  CanFrame frame;
+};
+using BusFrames = std::vector<BusFrame>;
+
+class Adapter final : public ModelHost {
+public:
+  Adapter(AdapterId id, unsigned devType, std::unique_ptr<DeviceModel> model);
+
+  AdapterId id() const { return id_; }
+  unsigned devType() const { return devType_; }
+  uint16_t vendorId() const { return vendorId_; }
+  uint16_t productId() const { return productId_; }
+  unsigned channelCount() const { return channelCount_; }
+
+  // Each plug-in is a new generation; handles of an older one keep failing.
+  uint32_t generation() const { return generation_.load(std::memory_order_acquire); }
+  bool isPlugged() const { return plugged_.load(std::memory_order_acquire); }
+  bool isCurrent(uint32_t generation) const {
+    return isPlugged() && generation == this->generation();
+  }
+  // USB bus address, new at every plug-in as on a real bus.
+  uint8_t address() const { return address_.load(std::memory_order_acquire); }
+
+  // ModelHost (called by the model with the lock held).
+  uint32_t deviceTimeUs() const override;
+  void queueIn(uint8_t ep, Bytes bytes) override;
+  void sendToBus(unsigned channel, const CanFrame &frame) override;
+
+  // Transfers: 0 or a negative libusb error; *transferred is always set.
+  // Frames the model sent while handling a write are appended to `toBus`.
+  int write(uint32_t generation, uint8_t ep, const uint8_t *data, int len, int *transferred,
+            BusFrames &toBus);
+  int read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *transferred,
+           unsigned timeoutMs);
+  int resetDevice(uint32_t generation);
+  int checkAlive(uint32_t generation) const;
+
+  // A frame on the bus reached `channel`; returns whether the channel took it.
+  bool deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus);
+
+  void unplug();
+  void replug();
+  void remove(); // gone for good (the test bed was reset)
+  void setSilent(bool silent);
+  void injectReplyFault(ReplyFault fault, uint8_t value, int count);
+  void pushIn(uint8_t ep, const Bytes &bytes);
+  std::vector<Bytes> written(uint8_t ep) const;
+  void clearWritten();
+  DeviceModel *model() { return model_.get(); }
+
+  uint64_t framesSent(unsigned channel) const;
+  uint64_t framesDelivered(unsigned channel) const;
+
+private:
+  struct InQueue {
+    std::deque<Bytes> transfers;
+    size_t frontOffset = 0; // bytes of the front transfer already read (streams)
+    void clear() {
+      transfers.clear();
+      frontOffset = 0;
+    }
+  };
+  struct PendingFault {
+    ReplyFault fault;
+    uint8_t value;
+    int remaining;
+  };
+
+  void enqueue(uint8_t ep, Bytes bytes);
+  void applyReplyFault(Bytes &reply);
+  int takeFromQueue(uint8_t ep, uint8_t *buf, int len);
+  void clearQueues();
+  void collectOutbox(BusFrames &toBus);
+  void trace(const char *dir, uint8_t ep, const uint8_t *data, size_t len) const;
+
+  const AdapterId id_;
+  const unsigned devType_;
+  const std::unique_ptr<DeviceModel> model_;
+  const uint16_t vendorId_;
+  const uint16_t productId_;
+  const unsigned channelCount_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable dataOrGone_;
+  std::atomic<uint32_t> generation_{1};
+  std::atomic<bool> plugged_{true};
+  std::atomic<uint8_t> address_{0};
+  bool removed_ = false;
+  bool silent_ = false;
+  std::chrono::steady_clock::time_point pluggedAt_;
+  std::array<InQueue, 16> in_;
+  std::array<std::deque<Bytes>, 16> written_;
+  std::deque<PendingFault> faults_;
+  BusFrames outbox_;
+  std::array<std::atomic<uint64_t>, kMaxChannels> sent_{};
+  std::array<std::atomic<uint64_t>, kMaxChannels> delivered_{};
+};
+
+} // namespace wcansim

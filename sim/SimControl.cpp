@@ -1,0 +1,94 @@
+// The control interface of wcan_sim.h over the test bed.
+#include "wcan_sim.h"
+
+#include "SimTestbed.h"
+
+namespace wcansim {
+
+namespace {
+
+Testbed &bed() { return Testbed::instance(); }
+
+template <class F> void withAdapter(AdapterId id, F &&f) {
+  if (auto a = bed().adapter(id))
+    f(*a);
+}
+
+} // namespace
+
+void reset() { bed().reset(); }
+
+AdapterId plugIn(unsigned devType) { return bed().plugIn(devType); }
+
+void unplug(AdapterId adapter) {
+  withAdapter(adapter, [](Adapter &a) { a.unplug(); });
+}
+
+void replug(AdapterId adapter) {
+  withAdapter(adapter, [](Adapter &a) { a.replug(); });
+}
+
+bool isPlugged(AdapterId adapter) {
+  auto a = bed().adapter(adapter);
+  return a && a->isPlugged();
+}
+
+void setSilent(AdapterId adapter, bool silent) {
+  withAdapter(adapter, [silent](Adapter &a) { a.setSilent(silent); });
+}
+
+void injectReplyFault(AdapterId adapter, ReplyFault fault, uint8_t value, int count) {
+  withAdapter(adapter, [&](Adapter &a) { a.injectReplyFault(fault, value, count); });
+}
+
+void pushIn(AdapterId adapter, uint8_t ep, const Bytes &bytes) {
+  withAdapter(adapter, [&](Adapter &a) { a.pushIn(ep, bytes); });
+}
+
+std::vector<Bytes> written(AdapterId adapter, uint8_t ep) {
+  auto a = bed().adapter(adapter);
+  return a ? a->written(ep) : std::vector<Bytes>{};
+}
+
+void clearWritten(AdapterId adapter) {
+  withAdapter(adapter, [](Adapter &a) { a.clearWritten(); });
+}
+
+void connect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB) {
+  bed().connect(a, channelA, b, channelB);
+}
+
+void disconnect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB) {
+  bed().disconnect(a, channelA, b, channelB);
+}
+
+void disconnectAll(AdapterId adapter) { bed().disconnectAll(adapter); }
+
+void injectFrame(AdapterId adapter, unsigned channel, const CanFrame &frame) {
+  bed().inject(adapter, channel, frame);
+}
+
+DeviceModel *model(AdapterId adapter) {
+  auto a = bed().adapter(adapter);
+  return a ? a->model() : nullptr;
+}
+
+uint64_t framesSent(AdapterId adapter, unsigned channel) {
+  auto a = bed().adapter(adapter);
+  return a ? a->framesSent(channel) : 0;
+}
+
+uint64_t framesDelivered(AdapterId adapter, unsigned channel) {
+  auto a = bed().adapter(adapter);
+  return a ? a->framesDelivered(channel) : 0;
+}
+
+} // namespace wcansim
+
+extern "C" {
+
+int wcan_sim_plug_in(unsigned devType) { return wcansim::plugIn(devType); }
+void wcan_sim_reset(void) { wcansim::reset(); }
+void wcan_sim_unplug(int adapter) { wcansim::unplug(adapter); }
+void wcan_sim_replug(int adapter) { wcansim::replug(adapter); }
+}

@@ -1,0 +1,331 @@
+// The libusb simulation layer and the virtual bus, seen through libusb calls.
+#include <gtest/gtest.h>
+#include <libusb-1.0/libusb.h>
+#include <time.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "sim/ModelUsbCanFd.h"
+#include "sim/wcan_sim.h"
+
+namespace wcansim {
+namespace {
+
+constexpr uint8_t kCmd = 0x01, kReply = 0x81, kData = 0x02, kStream = 0x83;
+
+double threadCpuMs() {
+  timespec ts{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
+}
+
+class SimCore : public ::testing::Test {
+protected:
+  libusb_context *ctx = nullptr;
+  std::vector<libusb_device_handle *> handles;
+
+  void SetUp() override {
+    reset();
+    ASSERT_EQ(libusb_init(&ctx), 0);
+  }
+  void TearDown() override {
+    for (auto *h : handles)
+      libusb_close(h);
+    libusb_exit(ctx);
+    reset();
+  }
+
+  // The addresses of the listed devices with these ids, in list order.
+  std::vector<uint8_t> addresses(libusb_context *c, uint16_t vid, uint16_t pid) {
+    libusb_device **list = nullptr;
+    const ssize_t n = libusb_get_device_list(c, &list);
+    std::vector<uint8_t> found;
+    for (ssize_t i = 0; i < n; ++i) {
+      libusb_device_descriptor d{};
+      EXPECT_EQ(libusb_get_device_descriptor(list[i], &d), 0);
+      if (d.idVendor == vid && d.idProduct == pid)
+        found.push_back(libusb_get_device_address(list[i]));
+    }
+    libusb_free_device_list(list, 1);
+    return found;
+  }
+
+  // Opens the index-th device with these ids, or returns null.
+  libusb_device_handle *open(uint16_t vid, uint16_t pid, int index = 0) {
+    libusb_device **list = nullptr;
+    const ssize_t n = libusb_get_device_list(ctx, &list);
+    libusb_device_handle *h = nullptr;
+    for (ssize_t i = 0; i < n && h == nullptr; ++i) {
+      libusb_device_descriptor d{};
+      libusb_get_device_descriptor(list[i], &d);
+      if (d.idVendor == vid && d.idProduct == pid && index-- == 0) {
+        EXPECT_EQ(libusb_open(list[i], &h), 0);
+      }
+    }
+    libusb_free_device_list(list, 1);
+    if (h != nullptr)
+      handles.push_back(h);
+    return h;
+  }
+  libusb_device_handle *openFd(int index = 0) { return open(0x3068, 0x0009, index); }
+
+  static int send(libusb_device_handle *h, uint8_t ep, Bytes bytes) {
+    int n = -1;
+    const int rc =
+        libusb_interrupt_transfer(h, ep, bytes.data(), static_cast<int>(bytes.size()), &n, 1000);
+    return rc == 0 ? n : rc;
+  }
+  static Bytes receive(libusb_device_handle *h, uint8_t ep, int room = 64,
+                       unsigned timeoutMs = 200) {
+    Bytes buf(static_cast<size_t>(room));
+    int n = -1;
+    const int rc = libusb_bulk_transfer(h, ep, buf.data(), room, &n, timeoutMs);
+    EXPECT_TRUE(rc == 0 || n == 0);
+    buf.resize(rc == 0 ? static_cast<size_t>(n) : 0);
+    return buf;
+  }
+  static Bytes command(libusb_device_handle *h, Bytes cmd) {
+    EXPECT_EQ(send(h, kCmd, cmd), static_cast<int>(cmd.size()));
+    return receive(h, kReply);
+  }
+  static void startChannel(libusb_device_handle *h, uint8_t ch) {
+    ASSERT_EQ(command(h, {0x55, 0x0E, 0x02, 0x00, static_cast<uint8_t>(ch << 4)}).at(3), 0);
+  }
+  static void makeListenOnly(libusb_device_handle *h, uint8_t ch) {
+    Bytes init{0x55, 0x03, ch, 0x01, 0x00, 0x01, 60, 0, 5, 0, 0, 6,
+               0,    1,    0,  60,   0,    5,    0,  0, 6, 0, 1, 0};
+    ASSERT_EQ(command(h, init).at(3), 0);
+  }
+  // One classic data frame with one record, id `id`, on channel `ch`.
+  static Bytes dataFrame(uint8_t ch, uint8_t id) {
+    Bytes f{0x55, 0xF2, 0, 0, 19, 0,    1,   static_cast<uint8_t>(ch << 4), 0, 0, 0, 0, 0,
+            id,   0,    0, 0, 2,  0x11, 0x22};
+    f.resize(7 + 19, 0);
+    return f;
+  }
+};
+
+TEST_F(SimCore, EnumeratesAdaptersWithEqualIdsInPlugOrder) {
+  plugIn(41);
+  plugIn(64);
+  plugIn(42);
+  plugIn(43);
+  EXPECT_EQ(plugIn(99), -1);
+  const auto fd = addresses(ctx, 0x3068, 0x0009);
+  ASSERT_EQ(fd.size(), 3u);
+  EXPECT_EQ(addresses(nullptr, 0x3068, 0x0009), fd) << "the NULL context sees the same";
+  EXPECT_EQ(addresses(ctx, 0x0471, 0x3014).size(), 1u);
+
+  // Each adapter answers as itself: the third one's serial number differs.
+  libusb_device_handle *third = openFd(2);
+  ASSERT_NE(third, nullptr);
+  unsigned char serial[256];
+  const int n = libusb_control_transfer(third, 0x80, 6, 0x0303, 0, serial, sizeof serial, 1000);
+  ASSERT_GT(n, 2);
+  EXPECT_EQ(serial[0], n);
+  EXPECT_EQ(serial[1], LIBUSB_DT_STRING);
+  unsigned char first[256];
+  EXPECT_EQ(libusb_control_transfer(openFd(0), 0x80, 6, 0x0303, 0, first, sizeof first, 1000), n);
+  EXPECT_NE(0, memcmp(first, serial, static_cast<size_t>(n)));
+  EXPECT_EQ(openFd(3), nullptr);
+}
+
+TEST_F(SimCore, ReadTimesOutWithoutSpinning) {
+  plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  unsigned char buf[64];
+  int n = -1;
+  const auto t0 = std::chrono::steady_clock::now();
+  const double cpu0 = threadCpuMs();
+  EXPECT_EQ(libusb_bulk_transfer(h, kStream, buf, sizeof buf, &n, 100), LIBUSB_ERROR_TIMEOUT);
+  const double cpuMs = threadCpuMs() - cpu0;
+  EXPECT_EQ(n, 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(100));
+  EXPECT_LT(cpuMs, 50.0) << "the reader must sleep, not poll";
+}
+
+TEST_F(SimCore, UnplugWakesABlockedReaderAndReplugIsANewDevice) {
+  const AdapterId id = plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  startChannel(h, 0);
+  auto reader = std::async(std::launch::async, [h] {
+    unsigned char buf[64];
+    int n = -1;
+    return libusb_bulk_transfer(h, kStream, buf, sizeof buf, &n, 0); // no time-out
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  unplug(id);
+  ASSERT_EQ(reader.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(reader.get(), LIBUSB_ERROR_NO_DEVICE);
+  EXPECT_EQ(send(h, kCmd, {0x55, 0x01, 0x01, 0x01}), LIBUSB_ERROR_NO_DEVICE);
+  EXPECT_TRUE(addresses(ctx, 0x3068, 0x0009).empty());
+  EXPECT_EQ(openFd(), nullptr);
+
+  replug(id);
+  EXPECT_EQ(send(h, kCmd, {0x55, 0x01, 0x01, 0x01}), LIBUSB_ERROR_NO_DEVICE)
+      << "a handle of the unplugged device stays dead";
+  EXPECT_EQ(libusb_reset_device(h), LIBUSB_ERROR_NO_DEVICE);
+  libusb_device_handle *again = openFd();
+  ASSERT_NE(again, nullptr);
+  EXPECT_FALSE(model(id)->channelStarted(0)) << "replugged in its reset state";
+  EXPECT_EQ(command(again, {0x55, 0x01, 0x01, 0x01}).at(1), 0x01);
+}
+
+TEST_F(SimCore, UsbResetStopsTheChannels) {
+  const AdapterId id = plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  startChannel(h, 1);
+  EXPECT_TRUE(model(id)->channelStarted(1));
+  EXPECT_EQ(libusb_reset_device(h), 0);
+  EXPECT_FALSE(model(id)->channelStarted(1));
+  EXPECT_EQ(libusb_clear_halt(h, kStream), 0);
+}
+
+TEST_F(SimCore, RecordsEveryWrittenTransferPerEndpoint) {
+  const AdapterId id = plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  const Bytes a{0x55, 0x01, 0x01, 0x01}, b{0x55, 0x12, 0x01, 0x01};
+  command(h, a);
+  command(h, b);
+  send(h, kData, dataFrame(0, 1));
+  EXPECT_EQ(written(id, kCmd), (std::vector<Bytes>{a, b}));
+  EXPECT_EQ(written(id, kData), (std::vector<Bytes>{dataFrame(0, 1)}));
+  clearWritten(id);
+  EXPECT_TRUE(written(id, kCmd).empty());
+}
+
+TEST_F(SimCore, ReplyFaultsTamperWithTheNextReplies) {
+  struct Case {
+    ReplyFault fault;
+    uint8_t value;
+    Bytes expected;
+  } cases[] = {
+      {ReplyFault::Short, 2, {0x55, 0x01}},
+      {ReplyFault::Foreign, 0x13, {0x55, 0x13, 0x01, 0x00, 0x01, 0x05, 0, 0}},
+      {ReplyFault::Status, 0x09, {0x55, 0x01, 0x01, 0x09, 0x01, 0x05, 0, 0}},
+  };
+  const AdapterId id = plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  const Bytes version{0x55, 0x01, 0x01, 0x01};
+  const Bytes clean = command(h, version);
+  for (const Case &c : cases) {
+    injectReplyFault(id, c.fault, c.value, 2);
+    EXPECT_EQ(command(h, version), c.expected);
+    EXPECT_EQ(command(h, version), c.expected);
+    EXPECT_EQ(command(h, version), clean) << "only `count` replies are touched";
+  }
+}
+
+TEST_F(SimCore, SilentAdapterTakesWritesButNeverAnswers) {
+  const AdapterId id = plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  setSilent(id, true);
+  EXPECT_EQ(send(h, kCmd, {0x55, 0x01, 0x01, 0x01}), 4);
+  EXPECT_TRUE(receive(h, kReply, 64, 30).empty());
+  setSilent(id, false);
+  EXPECT_EQ(command(h, {0x55, 0x01, 0x01, 0x01}).size(), 8u);
+}
+
+TEST_F(SimCore, PacketAndStreamEndpointsServeReadsByTheirShape) {
+  const AdapterId id = plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  const Bytes ten{0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+  // Packet: one transfer per read, cut to the read length.
+  pushIn(id, kReply, ten);
+  pushIn(id, kReply, {0xEE});
+  EXPECT_EQ(receive(h, kReply, 4), (Bytes{0, 1, 2, 3}));
+  EXPECT_EQ(receive(h, kReply, 64), Bytes{0xEE});
+  // Stream: reads run across transfers.
+  pushIn(id, kStream, ten);
+  pushIn(id, kStream, ten);
+  EXPECT_EQ(receive(h, kStream, 15), (Bytes{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 1, 2, 3, 4}));
+  EXPECT_EQ(receive(h, kStream, 15), (Bytes{5, 6, 7, 8, 9}));
+}
+
+// Three adapters: 0 and 1 of type 41 (channels 0-1 cabled on each), 2 of 64.
+TEST_F(SimCore, BusDeliversOnlyToStartedCabledChannels) {
+  const AdapterId a = plugIn(41);
+  const AdapterId b = plugIn(41);
+  libusb_device_handle *ha = openFd(0);
+  libusb_device_handle *hb = openFd(1);
+  ASSERT_TRUE(ha && hb);
+  startChannel(ha, 0);
+  startChannel(hb, 0);
+
+  // Channel 1 of adapter a is not started: the frame goes nowhere.
+  ASSERT_EQ(send(ha, kData, dataFrame(0, 0x21)), 26);
+  EXPECT_EQ(framesSent(a, 0), 1u);
+  EXPECT_EQ(framesDelivered(a, 1), 0u);
+
+  startChannel(ha, 1);
+  ASSERT_EQ(send(ha, kData, dataFrame(0, 0x22)), 26);
+  Bytes got = receive(ha, kStream, 4096);
+  ASSERT_EQ(got.size(), 26u);
+  EXPECT_EQ(got[7], 0x10) << "arrives on channel 1";
+  EXPECT_EQ(got[13], 0x22);
+  EXPECT_EQ(framesDelivered(b, 0), 0u) << "adapters are not cabled to each other";
+
+  connect(a, 1, b, 0);
+  ASSERT_EQ(send(ha, kData, dataFrame(0, 0x23)), 26);
+  EXPECT_EQ(framesDelivered(b, 0), 0u) << "links are not transitive";
+  ASSERT_EQ(send(ha, kData, dataFrame(1, 0x24)), 26);
+  EXPECT_EQ(framesDelivered(a, 0), 1u);
+  EXPECT_EQ(framesDelivered(b, 0), 1u);
+  got = receive(hb, kStream, 4096);
+  ASSERT_EQ(got.size(), 26u);
+  EXPECT_EQ(got[13], 0x24);
+
+  disconnect(a, 1, b, 0);
+  makeListenOnly(ha, 1);
+  ASSERT_EQ(send(ha, kData, dataFrame(1, 0x25)), 26);
+  EXPECT_EQ(framesSent(a, 1), 1u) << "a listen-only channel does not send";
+
+  injectFrame(b, 1, CanFrame{0x26});
+  EXPECT_EQ(framesDelivered(b, 0), 2u) << "a foreign node reaches the cabled channel";
+}
+
+TEST_F(SimCore, DeviceTimeStampsRiseAndRestartOnReplug) {
+  const AdapterId id = plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  startChannel(h, 0);
+  auto stampOf = [&](libusb_device_handle *dev) {
+    injectFrame(id, 0, CanFrame{0x1});
+    const Bytes f = receive(dev, kStream, 4096);
+    EXPECT_EQ(f.size(), 26u);
+    return f.size() < 13 ? 0u
+                         : f[9] | f[10] << 8 | f[11] << 16 | static_cast<uint32_t>(f[12]) << 24;
+  };
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  const uint32_t before = stampOf(h);
+  EXPECT_GE(before, 30000u);
+  unplug(id);
+  replug(id);
+  libusb_device_handle *again = openFd();
+  ASSERT_NE(again, nullptr);
+  startChannel(again, 0);
+  EXPECT_LT(stampOf(again), before);
+}
+
+TEST_F(SimCore, ControlApiForDlopenUsers) {
+  wcan_sim_reset();
+  const int id = wcan_sim_plug_in(65);
+  EXPECT_EQ(addresses(ctx, 0x0471, 0x2014).size(), 1u);
+  wcan_sim_unplug(id);
+  EXPECT_FALSE(isPlugged(id));
+  wcan_sim_replug(id);
+  EXPECT_TRUE(isPlugged(id));
+  EXPECT_NE(libusb_strerror(LIBUSB_ERROR_NO_DEVICE), nullptr);
+}
+
+} // namespace
+} // namespace wcansim

@@ -1,8 +1,8 @@
-// A ModelHost for driving a device model directly: it keeps what the model
-// queued per IN endpoint and the frames it put on the bus, at a device time
-// the test sets.
+// A ModelHost that keeps everything a model hands it, for driving device
+// models directly in tests.
 #pragma once
 
+#include <deque>
 #include <map>
 #include <utility>
 #include <vector>
@@ -14,7 +14,7 @@ namespace wcansim {
 class FakeModelHost : public ModelHost {
 public:
   uint32_t timeUs = 0;
-  std::map<uint8_t, std::vector<Bytes>> queued;
+  std::map<uint8_t, std::deque<Bytes>> queued;
   std::vector<std::pair<unsigned, CanFrame>> sent;
 
   uint32_t deviceTimeUs() const override { return timeUs; }
@@ -23,19 +23,45 @@ public:
     sent.emplace_back(channel, frame);
   }
 
+  // What one read of `ep` would return: the first queued transfer, after
+  // giving the model its chance to fill an empty endpoint. Empty if nothing.
+  Bytes read(DeviceModel &model, uint8_t ep) {
+    if (queued[ep].empty())
+      model.onReadEmpty(*this, ep);
+    if (queued[ep].empty())
+      return {};
+    Bytes out = std::move(queued[ep].front());
+    queued[ep].pop_front();
+    return out;
+  }
+
+  // Every byte queued on a stream endpoint, joined, and the queue emptied.
+  Bytes drain(uint8_t ep) {
+    Bytes out;
+    for (const Bytes &b : queued[ep])
+      out.insert(out.end(), b.begin(), b.end());
+    queued[ep].clear();
+    return out;
+  }
+
+  // Write a whole transfer; returns what the model answered.
+  int write(DeviceModel &model, uint8_t ep, const Bytes &bytes) {
+    return model.onHostWrite(*this, ep, bytes.data(), bytes.size());
+  }
+
   // The oldest transfer queued on `ep`, removed; empty when there is none.
   Bytes take(uint8_t ep) {
     auto &q = queued[ep];
     if (q.empty())
       return {};
     Bytes front = std::move(q.front());
-    q.erase(q.begin());
+    q.pop_front();
     return front;
   }
 
-  // Write `bytes` to `ep` of `model` and return the reply queued on `replyEp`.
+  // Write `bytes` to `ep` and return the reply then queued on `replyEp`.
   Bytes exchange(DeviceModel &model, uint8_t ep, const Bytes &bytes, uint8_t replyEp) {
-    model.onHostWrite(*this, ep, bytes.data(), bytes.size());
+    write(model, ep, bytes);
     return take(replyEp);
   }
 };

@@ -125,48 +125,57 @@ bool QUserLog::Init() {
   return true;
 }
 
+void applyLogConfigLine(char *line, bool &inLogConfig, LogSettings &settings) {
+  char *text = QUserLog::TrimWhitespace(line);
+  const size_t len = strlen(text);
+  if (len == 0 || text[0] == ';') {
+    return;
+  }
+  if (text[0] == '[' && text[len - 1] == ']') {
+    char section[64] = {};
+    inLogConfig = sscanf(text, "[%63[^]]]", section) == 1 && strcmp(section, "LogConfig") == 0;
+    return;
+  }
+  char *equals = strchr(text, '=');
+  if (!inLogConfig || equals == nullptr) {
+    return;
+  }
+  *equals = '\0';
+  const char *key = QUserLog::TrimWhitespace(text);
+  char *value = QUserLog::TrimWhitespace(equals + 1);
+  if (char *comment = strchr(value, ';')) {
+    *comment = '\0';
+  }
+  value = QUserLog::TrimWhitespace(value);
+  if (strcmp(key, "LogLevel") == 0) {
+    const int level = atoi(value);
+    if (level >= 0 && level <= static_cast<int>(LOG_FATAL)) {
+      settings.level = static_cast<uint32_t>(level);
+    }
+  } else if (strcmp(key, "LogPath") == 0) {
+    snprintf(settings.path, sizeof settings.path, "%s", value);
+  } else if (strcmp(key, "FileOutput") == 0) {
+    settings.fileOutput = atoi(value) == 1;
+  }
+}
+
 void QUserLog::LoadConfig() {
   FILE *ini = fopen("QUserLog.ini", "r");
   if (ini == nullptr) {
     fileOutput = false;
     return;
   }
-  char raw[256];
+  LogSettings settings{logLevel, {}, fileOutput};
+  memcpy(settings.path, logPath, sizeof logPath);
+  char line[256];
   bool inLogConfig = false;
-  while (fgets(raw, sizeof raw, ini) != nullptr) {
-    char *text = TrimWhitespace(raw);
-    const size_t len = strlen(text);
-    if (len == 0 || text[0] == ';') {
-      continue;
-    }
-    if (text[0] == '[' && text[len - 1] == ']') {
-      char section[64] = {};
-      inLogConfig = sscanf(text, "[%63[^]]]", section) == 1 && strcmp(section, "LogConfig") == 0;
-      continue;
-    }
-    char *equals = strchr(text, '=');
-    if (!inLogConfig || equals == nullptr) {
-      continue;
-    }
-    *equals = '\0';
-    const char *key = TrimWhitespace(text);
-    char *value = TrimWhitespace(equals + 1);
-    if (char *comment = strchr(value, ';')) {
-      *comment = '\0';
-    }
-    value = TrimWhitespace(value);
-    if (strcmp(key, "LogLevel") == 0) {
-      const int level = atoi(value);
-      if (level >= LOG_TRACE && level <= LOG_FATAL) {
-        logLevel = static_cast<uint32_t>(level);
-      }
-    } else if (strcmp(key, "LogPath") == 0) {
-      snprintf(logPath, sizeof logPath, "%s", value);
-    } else if (strcmp(key, "FileOutput") == 0) {
-      fileOutput = atoi(value) == 1;
-    }
+  while (fgets(line, sizeof line, ini) != nullptr) {
+    applyLogConfigLine(line, inLogConfig, settings);
   }
   fclose(ini);
+  logLevel = settings.level;
+  memcpy(logPath, settings.path, sizeof logPath);
+  fileOutput = settings.fileOutput;
   std::cout << "Config loaded successfully:" << std::endl
             << "LogLevel: " << logLevel << std::endl
             << "LogPath: " << logPath << std::endl

@@ -9,6 +9,17 @@
 
 enum LogLevel : uint32_t { LOG_TRACE = 0, LOG_DEBUG, LOG_INFO, LOG_WARN, LOG_ERROR, LOG_FATAL };
 
+// The settings "QUserLog.ini" can change.
+struct LogSettings {
+  uint32_t level;
+  char path[256];
+  bool fileOutput;
+};
+
+// Applies one line of the configuration file (modified in place); tracks
+// whether the lines are inside the "LogConfig" section.
+void applyLogConfigLine(char *line, bool &inLogConfig, LogSettings &settings);
+
 class QUserLog {
 public:
   static QUserLog &GetInstance();

@@ -1,0 +1,422 @@
+// The CAN FD adapter driver end to end: exported functions over the
+// simulated adapter, checking the bytes on the wire and the frames handed
+// back. Only the tests named ...TimesOut wait for real time-outs.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "devices/usbcanfd/QDeviceUsbCanFd2.h"
+#include "sim/wcan_sim.h"
+#include "wcan.h"
+
+using wcansim::Bytes;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr unsigned kType = 41;
+
+_WCAN_INITFD_CONFIG fdConfig(uint32_t abit = 500000, uint32_t dbit = 2000000, uint8_t fd = 1) {
+  _WCAN_INITFD_CONFIG c{};
+  c.abitRate = abit;
+  c.dbitRate = dbit;
+  c.fdEnable = fd;
+  return c;
+}
+
+_WCAN_CANFD_OBJ fdFrame(uint32_t id, uint8_t len, uint8_t ext = 0, uint8_t remote = 0,
+                        uint8_t flags = 0x10) {
+  _WCAN_CANFD_OBJ f{};
+  f.id = id;
+  f.dataLen = len;
+  f.externFlag = ext;
+  f.remoteFlag = remote;
+  f.fdFlags = flags;
+  for (int i = 0; i < 64; ++i) {
+    f.data[i] = static_cast<uint8_t>(id + i);
+  }
+  return f;
+}
+
+class FdDevice : public ::testing::Test {
+protected:
+  void open(unsigned type = kType) {
+    type_ = type;
+    wcansim::reset();
+    adapter_ = wcansim::plugIn(type);
+    ASSERT_EQ(WCAN_OpenDevice(type, 0), 1);
+    wcansim::clearWritten(adapter_);
+  }
+  void TearDown() override {
+    WCAN_CloseDevice(type_, 0);
+    wcansim::reset();
+  }
+  int init(unsigned ch, _WCAN_INITFD_CONFIG cfg = fdConfig()) {
+    return WCAN_InitCANFD(type_, 0, ch, &cfg);
+  }
+  std::vector<Bytes> commands() const { return wcansim::written(adapter_, 0x01); }
+  std::vector<_WCAN_CANFD_OBJ> receiveFd(unsigned ch, unsigned want, int waitMs = 1000) {
+    std::vector<_WCAN_CANFD_OBJ> got;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
+    _WCAN_CANFD_OBJ buf[64];
+    while (got.size() < want && std::chrono::steady_clock::now() < until) {
+      const int n = WCAN_ReceiveFD(type_, 0, ch, buf, 64, 20);
+      got.insert(got.end(), buf, buf + n);
+    }
+    return got;
+  }
+
+  unsigned type_ = kType;
+  wcansim::AdapterId adapter_ = -1;
+};
+
+TEST_F(FdDevice, OpenQueriesBothVersionsAndReopenIsFree) {
+  wcansim::reset();
+  EXPECT_EQ(WCAN_OpenDevice(42, 0), 0) << "no adapter attached";
+  EXPECT_EQ(WCAN_GetLastError(), WCAN_ERR_DEVICE_NOT_EXIST);
+  adapter_ = wcansim::plugIn(41);
+  type_ = 42; // shares the USB ids of type 41
+  ASSERT_EQ(WCAN_OpenDevice(42, 0), 1);
+  EXPECT_EQ(commands(), (std::vector<Bytes>{{0x55, 0x01, 0x01, 0x01}, {0x55, 0x12, 0x01, 0x01}}));
+  EXPECT_EQ(WCAN_OpenDevice(42, 0), 1);
+  EXPECT_EQ(commands().size(), 2u) << "an open device is not touched again";
+  _WCAN_BOARD_INFO info{};
+  EXPECT_EQ(WCAN_BoardInfoGet(42, 0, &info), 0) << "kept: the board query never reports success";
+}
+
+TEST_F(FdDevice, InitSendsTheBaudCommandAndStarts) {
+  struct Case {
+    unsigned type;
+    _WCAN_INITFD_CONFIG cfg;
+    Bytes baud;
+  };
+  _WCAN_INITFD_CONFIG custom = fdConfig(0, 0, 1);
+  custom.abitTiming = 0x12345678;
+  custom.dbitTiming = 0x00800001;
+  custom.option0 = 7;
+  custom.option1 = 9;
+  _WCAN_INITFD_CONFIG classicCustom = fdConfig(0, 5000000, 0);
+  classicCustom.abitTiming = 0x01400106;
+  const Case cases[] = {
+      {64, fdConfig(1000000, 0, 0), {0x55, 3, 1, 1,  0, 0, 60, 0, 5, 0, 0, 6,
+                                     0,    1, 0, 60, 0, 5, 0,  0, 6, 0, 1, 0}},
+      {67, fdConfig(1000000, 0, 0), {0x55, 3, 1, 1,  0, 0, 80, 0, 3,  0, 0, 14,
+                                     0,    3, 0, 80, 0, 3, 0,  0, 14, 0, 3, 0}},
+      {41, custom, {0x55, 3,    1, 1,  9, 7, 60, 0, 0x48, 0, 0x68, 0x78,
+                    0,    0x56, 0, 60, 0, 2, 0,  0, 1,    0, 0,    0}},
+      {41, classicCustom, {0x55, 3, 1, 1,  0, 0, 60, 0, 5, 0, 0, 6,
+                           0,    1, 0, 60, 0, 5, 0,  0, 6, 0, 1, 0}},
+  };
+  for (const auto &c : cases) {
+    open(c.type);
+    EXPECT_EQ(init(1, c.cfg), 1) << c.type;
+    EXPECT_EQ(commands(), (std::vector<Bytes>{c.baud, {0x55, 0x0E, 0x02, 0x00, 0x10}}));
+    WCAN_CloseDevice(c.type, 0);
+    // Closing stops the initialised channel.
+    EXPECT_EQ(commands().back(), (Bytes{0x55, 0x0F, 0x02, 0x00, 0x10})) << c.type;
+  }
+}
+
+TEST_F(FdDevice, InitRejectsBadArguments) {
+  open();
+  struct Case {
+    unsigned channel;
+    _WCAN_INITFD_CONFIG cfg;
+    int error;
+  } cases[] = {
+      {8, fdConfig(), WCAN_ERR_PARAMETER},
+      {0, fdConfig(83333, 2000000), WCAN_ERR_BAUD_RATE_NOT_SUPPORTED},
+      {0, fdConfig(0, 2000000), WCAN_ERR_BAUD_RATE_NOT_SUPPORTED},
+      {0, fdConfig(500000, 3000000), WCAN_ERR_BAUD_RATE_NOT_SUPPORTED},
+  };
+  for (auto &c : cases) {
+    EXPECT_EQ(WCAN_InitCANFD(kType, 0, c.channel, &c.cfg), 0);
+    EXPECT_EQ(WCAN_GetLastError(), c.error);
+  }
+  EXPECT_TRUE(commands().empty());
+  EXPECT_EQ(WCAN_InitCAN(kType, 0, 0, nullptr), 0);
+  EXPECT_EQ(WCAN_GetLastError(), WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
+}
+
+TEST_F(FdDevice, FramesCrossFromChannelZeroToOneUnchanged) {
+  open();
+  ASSERT_EQ(init(0), 1);
+  ASSERT_EQ(init(1), 1);
+  std::vector<_WCAN_CANFD_OBJ> sent;
+  for (uint8_t len : {0, 1, 8, 12, 16, 20, 24, 32, 48, 64}) {
+    sent.push_back(fdFrame(0x100u + len, len, 0, 0, len % 2 ? 0x10 : 0x18));
+    sent.push_back(fdFrame(0x1ABCDE00u + len, len, 1, 0, 0x10));
+  }
+  ASSERT_EQ(WCAN_TransmitFD(kType, 0, 0, sent.data(), static_cast<unsigned>(sent.size())),
+            static_cast<int>(sent.size()));
+  const auto got = receiveFd(1, static_cast<unsigned>(sent.size()));
+  ASSERT_EQ(got.size(), sent.size());
+  for (size_t i = 0; i < sent.size(); ++i) {
+    EXPECT_EQ(got[i].id, sent[i].id);
+    EXPECT_EQ(got[i].externFlag, sent[i].externFlag);
+    EXPECT_EQ(got[i].remoteFlag, 0);
+    EXPECT_EQ(got[i].fdFlags, sent[i].fdFlags & 0x08) << "the rate-switch bit comes back";
+    ASSERT_EQ(got[i].dataLen, sent[i].dataLen);
+    EXPECT_EQ(0, memcmp(got[i].data, sent[i].data, sent[i].dataLen)) << i;
+  }
+
+  _WCAN_CAN_OBJ classic[3] = {};
+  classic[0].id = 0x7FF;
+  classic[0].dataLen = 8;
+  classic[0].data[7] = 0xEE;
+  classic[1].id = 0x1FFFFFFF;
+  classic[1].externFlag = 1;
+  classic[1].dataLen = 3;
+  classic[2].id = 0x55;
+  classic[2].remoteFlag = 1;
+  classic[2].dataLen = 5;
+  ASSERT_EQ(WCAN_Transmit(kType, 0, 0, classic, 3), 3);
+  EXPECT_EQ(classic[2].dataLen, 0) << "a remote record is changed in the caller's array";
+  _WCAN_CAN_OBJ back[3] = {};
+  int n = 0;
+  for (int tries = 0; tries < 50 && n < 3; ++tries) {
+    n += WCAN_Receive(kType, 0, 1, back + n, 3 - n, 20);
+  }
+  ASSERT_EQ(n, 3);
+  EXPECT_EQ(back[0].id, 0x7FFu);
+  EXPECT_EQ(back[0].data[7], 0xEE);
+  EXPECT_EQ(back[1].id, 0x1FFFFFFFu);
+  EXPECT_EQ(back[1].externFlag, 1);
+  EXPECT_EQ(back[1].dataLen, 3);
+  EXPECT_EQ(back[2].remoteFlag, 1);
+  EXPECT_EQ(back[2].dataLen, 0);
+  EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 2), 0);
+}
+
+TEST_F(FdDevice, TransmitCutsTwentyFiveRecordsIntoThreeBatches) {
+  open();
+  ASSERT_EQ(init(0), 1);
+  std::vector<_WCAN_CAN_OBJ> frames(25);
+  EXPECT_EQ(WCAN_Transmit(kType, 0, 0, frames.data(), 0), 0);
+  EXPECT_EQ(WCAN_Transmit(kType, 0, 0, frames.data(), 25), 25);
+  const auto out = wcansim::written(adapter_, 0x02);
+  ASSERT_EQ(out.size(), 3u);
+  EXPECT_EQ(out[0].size(), 7u + 10 * 19);
+  EXPECT_EQ(out[1][6], 10);
+  EXPECT_EQ(out[2].size(), 7u + 5 * 19);
+  EXPECT_EQ(out[2][6], 5);
+}
+
+TEST_F(FdDevice, EightChannelAdapterFillsEveryQueue) {
+  open(67);
+  for (unsigned ch = 0; ch < 8; ++ch) {
+    ASSERT_EQ(init(ch), 1) << ch;
+  }
+  for (unsigned ch = 0; ch < 8; ch += 2) {
+    wcansim::CanFrame f;
+    f.id = ch;
+    f.fd = true;
+    f.len = 12;
+    wcansim::injectFrame(adapter_, ch, f); // reaches ch and its partner ch + 1
+  }
+  for (unsigned ch = 0; ch < 8; ++ch) {
+    const auto got = receiveFd(ch, 1);
+    ASSERT_EQ(got.size(), 1u) << ch;
+    EXPECT_EQ(got[0].id, ch & ~1u);
+    EXPECT_EQ(got[0].dataLen, 12);
+  }
+}
+
+TEST_F(FdDevice, StreamSurvivesStrayBytesAndSplitReads) {
+  open();
+  const Bytes rec = {0x10, 0x00, 1, 0, 0, 0, 0x23, 0x01, 0, 0, 2, 0xAB, 0xCD, 0, 0, 0, 0, 0, 0};
+  Bytes frame = {0x55, 0xF2, 0, 0, 19, 0, 1};
+  frame.insert(frame.end(), rec.begin(), rec.end());
+  wcansim::pushIn(adapter_, 0x83, {0x00, 0x55, 0x13});
+  wcansim::pushIn(adapter_, 0x83, Bytes(frame.begin(), frame.begin() + 9));
+  std::this_thread::sleep_for(20ms);
+  wcansim::pushIn(adapter_, 0x83, Bytes(frame.begin() + 9, frame.end()));
+  _WCAN_CAN_OBJ got{};
+  ASSERT_EQ(WCAN_Receive(kType, 0, 1, &got, 1, 1000), 1);
+  EXPECT_EQ(got.id, 0x123u);
+  EXPECT_EQ(got.timeStamp, 1u);
+  EXPECT_EQ(got.data[1], 0xCD);
+}
+
+TEST_F(FdDevice, StopClearAndCountsFollowTheirRules) {
+  open();
+  EXPECT_EQ(WCAN_Stop(kType, 0, 0), 1);
+  EXPECT_TRUE(commands().empty()) << "an uninitialised channel gets no stop command";
+  EXPECT_EQ(WCAN_Stop(kType, 0, 9), 0);
+  EXPECT_EQ(WCAN_GetLastError(), WCAN_ERR_PARAMETER);
+  ASSERT_EQ(init(0), 1);
+  ASSERT_EQ(init(1), 1);
+  std::vector<_WCAN_CANFD_OBJ> frames(4, fdFrame(0x10, 8));
+  frames[3].fdFlags = 0; // still an FD record
+  ASSERT_EQ(WCAN_TransmitFD(kType, 0, 0, frames.data(), 4), 4);
+  for (int i = 0; i < 100 && WCAN_GetReceiveNum(kType, 0, 1, 1) < 4; ++i) {
+    std::this_thread::sleep_for(5ms);
+  }
+  EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 1), 4);
+  EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 0), 0);
+  EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 2), 4);
+  EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 3), 0);
+  EXPECT_EQ(WCAN_ClearBuffer(kType, 0, 1), 1);
+  EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 2), 0);
+  wcansim::clearWritten(adapter_);
+  EXPECT_EQ(WCAN_Stop(kType, 0, 1), 1);
+  EXPECT_EQ(commands(), (std::vector<Bytes>{{0x55, 0x0F, 0x02, 0x00, 0x10}}));
+}
+
+TEST_F(FdDevice, FilterCommandsCarryMaskedRanges) {
+  open();
+  struct Case {
+    _WCAN_FLITER_CONFIG cfg;
+    int result;
+    Bytes sent; // empty: nothing sent
+  };
+  const Case cases[] = {
+      {{1, 1, 0, 0x3FFFFFFF, 0xFFFFFFFF, 0},
+       1,
+       {0x55, 4, 0x0A, 3, 0x10, 0xFF, 0xFF, 0xFF, 0x1F, 0xFF, 0xFF, 0xFF, 0x1F}},
+      {{1, 0, 0, 0x800, 0x9FF, 0}, 1, {0x55, 4, 0x0A, 2, 0x10, 0, 0, 0, 0, 0xFF, 1, 0, 0}},
+      {{2, 0, 0, 0, 0, 0}, 1, {0x55, 4, 0x0A, 4, 0x10, 0, 0, 0, 0, 0, 0, 0, 0}},
+      {{0, 0, 0, 0, 0, 0}, 1, {0x55, 4, 0x0A, 1, 0x10, 0, 0, 0, 0, 0, 0, 0, 0}},
+      {{3, 0, 0, 0, 0, 0}, 0, {}},
+  };
+  for (auto c : cases) {
+    wcansim::clearWritten(adapter_);
+    EXPECT_EQ(WCAN_SetFliter(kType, 0, 1, &c.cfg), c.result);
+    const auto sent = commands();
+    EXPECT_EQ(sent.empty() ? Bytes{} : sent.back(), c.sent) << int(c.cfg.filterCmd);
+  }
+  EXPECT_EQ(WCAN_GetLastError(), WCAN_ERR_PARAMETER);
+
+  // Mode 7 is mode 2: a 0..0 range at once, then the range unmasked.
+  _WCAN_FLITER_CONFIG any{1, 7, 0, 0xFFFFFFFF, 0xFFFFFFFF, 0};
+  wcansim::clearWritten(adapter_);
+  EXPECT_EQ(WCAN_SetFliter(kType, 0, 0, &any), 1);
+  EXPECT_EQ(commands(), (std::vector<Bytes>{{0x55, 4, 0x0A, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+                                            {0x55, 4, 0x0A, 5, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                                             0xFF, 0xFF, 0xFF}}));
+  wcansim::injectReplyFault(adapter_, wcansim::ReplyFault::Status, 1);
+  _WCAN_FLITER_CONFIG enable{2, 0, 0, 0, 0, 0};
+  EXPECT_EQ(WCAN_SetFliter(kType, 0, 0, &enable), 0) << "status byte not 0";
+}
+
+TEST_F(FdDevice, FilterLetsOnlyTheRangeThrough) {
+  open();
+  ASSERT_EQ(init(0), 1);
+  ASSERT_EQ(init(1), 1);
+  _WCAN_FLITER_CONFIG range{1, 0, 0, 0x100, 0x1FF, 0};
+  _WCAN_FLITER_CONFIG enable{2, 0, 0, 0, 0, 0};
+  ASSERT_EQ(WCAN_SetFliter(kType, 0, 1, &range), 1);
+  ASSERT_EQ(WCAN_SetFliter(kType, 0, 1, &enable), 1);
+  _WCAN_CANFD_OBJ frames[3] = {fdFrame(0x0FF, 1), fdFrame(0x150, 1), fdFrame(0x200, 1)};
+  ASSERT_EQ(WCAN_TransmitFD(kType, 0, 0, frames, 3), 3);
+  const auto got = receiveFd(1, 2, 300);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].id, 0x150u);
+}
+
+TEST_F(FdDevice, ForeignAndShortRepliesAreSkippedAndTheCommandResent) {
+  open();
+  const Bytes start1 = {0x55, 0x0E, 0x02, 0x00, 0x10};
+  wcansim::injectReplyFault(adapter_, wcansim::ReplyFault::Foreign, 0x0F);
+  EXPECT_EQ(WCAN_Start(kType, 0, 1), 1);
+  EXPECT_EQ(commands(), std::vector<Bytes>(2, start1));
+  wcansim::injectReplyFault(adapter_, wcansim::ReplyFault::Short, 2);
+  EXPECT_EQ(WCAN_Start(kType, 0, 1), 1);
+  EXPECT_EQ(commands(), std::vector<Bytes>(4, start1));
+
+  wcansim::injectReplyFault(adapter_, wcansim::ReplyFault::Status, 1);
+  EXPECT_EQ(init(0), 0) << "a baud reply with a nonzero status fails";
+}
+
+TEST_F(FdDevice, DirectTransferReturnsTheReplyPayload) {
+  open();
+  unsigned char data[100];
+  for (int i = 0; i < 100; ++i) {
+    data[i] = static_cast<unsigned char>(i);
+  }
+  EXPECT_EQ(WCAN_DataDirectTransfer(kType, 0, data, 100), 62);
+  const auto sent = commands();
+  ASSERT_EQ(sent.size(), 1u);
+  ASSERT_EQ(sent[0].size(), 64u);
+  EXPECT_EQ(sent[0][0], 0x12);
+  EXPECT_EQ(sent[0][1], 0xA7);
+  EXPECT_EQ(sent[0][63], 61);
+  EXPECT_EQ(data[61], 61) << "the echoed payload lands at the start of the buffer";
+}
+
+TEST_F(FdDevice, UnplugDuringTrafficBringsBothChannelsBack) {
+  open();
+  ASSERT_EQ(init(0), 1);
+  ASSERT_EQ(init(1), 1);
+  _WCAN_CANFD_OBJ f = fdFrame(0x321, 16);
+  ASSERT_EQ(WCAN_TransmitFD(kType, 0, 0, &f, 1), 1);
+  ASSERT_EQ(receiveFd(1, 1).size(), 1u);
+
+  wcansim::unplug(adapter_);
+  // Once the loss is seen, transmissions fail at once.
+  bool failing = false;
+  for (int i = 0; i < 200 && !failing; ++i) {
+    failing = WCAN_TransmitFD(kType, 0, 0, &f, 1) == 0;
+    std::this_thread::sleep_for(5ms);
+  }
+  EXPECT_TRUE(failing);
+  std::this_thread::sleep_for(120ms); // a few 50 ms attempts against nothing
+  wcansim::clearWritten(adapter_);
+  wcansim::replug(adapter_);
+
+  std::vector<_WCAN_CANFD_OBJ> got;
+  for (int i = 0; i < 100 && got.empty(); ++i) {
+    if (WCAN_TransmitFD(kType, 0, 0, &f, 1) == 1) {
+      got = receiveFd(1, 1, 100);
+    } else {
+      std::this_thread::sleep_for(20ms);
+    }
+  }
+  ASSERT_EQ(got.size(), 1u) << "traffic resumes after recovery";
+  EXPECT_EQ(got[0].id, 0x321u);
+  std::vector<Bytes> codes;
+  for (const auto &c : commands()) {
+    codes.push_back(Bytes(c.begin(), c.begin() + 3));
+  }
+  EXPECT_EQ(codes,
+            (std::vector<Bytes>{
+                {0x55, 0x03, 0x00}, {0x55, 0x0E, 0x02}, {0x55, 0x03, 0x01}, {0x55, 0x0E, 0x02}}))
+      << "channel 0 then channel 1 re-initialised and started";
+}
+
+TEST_F(FdDevice, SilentAdapterTimesOut) {
+  open();
+  wcansim::setSilent(adapter_, true);
+  const auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(WCAN_Start(kType, 0, 0), 0);
+  const auto took = std::chrono::steady_clock::now() - t0;
+  EXPECT_EQ(WCAN_GetLastError(), WCAN_ERR_USB_COMMAND);
+  EXPECT_GE(took, 1400ms);
+  EXPECT_EQ(commands().size(), 2u) << "re-sent once a second within the 1500 ms budget";
+
+  _WCAN_CANFD_OBJ f{};
+  const auto t1 = std::chrono::steady_clock::now();
+  EXPECT_EQ(WCAN_ReceiveFD(kType, 0, 0, &f, 1, 200), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - t1, 190ms);
+  EXPECT_EQ(WCAN_ReceiveFD(kType, 0, 0, &f, 1, 0), 0);
+}
+
+TEST_F(FdDevice, ReceiveWithoutLimitWakesOnArrival) {
+  open(67);
+  ASSERT_EQ(init(6), 1);
+  ASSERT_EQ(init(7), 1);
+  std::thread foreignNode([this] {
+    std::this_thread::sleep_for(50ms);
+    wcansim::CanFrame f;
+    f.id = 0x42;
+    wcansim::injectFrame(adapter_, 6, f);
+  });
+  _WCAN_CAN_OBJ got{};
+  EXPECT_EQ(WCAN_Receive(67, 0, 12, &got, 1, -1), 1) << "channel 12 reads queue 7";
+  EXPECT_EQ(got.id, 0x42u);
+  foreignNode.join();
+}
+
+} // namespace

@@ -1,0 +1,65 @@
+#include <unistd.h>
+
+#include <csignal>
+
+#include "Commands.h"
+
+namespace wcantool {
+namespace {
+
+volatile std::sig_atomic_t stopFlag = 0;
+FILE *toolOut = nullptr;
+
+extern "C" void onStopSignal(int) { stopFlag = 1; }
+
+} // namespace
+
+Runtime &Context::runtime() {
+  if (!runtime_) {
+    LoadOptions options;
+    options.simulate = simSpec_.has_value();
+    options.simSpec = simSpec_.value_or("");
+    runtime_ = std::make_unique<Runtime>(options);
+  }
+  return *runtime_;
+}
+
+Runtime &Context::emptySimulation() {
+  if (!runtime_) {
+    LoadOptions options;
+    options.simulate = true;
+    runtime_ = std::make_unique<Runtime>(options);
+  }
+  if (!runtime_->simulated())
+    throw LoadError{"the demo needs the simulated adapters"};
+  return *runtime_;
+}
+
+void separateLibraryLog() {
+  std::fflush(stdout);
+  int fd = dup(STDOUT_FILENO);
+  if (fd < 0)
+    return;
+  toolOut = fdopen(fd, "w");
+  if (!toolOut) {
+    close(fd);
+    return;
+  }
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+}
+
+FILE *out() { return toolOut ? toolOut : stdout; }
+
+void installStopHandler() {
+  struct sigaction sa {};
+  sa.sa_handler = onStopSignal;
+  sigemptyset(&sa.sa_mask);
+  // No SA_RESTART: a pending wait returns early so the loop sees the flag.
+  sa.sa_flags = 0;
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+}
+
+bool stopRequested() { return stopFlag != 0; }
+
+} // namespace wcantool

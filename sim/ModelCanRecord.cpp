@@ -146,12 +146,18 @@ Bytes CanRecordModel::replyTo(const uint8_t *req, size_t len) {
 
 Bytes CanRecordModel::writeSettings(const uint8_t *req, size_t len) {
   const ByteView r(req, len);
-  // A partial settings frame is refused whole rather than stored in part.
-  if (len < kSettingsFrameSize)
-    return reply(r, kStatusRefused);
+  // The answer adds how many settings bytes were stored; a partial frame is
+  // refused whole rather than stored in part.
+  if (len < kSettingsFrameSize) {
+    Bytes out = reply(r, kStatusRefused);
+    out.push_back(0);
+    return out;
+  }
   Settings &s = channels_[channelOf(r.at(2))].settings;
   std::copy(req + 3, req + kSettingsFrameSize, s.begin());
-  return reply(r, kStatusOk);
+  Bytes out = reply(r, kStatusOk);
+  out.push_back(uint8_t(s.size()));
+  return out;
 }
 
 Bytes CanRecordModel::readSettings(const uint8_t *req, size_t len) const {

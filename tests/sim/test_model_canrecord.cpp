@@ -9,28 +9,35 @@ namespace {
 
 constexpr uint8_t kOut = 0x01, kIn = 0x81;
 
-// Settings frame of channel `ch`: flag0 1, param0 7, param1 0, param2 0x22,
-// abitTiming 0x12345678, param3 0x33, dbitTiming 0x00404142, flag2 set,
-// param4..6 = 4, 5, 6.
+// Host-side transfers against a model: a read gives the model its chance to
+// fill an empty endpoint first, as the adapter does.
+int write(FakeModelHost &host, DeviceModel &model, uint8_t ep, const Bytes &bytes) {
+  return model.onHostWrite(host, ep, bytes.data(), bytes.size());
+}
+Bytes read(FakeModelHost &host, DeviceModel &model, uint8_t ep) {
+  auto &q = host.queued[ep];
+  if (q.empty())
+    model.onReadEmpty(host, ep);
+  if (q.empty())
+    return {};
+  Bytes front = q.front();
+  q.erase(q.begin());
+  return front;
+}
+
+// Settings frame: flag0 1, param0 7, param2 0x22, abitTiming 0x12345678,
+// param3 0x33, dbitTiming 0x00404142, flag2 set, param4..6 = 4, 5, 6.
 Bytes settingsFrame(uint8_t ch) {
   return {0x55, 0x03, ch,   0x01, 0x07, 0x00, 0x22, 0x00, 0x48, 0x00, 0x68, 0x78, 0x00, 0x56,
           0x00, 0x33, 0x00, 0x01, 0x00, 0x00, 0x42, 0x00, 0x41, 0x00, 0x02, 0x04, 0x05, 0x06};
 }
 
 Bytes filterSet(uint8_t sub, uint8_t ch, uint8_t idType = 0, uint32_t start = 0, uint32_t end = 0) {
-  return {0x55,
-          0x04,
-          sub,
-          ch,
-          idType,
-          uint8_t(start),
-          uint8_t(start >> 8),
-          uint8_t(start >> 16),
-          uint8_t(start >> 24),
-          uint8_t(end),
-          uint8_t(end >> 8),
-          uint8_t(end >> 16),
-          uint8_t(end >> 24)};
+  Bytes r{0x55, 0x04, sub, ch, idType};
+  for (uint32_t v : {start, end})
+    for (int i = 0; i < 4; ++i)
+      r.push_back(uint8_t(v >> 8 * i));
+  return r;
 }
 
 Bytes filterQuery(uint8_t sub, uint8_t ch, uint16_t index = 0) {
@@ -44,9 +51,9 @@ protected:
   FakeModelHost host;
 
   Bytes exchange(const Bytes &req) {
-    EXPECT_EQ(host.write(model, kOut, req), int(req.size()));
-    Bytes reply = host.read(model, kIn);
-    EXPECT_TRUE(host.read(model, kIn).empty()) << "one reply per request";
+    EXPECT_EQ(write(host, model, kOut, req), int(req.size()));
+    Bytes reply = read(host, model, kIn);
+    EXPECT_TRUE(read(host, model, kIn).empty()) << "one reply per request";
     return reply;
   }
 };
@@ -55,25 +62,22 @@ TEST(CanRecordModelIdentity, EachTypeHasItsProductId) {
   for (auto [type, pid] : {std::pair{61u, 0x2601}, std::pair{62u, 0x2602}}) {
     auto m = makeCanRecordModel(type);
     ASSERT_NE(m, nullptr) << type;
-    EXPECT_EQ(m->vendorId(), 0x0471);
-    EXPECT_EQ(m->productId(), pid);
-    EXPECT_EQ(m->channelCount(), 2u);
-    EXPECT_EQ(m->endpointShape(kIn).kind, EndpointShape::Packet);
+    EXPECT_EQ(std::tuple(m->vendorId(), m->productId(), m->channelCount()),
+              std::tuple(0x0471, pid, 2u));
   }
-  for (unsigned type : {3u, 41u, 60u, 63u})
+  for (unsigned type : {3u, 41u, 63u})
     EXPECT_EQ(makeCanRecordModel(type), nullptr) << type;
 }
 
 TEST_F(CanRecordModelTest, AnswersEveryRequestWithItsOwnHeader) {
   struct Case {
     const char *what;
-    Bytes req;
-    Bytes reply;
+    Bytes req, reply;
   } cases[] = {
       {"hardware version", {0x55, 0x01, 0x01, 0x01}, {0x55, 0x01, 0x01, 0x00, 0x10, 0x01}},
       {"firmware version", {0x55, 0x12, 0x01, 0x01}, {0x55, 0x12, 0x01, 0x00, 0x04, 0x02}},
       {"channel count", {0x55, 0x13, 0x01, 0x01}, {0x55, 0x13, 0x01, 0x00, 0x02}},
-      {"settings write", settingsFrame(1), {0x55, 0x03, 0x01, 0x00}},
+      {"settings write", settingsFrame(1), {0x55, 0x03, 0x01, 0x00, 25}},
       {"filter clear", filterSet(0, 0), {0x55, 0x04, 0x00, 0x00}},
       {"filter add", filterSet(1, 0, 1, 0x100, 0x1FF), {0x55, 0x04, 0x01, 0x00}},
       {"filter enable", filterSet(2, 0), {0x55, 0x04, 0x02, 0x00}},
@@ -81,7 +85,9 @@ TEST_F(CanRecordModelTest, AnswersEveryRequestWithItsOwnHeader) {
       {"one filter",
        filterQuery(1, 0, 0),
        {0x55, 0x05, 0x01, 0x00, 0x01, 0x00, 0x01, 0x00, 0x00, 0xFF, 0x01, 0x00, 0x00}},
+      {"filter 0x0203 absent", filterQuery(1, 0, 0x0203), {0x55, 0x05, 0x01, 0x01}},
       {"filter disable", filterSet(3, 0), {0x55, 0x04, 0x03, 0x00}},
+      {"filter info, off", filterQuery(0, 0), {0x55, 0x05, 0x00, 0x00, 0x01, 0x00, 0x00}},
       {"pass-through", {0x12, 0xA7, 0x01, 0x02, 0x03}, {0x12, 0xA7, 0x01, 0x02, 0x03}},
       {"unknown code", {0x55, 0x42, 0x00}, {0x55, 0x42, 0x00, 0x01}},
   };
@@ -89,28 +95,16 @@ TEST_F(CanRecordModelTest, AnswersEveryRequestWithItsOwnHeader) {
     EXPECT_EQ(exchange(c.req), c.reply) << c.what;
 }
 
-TEST_F(CanRecordModelTest, SettingsReadBackAsWrittenPerChannel) {
-  const Bytes factory = exchange({0x55, 0xA4, 0x01});
+TEST_F(CanRecordModelTest, SettingsReadBackPerChannelAndSurviveAPowerCycle) {
+  Bytes factory = exchange({0x55, 0xA4, 0x00});
   ASSERT_EQ(factory.size(), 28u);
+  EXPECT_NE(factory[11] | factory[12] << 8, 0) << "a usable factory bit timing";
   exchange(settingsFrame(1));
+  model.onReset();
   Bytes expected = settingsFrame(1);
   expected[1] = 0xA4;
   EXPECT_EQ(exchange({0x55, 0xA4, 0x01}), expected);
-  Bytes factory0 = factory;
-  factory0[2] = 0x00;
-  EXPECT_EQ(exchange({0x55, 0xA4, 0x00}), factory0) << "channel 0 untouched";
-}
-
-TEST_F(CanRecordModelTest, FactorySettingsCarryAUsableBitTiming) {
-  const Bytes s = exchange({0x55, 0xA4, 0x00});
-  ASSERT_EQ(s.size(), 28u);
-  const unsigned arbSeg1 = s[11] | s[12] << 8, arbSeg2 = s[13] | s[14] << 8;
-  const unsigned dataSeg1 = s[20] | s[21] << 8, dataSeg2 = s[22] | s[23] << 8;
-  EXPECT_GT(arbSeg1, 0u);
-  EXPECT_GT(arbSeg2, 0u);
-  EXPECT_LE(s[10], arbSeg2) << "jump width within segment 2";
-  EXPECT_GT(dataSeg1, 0u);
-  EXPECT_LE(s[19], dataSeg2);
+  EXPECT_EQ(exchange({0x55, 0xA4, 0x00}), factory) << "channel 0 untouched";
 }
 
 TEST_F(CanRecordModelTest, RefusedRequestsChangeNothing) {
@@ -120,59 +114,39 @@ TEST_F(CanRecordModelTest, RefusedRequestsChangeNothing) {
   partial[3] = 0x00;
   EXPECT_EQ(exchange(partial)[3], 0x01);
   EXPECT_EQ(exchange({0x55, 0xA4, 0x00})[3], 0x01) << "flag0 as first written";
-
   Bytes shortAdd = filterSet(1, 0, 1, 5, 6);
   shortAdd.resize(12);
   EXPECT_NE(exchange(shortAdd)[3], 0);
   EXPECT_NE(exchange(filterSet(9, 0))[3], 0) << "unknown sub-command";
   EXPECT_TRUE(model.filters(0).empty());
-
-  const Bytes outOfRange = exchange(filterQuery(1, 0, 0x0203));
-  EXPECT_NE(outOfRange[3], 0);
-  EXPECT_LT(outOfRange.size(), 13u);
+  EXPECT_EQ(write(host, model, kOut, {0xAA, 0x01, 0x01}), 3);
+  EXPECT_TRUE(read(host, model, kIn).empty()) << "noise is not answered";
+  EXPECT_LT(write(host, model, 0x02, {0x55, 0x01}), 0) << "no data endpoint";
 }
 
 TEST_F(CanRecordModelTest, FiltersAreKeptPerChannelUpToTheLimit) {
   exchange(filterSet(1, 1, 0, 0x10, 0x20));
   exchange(filterSet(1, 1, 1, 0x1000, 0x1FFFFFFF));
   exchange(filterSet(2, 1));
+  model.onReset();
   EXPECT_EQ(exchange(filterQuery(0, 1)), (Bytes{0x55, 0x05, 0x00, 0x00, 0x02, 0x00, 0x01}));
   EXPECT_EQ(exchange(filterQuery(0, 0)), (Bytes{0x55, 0x05, 0x00, 0x00, 0x00, 0x00, 0x00}));
-  const Bytes second = exchange(filterQuery(1, 1, 1));
-  ASSERT_EQ(second.size(), 13u);
-  EXPECT_EQ(second[4], 1);
-  EXPECT_EQ(second[5] | second[6] << 8 | second[7] << 16 | second[8] << 24, 0x1000);
-  EXPECT_EQ(uint32_t(second[9] | second[10] << 8 | second[11] << 16 | second[12] << 24),
-            0x1FFFFFFFu);
-
+  EXPECT_EQ(exchange(filterQuery(1, 1, 1)),
+            (Bytes{0x55, 0x05, 0x01, 0x00, 0x01, 0x00, 0x10, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0x1F}));
   exchange(filterSet(0, 1));
   EXPECT_TRUE(model.filters(1).empty());
   EXPECT_TRUE(model.filtersEnabled(1)) << "clearing the list keeps the switch";
 
-  for (size_t i = 0; i < CanRecordModel::kMaxFilters; ++i)
+  for (uint32_t i = 0; i < CanRecordModel::kMaxFilters; ++i)
     ASSERT_EQ(exchange(filterSet(1, 0, 0, i, i))[3], 0) << i;
   EXPECT_NE(exchange(filterSet(1, 0, 0, 99, 99))[3], 0) << "list full";
   EXPECT_EQ(model.filters(0).size(), CanRecordModel::kMaxFilters);
 }
 
-TEST_F(CanRecordModelTest, SettingsAndFiltersSurviveAPowerCycle) {
-  exchange(settingsFrame(0));
-  exchange(filterSet(1, 0, 1, 0x100, 0x1FF));
-  model.onReset();
-  EXPECT_EQ(exchange({0x55, 0xA4, 0x00})[8], 0x48);
-  EXPECT_EQ(model.filters(0).size(), 1u);
-}
-
 TEST_F(CanRecordModelTest, TakesNoPartInBusTraffic) {
-  CanFrame f;
-  f.len = 1;
-  model.onBusFrame(host, 0, f, 1);
+  model.onBusFrame(host, 0, CanFrame{}, 1);
   EXPECT_FALSE(model.channelStarted(0));
   EXPECT_TRUE(host.queued[kIn].empty());
-  EXPECT_TRUE(host.sent.empty());
-  EXPECT_LT(host.write(model, 0x02, {0x55, 0x01}), 0) << "no data endpoint";
-  EXPECT_EQ(host.write(model, kOut, {0xAA, 0x01, 0x01}), 3);
-  EXPECT_TRUE(host.read(model, kIn).empty()) << "noise is not answered";
 }
 
 } // namespace

@@ -181,11 +181,9 @@ Bytes UsbCan2Model::replyTo(const uint8_t *cmd, size_t len) {
     return baudParameters(cmd, len);
   case 0x80:
     return channelState(cmd, len);
-  case 0xA7: {
-    // A link test: the adapter echoes the payload (no length byte).
-    Bytes echo(cmd, cmd + std::min<size_t>(len, 64));
-    return echo;
-  }
+  case 0xA7:
+    // A link test: the adapter echoes the command, payload and all.
+    return Bytes(cmd, cmd + std::min<size_t>(len, 64));
   default:
     return answer(code, kStatusRefused);
   }

@@ -6,6 +6,7 @@
 
 #include "api/DriverFactory.h"
 #include "api/QErrMgr.h"
+#include "canrecord/RecordConfigFields.h"
 #include "wcan.h"
 #include "wcan_sim.h"
 
@@ -98,7 +99,7 @@ TEST_F(RecorderTest, SettingsReadBackPerChannel) {
     const _WCAN_RECORD_CONFIG expected = sampleSettings(static_cast<uint8_t>(0x40 + channel));
     _WCAN_RECORD_CONFIG read{};
     ASSERT_EQ(WCAN_RecordSettingGet(kType, 0, channel, &read), 1) << channel;
-    EXPECT_EQ(std::memcmp(&read, &expected, sizeof read), 0) << channel;
+    EXPECT_EQ(recordFields(read), recordFields(expected)) << channel;
   }
   _WCAN_RECORD_CONFIG config = sampleSettings(0);
   const size_t before = requestsSent();

@@ -12,12 +12,12 @@ Args::Args(const std::vector<std::string> &argv, const std::vector<OptionSpec> &
   bool optionsEnded = false;
   for (size_t i = 0; i < argv.size(); ++i) {
     const std::string &arg = argv[i];
-    if (optionsEnded || arg.size() < 3 || arg.compare(0, 2, "--") != 0) {
-      positionals_.push_back(arg);
+    if (!optionsEnded && arg == "--") {
+      optionsEnded = true;
       continue;
     }
-    if (arg == "--") {
-      optionsEnded = true;
+    if (optionsEnded || arg.size() < 3 || arg.compare(0, 2, "--") != 0) {
+      positionals_.push_back(arg);
       continue;
     }
     size_t eq = arg.find('=');

@@ -120,8 +120,12 @@ int runDump(Context &ctx, const Args &args) {
   for (const TxRequest &r : tx)
     if (r.channel == target.channel)
       throw UsageError{"--tx needs a channel other than the dumped one"};
-  if (!tx.empty() && std::any_of(tx.begin(), tx.end(), [](auto &r) { return r.frame.fd; }))
+  if (std::any_of(tx.begin(), tx.end(), [](const TxRequest &r) { return r.frame.fd; }))
     settings.fd = true;
+  const DeviceType &type = checkedDeviceType(target.type);
+  checkChannelUse(type, target.channel, settings);
+  for (const TxRequest &r : tx)
+    checkChannelUse(type, r.channel, settings, {r.frame});
   FilePtr log = openLog(args.value("--log"));
 
   DeviceSession device(ctx.runtime(), target.type, target.index);
@@ -176,6 +180,7 @@ int runSend(Context &ctx, const Args &args) {
     frames.push_back(parseFrameArg(args.positionals()[i]));
   if (std::any_of(frames.begin(), frames.end(), [](const Frame &f) { return f.fd; }))
     settings.fd = true;
+  checkChannelUse(checkedDeviceType(target.type), target.channel, settings, frames);
 
   DeviceSession device(ctx.runtime(), target.type, target.index);
   device.startChannel(target.channel, settings);
@@ -235,6 +240,7 @@ int runGen(Context &ctx, const Args &args) {
   unsigned rate = 0;
   if (auto v = args.value("--rate"))
     rate = parseUnsigned(*v, "--rate", 1, 10000000);
+  checkChannelUse(checkedDeviceType(target.type), target.channel, settings);
 
   DeviceSession device(ctx.runtime(), target.type, target.index);
   device.startChannel(target.channel, settings);

@@ -34,6 +34,34 @@ const DeviceType &checkedDeviceType(unsigned type) {
   return *t;
 }
 
+void checkChannelUse(const DeviceType &type, unsigned channel, const ChannelSettings &settings,
+                     const std::vector<Frame> &frames) {
+  const std::string name = "adapter type " + std::to_string(type.type);
+  if (type.family == Family::Recorder)
+    throw UsageError{"a CAN recorder records by itself and carries no traffic for the host; use "
+                     "'wcan record' to configure it"};
+  if (channel >= type.channels)
+    throw UsageError{name + " has channels 0.." + std::to_string(type.channels - 1) + ", not " +
+                     std::to_string(channel)};
+  bool anyFd = std::any_of(frames.begin(), frames.end(), [](const Frame &f) { return f.fd; });
+  if (type.family == Family::Classic) {
+    if (anyFd)
+      throw UsageError{name + " cannot send CAN FD frames"};
+    if (settings.fd)
+      throw UsageError{name + " is a classic CAN adapter without CAN FD"};
+    if (!classicTimingFor(settings.bitRate))
+      throw UsageError{"bit rate " + std::to_string(settings.bitRate) +
+                       " is not available on the classic adapter (" + classicRatesText() + ")"};
+    return;
+  }
+  if (!isFdArbitrationRate(settings.bitRate))
+    throw UsageError{"bit rate " + std::to_string(settings.bitRate) +
+                     " is not available on the CAN FD adapter (" + fdArbitrationRatesText() + ")"};
+  if ((settings.fd || anyFd) && !isFdDataRate(settings.dataBitRate))
+    throw UsageError{"data bit rate " + std::to_string(settings.dataBitRate) +
+                     " is not available on the CAN FD adapter (" + fdDataRatesText() + ")"};
+}
+
 DeviceSession::DeviceSession(const Runtime &runtime, unsigned type, unsigned index)
     : runtime_(runtime), api_(runtime.wcan()), type_(checkedDeviceType(type)), index_(index) {
   if (api_.WCAN_OpenDevice(type_.type, index_) != 1)
@@ -50,35 +78,16 @@ void DeviceSession::fail(const std::string &what) const {
   throw ToolError{what + " failed on adapter " + name() + ": " + runtime_.lastError()};
 }
 
-void DeviceSession::checkChannel(unsigned channel) const {
-  if (channel >= type_.channels)
-    throw UsageError{"adapter type " + std::to_string(type_.type) + " has channels 0.." +
-                     std::to_string(type_.channels - 1) + ", not " + std::to_string(channel)};
-}
-
 void DeviceSession::startChannel(unsigned channel, const ChannelSettings &settings) {
-  checkChannel(channel);
-  switch (type_.family) {
-  case Family::Classic:
+  checkChannelUse(type_, channel, settings);
+  if (type_.family == Family::Classic)
     startClassic(channel, settings);
-    break;
-  case Family::CanFd:
+  else
     startCanFd(channel, settings);
-    break;
-  case Family::Recorder:
-    throw UsageError{"a CAN recorder records by itself and carries no traffic for the host; use "
-                     "'wcan record' to configure it"};
-  }
 }
 
 void DeviceSession::startClassic(unsigned channel, const ChannelSettings &settings) {
-  if (settings.fd)
-    throw UsageError{"the classic adapter (type " + std::to_string(type_.type) +
-                     ") does not support CAN FD"};
   auto timing = classicTimingFor(settings.bitRate);
-  if (!timing)
-    throw UsageError{"bit rate " + std::to_string(settings.bitRate) +
-                     " is not available on the classic adapter (" + classicRatesText() + ")"};
   _WCAN_INIT_CONFIG config{};
   config.timing0 = timing->timing0;
   config.timing1 = timing->timing1;

@@ -28,8 +28,13 @@ struct RxFrame {
   LogTime hostTime;
 };
 
-// Checks the device type and index arguments; throws UsageError.
+// Checks the device type argument; throws UsageError.
 const DeviceType &checkedDeviceType(unsigned type);
+
+// Checks, before any adapter is opened, that a channel of this type can run
+// with these settings and send these frames; throws UsageError.
+void checkChannelUse(const DeviceType &type, unsigned channel, const ChannelSettings &settings,
+                     const std::vector<Frame> &frames = {});
 
 class DeviceSession {
 public:
@@ -43,8 +48,6 @@ public:
   unsigned index() const { return index_; }
   std::string name() const; // "41/0"
 
-  // Throws UsageError for a channel the adapter does not have.
-  void checkChannel(unsigned channel) const;
   // Initialises and starts a channel; throws UsageError for a bit rate the
   // adapter cannot use and ToolError when the adapter refuses.
   void startChannel(unsigned channel, const ChannelSettings &settings);

@@ -33,6 +33,13 @@ struct Runtime::DlHandle {
 
 namespace {
 
+// Next to the executable in the build tree; else wherever the dynamic
+// loader finds the installed library.
+std::string libraryPath(const std::string &dir, const char *name, const char *installedName) {
+  std::string local = dir + "/" + name;
+  return access(local.c_str(), F_OK) == 0 ? local : installedName;
+}
+
 template <typename Fn> void resolve(const void *sym, Fn &fn) {
   fn = reinterpret_cast<Fn>(const_cast<void *>(sym));
 }
@@ -63,7 +70,8 @@ Runtime::Runtime(const LoadOptions &options) : simulated_(options.simulate) {
       unsetenv("WCAN_SIM");
     else
       setenv("WCAN_SIM", options.simSpec.c_str(), 1);
-    usbLib_ = std::make_unique<DlHandle>(dir + "/libwcan-sim.so", RTLD_NOW | RTLD_GLOBAL);
+    usbLib_ = std::make_unique<DlHandle>(libraryPath(dir, "libwcan-sim.so", "libwcan-sim.so"),
+                                         RTLD_NOW | RTLD_GLOBAL);
     resolve(usbLib_->symbol("wcan_sim_plug_in", true), sim_.plugIn);
     resolve(usbLib_->symbol("wcan_sim_reset", true), sim_.reset);
     resolve(usbLib_->symbol("wcan_sim_unplug", true), sim_.unplug);
@@ -79,7 +87,8 @@ Runtime::Runtime(const LoadOptions &options) : simulated_(options.simulate) {
   resolve(usbLib_->symbol("libusb_get_bus_number", false), usb_.getBusNumber);
   resolve(usbLib_->symbol("libusb_get_device_address", false), usb_.getDeviceAddress);
 
-  wcanLib_ = std::make_unique<DlHandle>(dir + "/libwcan.so", RTLD_NOW | RTLD_LOCAL);
+  wcanLib_ = std::make_unique<DlHandle>(libraryPath(dir, "libwcan.so", "libwcan.so.1"),
+                                        RTLD_NOW | RTLD_LOCAL);
 #define WCAN_TOOL_RESOLVE(name) resolve(wcanLib_->symbol(#name, true), wcan_.name);
   WCAN_TOOL_API(WCAN_TOOL_RESOLVE)
 #undef WCAN_TOOL_RESOLVE
@@ -88,9 +97,11 @@ Runtime::Runtime(const LoadOptions &options) : simulated_(options.simulate) {
 Runtime::~Runtime() = default;
 
 std::string Runtime::lastError() const {
+  const int code = wcan_.WCAN_GetLastError();
   const char *text = wcan_.WCAN_GetLastErrorStr();
-  return std::string(text ? text : "?") + " (error " + std::to_string(wcan_.WCAN_GetLastError()) +
-         ")";
+  std::string reason = std::string(text ? text : "?") + " (error " + std::to_string(code) + ")";
+  // Some refusals leave the last error as it was; say so rather than "OK".
+  return code == 0 ? "no reason given by the library, " + reason : reason;
 }
 
 } // namespace wcantool

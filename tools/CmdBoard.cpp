@@ -55,14 +55,12 @@ const DeviceType &recorderType(unsigned type) {
   return t;
 }
 
-void expectActionArgs(const Args &args, size_t count) {
-  args.expectPositionals(4 + count, 4 + count);
-}
-
-struct FilterRequest {
-  std::string action;
-  _WCAN_FLITER_CONFIG config{};
-  unsigned filterNumber = 0;
+// One action of `wcan record`; several may follow each other on one line.
+struct RecordAction {
+  std::string name;
+  std::vector<std::string> assignments; // set
+  _WCAN_FLITER_CONFIG filter{};         // filter-add, filter-show
+  unsigned filterNumber = 0;            // filter-show
 };
 
 unsigned hexIdArg(std::string text, const char *what) {
@@ -71,62 +69,91 @@ unsigned hexIdArg(std::string text, const char *what) {
   return static_cast<unsigned>(parseNumber(text, what, 0, 0x1FFFFFFF));
 }
 
-FilterRequest parseFilterRequest(const Args &args) {
-  FilterRequest req;
-  req.action = args.positionals()[3];
+bool isAssignment(const std::string &word) { return word.find('=') != std::string::npos; }
+
+std::vector<RecordAction> parseRecordActions(const Args &args) {
   const auto &p = args.positionals();
-  if (req.action == "filter-clear" || req.action == "filter-enable" ||
-      req.action == "filter-disable" || req.action == "filter-info") {
-    expectActionArgs(args, 0);
-  } else if (req.action == "filter-add") {
-    expectActionArgs(args, 2);
-    req.config.startId = hexIdArg(p[4], "FIRST");
-    req.config.endId = hexIdArg(p[5], "LAST");
-    if (req.config.endId < req.config.startId)
-      throw UsageError{"LAST must not be below FIRST"};
-    req.config.idType = static_cast<unsigned char>(
-        parseUnsigned(args.value("--id-type").value_or("0"), "--id-type", 0, 255));
-  } else if (req.action == "filter-show") {
-    expectActionArgs(args, 1);
-    req.filterNumber = parseUnsigned(p[4], "N", 0, 0xFFFF);
-  } else {
-    throw UsageError{"unknown action '" + req.action + "'"};
+  const auto idType = static_cast<unsigned char>(
+      parseUnsigned(args.value("--id-type").value_or("0"), "--id-type", 0, 255));
+  std::vector<RecordAction> actions;
+  size_t i = 3;
+  auto operand = [&](const char *what) -> const std::string & {
+    if (i >= p.size())
+      throw UsageError{"missing arguments: " + actions.back().name + " needs " + what};
+    return p[i++];
+  };
+  while (i < p.size()) {
+    actions.push_back({p[i++], {}, {}, 0});
+    RecordAction &a = actions.back();
+    if (a.name == "set") {
+      while (i < p.size() && isAssignment(p[i]))
+        a.assignments.push_back(p[i++]);
+      if (a.assignments.empty())
+        throw UsageError{"'set' needs at least one FIELD=VALUE"};
+      _WCAN_RECORD_CONFIG scratch{};
+      for (const std::string &text : a.assignments)
+        applyRecordAssignment(scratch, text);
+    } else if (a.name == "filter-add") {
+      a.filter.startId = hexIdArg(operand("FIRST"), "FIRST");
+      a.filter.endId = hexIdArg(operand("LAST"), "LAST");
+      if (a.filter.endId < a.filter.startId)
+        throw UsageError{"LAST must not be below FIRST"};
+      a.filter.idType = idType;
+    } else if (a.name == "filter-show") {
+      a.filterNumber = parseUnsigned(operand("N"), "N", 0, 0xFFFF);
+    } else if (a.name != "show" && a.name != "filter-info" && a.name != "filter-clear" &&
+               a.name != "filter-enable" && a.name != "filter-disable") {
+      throw UsageError{"unknown action '" + a.name + "'"};
+    }
   }
-  return req;
+  return actions;
 }
 
-int runFilterRequest(DeviceSession &dev, const WcanApi &api, unsigned ch, FilterRequest &req) {
+void runSettingsAction(DeviceSession &dev, const WcanApi &api, unsigned ch, const RecordAction &a) {
+  const unsigned type = dev.type().type;
+  _WCAN_RECORD_CONFIG config{};
+  if (api.WCAN_RecordSettingGet(type, dev.index(), ch, &config) != 1)
+    dev.fail("reading the recording settings");
+  if (a.name == "set") {
+    for (const std::string &text : a.assignments)
+      applyRecordAssignment(config, text);
+    if (api.WCAN_RecordSettingSet(type, dev.index(), ch, &config) != 1)
+      dev.fail("writing the recording settings");
+    if (api.WCAN_RecordSettingGet(type, dev.index(), ch, &config) != 1)
+      dev.fail("reading the recording settings back");
+  }
+  std::fputs(formatRecordConfig(config).c_str(), out());
+}
+
+void runFilterAction(DeviceSession &dev, const WcanApi &api, unsigned ch, RecordAction &a) {
   const unsigned type = dev.type().type;
   const unsigned index = dev.index();
   auto check = [&](int r, const char *what) {
     if (r != 1)
       dev.fail(what);
   };
-  const std::string &action = req.action;
-  if (action == "filter-clear") {
+  if (a.name == "filter-clear") {
     check(api.WCAN_RecordFliterClr(type, index, ch), "clearing the filters");
-  } else if (action == "filter-enable") {
+  } else if (a.name == "filter-enable") {
     check(api.WCAN_RecordFliterEnable(type, index, ch), "enabling the filters");
-  } else if (action == "filter-disable") {
+  } else if (a.name == "filter-disable") {
     check(api.WCAN_RecordFliterDisable(type, index, ch), "disabling the filters");
-  } else if (action == "filter-info") {
+  } else if (a.name == "filter-add") {
+    check(api.WCAN_RecordFliterAdd(type, index, ch, &a.filter), "adding the filter");
+  } else if (a.name == "filter-info") {
     _WCAN_FLITER_INFO info{};
     check(api.WCAN_RecordFliterInfoGet(type, index, ch, &info), "reading the filter information");
     std::fprintf(out(), "filters: %u\nstate:   %u\n", info.filterCount, info.filterState);
-    return kExitOk;
-  } else if (action == "filter-add") {
-    check(api.WCAN_RecordFliterAdd(type, index, ch, &req.config), "adding the filter");
-  } else if (action == "filter-show") {
-    _WCAN_FLITER_CONFIG &cfg = req.config;
+    return;
+  } else if (a.name == "filter-show") {
     check(api.WCAN_RecordFliterSettingGet(type, index, ch,
-                                          static_cast<unsigned short>(req.filterNumber), &cfg),
+                                          static_cast<unsigned short>(a.filterNumber), &a.filter),
           "reading the filter");
-    std::fprintf(out(), "filter %u: %X..%X id type %u\n", req.filterNumber, cfg.startId, cfg.endId,
-                 cfg.idType);
-    return kExitOk;
+    std::fprintf(out(), "filter %u: %X..%X id type %u\n", a.filterNumber, a.filter.startId,
+                 a.filter.endId, a.filter.idType);
+    return;
   }
-  std::fprintf(out(), "%s: done\n", action.c_str());
-  return kExitOk;
+  std::fprintf(out(), "%s: done\n", a.name.c_str());
 }
 
 } // namespace
@@ -181,34 +208,17 @@ int runRecord(Context &ctx, const Args &args) {
   unsigned type = recorderType(parseUnsigned(p[0], "TYPE", 0, ~0u)).type;
   unsigned index = parseUnsigned(p[1], "INDEX", 0, 255);
   unsigned channel = parseUnsigned(p[2], "CHANNEL", 0, 1);
-  const std::string &action = p[3];
-  if (action == "show" || action == "set") {
-    _WCAN_RECORD_CONFIG config{};
-    std::vector<std::string> assignments(p.begin() + 4, p.end());
-    if (action == "show")
-      expectActionArgs(args, 0);
-    else if (assignments.empty())
-      throw UsageError{"'set' needs at least one FIELD=VALUE"};
-    for (const std::string &a : assignments) // checked before the adapter is opened
-      applyRecordAssignment(config, a);
-    DeviceSession device(ctx.runtime(), type, index);
-    const WcanApi &api = ctx.runtime().wcan();
-    if (api.WCAN_RecordSettingGet(type, index, channel, &config) != 1)
-      device.fail("reading the recording settings");
-    if (action == "set") {
-      for (const std::string &a : assignments)
-        applyRecordAssignment(config, a);
-      if (api.WCAN_RecordSettingSet(type, index, channel, &config) != 1)
-        device.fail("writing the recording settings");
-      if (api.WCAN_RecordSettingGet(type, index, channel, &config) != 1)
-        device.fail("reading the recording settings back");
-    }
-    std::fputs(formatRecordConfig(config).c_str(), out());
-    return kExitOk;
-  }
-  FilterRequest req = parseFilterRequest(args);
+  std::vector<RecordAction> actions = parseRecordActions(args);
+
   DeviceSession device(ctx.runtime(), type, index);
-  return runFilterRequest(device, ctx.runtime().wcan(), channel, req);
+  const WcanApi &api = ctx.runtime().wcan();
+  for (RecordAction &a : actions) {
+    if (a.name == "show" || a.name == "set")
+      runSettingsAction(device, api, channel, a);
+    else
+      runFilterAction(device, api, channel, a);
+  }
+  return kExitOk;
 }
 
 } // namespace wcantool

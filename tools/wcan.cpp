@@ -88,10 +88,11 @@ const char kGenUsage[] =
     "  --dbitrate N     CAN FD data bit rate, default 2000000\n";
 
 const char kRecordUsage[] =
-    "usage: wcan record TYPE INDEX CHANNEL ACTION [ARGS]\n"
+    "usage: wcan record TYPE INDEX CHANNEL ACTION [ARGS] [ACTION [ARGS]]...\n"
     "\n"
     "Reads and writes the recording settings of a CAN recorder channel and\n"
-    "manages its recording filters. Actions:\n"
+    "manages its recording filters. Several actions run in order on one\n"
+    "opening of the recorder. Actions:\n"
     "  show                       print the recording settings\n"
     "  set FIELD=VALUE...         change settings (read, change, write back)\n"
     "  filter-info                number of stored filters and filter state\n"

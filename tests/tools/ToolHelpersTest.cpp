@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <set>
+#include <sstream>
 
 #include "Args.h"
 #include "DeviceTypes.h"
@@ -84,6 +86,19 @@ TEST(DeviceTypes, EveryFamilyWithItsUsbIds) {
   EXPECT_EQ(typesForUsbId(0x3068, 0x0009), (std::vector<unsigned>{41, 42, 43}));
   EXPECT_EQ(typesForUsbId(0x0471, 0x1200), (std::vector<unsigned>{3, 4}));
   EXPECT_TRUE(typesForUsbId(0x0471, 0x9999).empty());
+}
+
+TEST(DeviceTypes, UdevRuleCoversEveryUsbId) {
+  std::ifstream file(WCAN_UDEV_RULES);
+  ASSERT_TRUE(file) << WCAN_UDEV_RULES;
+  std::stringstream rules;
+  rules << file.rdbuf();
+  for (const DeviceType &t : deviceTypes()) {
+    char match[96];
+    std::snprintf(match, sizeof match, "ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\"",
+                  t.vendorId, t.productId);
+    EXPECT_NE(rules.str().find(match), std::string::npos) << "type " << t.type << ": " << match;
+  }
 }
 
 TEST(DeviceTypes, BitRates) {

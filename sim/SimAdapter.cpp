@@ -67,7 +67,6 @@ void Adapter::enqueue(uint8_t ep, Bytes bytes) {
   InQueue &q = in_[epSlot(ep)];
   if (bytes.empty() || q.transfers.size() >= kMaxQueuedTransfers)
     return;
-  trace("IN ", ep, bytes.data(), bytes.size());
   q.transfers.push_back(std::move(bytes));
   dataOrGone_.notify_all();
 }
@@ -157,6 +156,12 @@ int Adapter::takeFromQueue(uint8_t ep, uint8_t *buf, int len) {
   return static_cast<int>(n);
 }
 
+int Adapter::serve(uint8_t ep, uint8_t *buf, int len, int *transferred) {
+  *transferred = takeFromQueue(ep, buf, len);
+  trace("IN ", ep, buf, static_cast<size_t>(*transferred));
+  return 0;
+}
+
 int Adapter::read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *transferred,
                   unsigned timeoutMs) {
   *transferred = 0;
@@ -167,21 +172,19 @@ int Adapter::read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *t
   for (;;) {
     if (!isCurrent(generation))
       return LIBUSB_ERROR_NO_DEVICE;
+    if (len == 0)
+      return 0;
     InQueue &q = in_[epSlot(ep)];
     if (q.transfers.empty() && !silent_)
       model_->onReadEmpty(*this, ep);
-    if (!q.transfers.empty() && len > 0) {
-      *transferred = takeFromQueue(ep, buf, len);
-      return 0;
-    }
+    if (!q.transfers.empty())
+      return serve(ep, buf, len, transferred);
     if (timeoutMs == 0) {
       dataOrGone_.wait(lock);
     } else if (dataOrGone_.wait_until(lock, deadline) == std::cv_status::timeout) {
       // One last look: data may have come with the time-out.
-      if (isCurrent(generation) && !q.transfers.empty() && len > 0) {
-        *transferred = takeFromQueue(ep, buf, len);
-        return 0;
-      }
+      if (isCurrent(generation) && !q.transfers.empty())
+        return serve(ep, buf, len, transferred);
       return isCurrent(generation) ? LIBUSB_ERROR_TIMEOUT : LIBUSB_ERROR_NO_DEVICE;
     }
   }

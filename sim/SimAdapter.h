@@ -95,6 +95,7 @@ private:
   void enqueue(uint8_t ep, Bytes bytes);
   void applyReplyFault(Bytes &reply);
   int takeFromQueue(uint8_t ep, uint8_t *buf, int len);
+  int serve(uint8_t ep, uint8_t *buf, int len, int *transferred);
   void clearQueues();
   void collectOutbox(BusFrames &toBus);
   void trace(const char *dir, uint8_t ep, const uint8_t *data, size_t len) const;

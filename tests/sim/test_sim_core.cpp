@@ -329,3 +329,36 @@ TEST_F(SimCore, ControlApiForDlopenUsers) {
 
 } // namespace
 } // namespace wcansim
+
+namespace wcansim {
+namespace {
+
+// In a fresh process (the environment is read once, at the first init):
+// plugs in what WCAN_SIM lists, opens the first adapter, exchanges one
+// command and exits with the number of adapters found.
+[[noreturn]] void plugFromEnvironmentAndTrace() {
+  reset();
+  setenv("WCAN_SIM", "41,64,x,99,41", 1);
+  setenv("WCAN_SIM_TRACE", "1", 1);
+  libusb_init(nullptr);
+  libusb_device **list = nullptr;
+  const ssize_t n = libusb_get_device_list(nullptr, &list);
+  libusb_device_handle *h = nullptr;
+  libusb_open(list[0], &h);
+  libusb_free_device_list(list, 1);
+  unsigned char cmd[] = {0x55, 0x01, 0x01, 0x01};
+  int done = 0;
+  libusb_interrupt_transfer(h, 0x01, cmd, sizeof cmd, &done, 100);
+  libusb_interrupt_transfer(h, 0x81, cmd, sizeof cmd, &done, 100);
+  libusb_close(h);
+  std::exit(static_cast<int>(n));
+}
+
+TEST(SimEnvironment, PlugsInListedAdaptersAndTracesTransfers) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(plugFromEnvironmentAndTrace(), ::testing::ExitedWithCode(3),
+              "OUT ep01: 55 01 01 01\n.*IN  ep81: 55 01 01 00");
+}
+
+} // namespace
+} // namespace wcansim

@@ -235,7 +235,10 @@ int transfer(libusb_device_handle *handle, unsigned char ep, unsigned char *data
   *count = 0;
   if (handle == nullptr)
     return LIBUSB_ERROR_INVALID_PARAM;
-  Adapter &adapter = *handle->adapter;
+  // Held for the whole transfer: a blocked read must outlive a reset of the
+  // test bed that drops the adapter.
+  const std::shared_ptr<Adapter> keep = handle->adapter;
+  Adapter &adapter = *keep;
   if ((ep & LIBUSB_ENDPOINT_IN) != 0)
     return adapter.read(handle->generation, ep, data, length, count, timeout);
   wcansim::BusFrames toBus;

@@ -125,17 +125,13 @@ TEST_F(Usbcan2Device, FramesSentOnChannel0ArriveOnChannel1) {
   EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 0, 0), 0);
 }
 
-TEST_F(Usbcan2Device, QueueCountClearAndReinit) {
+TEST_F(Usbcan2Device, QueueCountClearResetAndReinit) {
   initBoth();
   _WCAN_CAN_OBJ f[2] = {canFrame(1), canFrame(2)};
   ASSERT_EQ(WCAN_Transmit(kType, 0, 0, f, 2), 2);
   waitForCount(1, 2);
   EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 0), 2);
   EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 1), 0) << "only classic frames here";
-  _WCAN_CAN_OBJ one;
-  EXPECT_EQ(WCAN_Receive(kType, 0, 1, &one, 1, 0), 1);
-  EXPECT_EQ(one.id, 1u);
-
   _WCAN_INIT_CONFIG c = config();
   ASSERT_EQ(WCAN_InitCAN(kType, 0, 1, &c), 1);
   EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 0), 0) << "a second init empties the queue";
@@ -143,17 +139,11 @@ TEST_F(Usbcan2Device, QueueCountClearAndReinit) {
   ASSERT_EQ(WCAN_Transmit(kType, 0, 0, f, 1), 1);
   waitForCount(1, 1);
   EXPECT_EQ(WCAN_ClearBuffer(kType, 0, 1), 1);
-  EXPECT_EQ(WCAN_Receive(kType, 0, 1, &one, 1, 20), 0);
-}
+  EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 0), 0);
 
-TEST_F(Usbcan2Device, ResetStopsTheChannelButKeepsItInitialised) {
-  initBoth();
   ASSERT_EQ(WCAN_Stop(kType, 0, 1), 1);
   EXPECT_TRUE(contains(wcansim::written(adapter, kCmdOut), {0x12, 0x0F, 0x02, 0x00, 0x10}));
-  EXPECT_FALSE(wcansim::model(adapter)->channelStarted(1));
-  EXPECT_EQ(WCAN_GetReceiveNum(kType, 0, 1, 0), 0);
-  EXPECT_EQ(WCAN_Start(kType, 0, 1), 1);
-  EXPECT_TRUE(wcansim::model(adapter)->channelStarted(1));
+  EXPECT_EQ(WCAN_Start(kType, 0, 1), 1) << "a reset channel stays initialised";
 }
 
 TEST_F(Usbcan2Device, BoardInformation) {
@@ -237,12 +227,7 @@ TEST_F(Usbcan2Device, ParameterAndStateErrors) {
       {"board info closed", [] { return WCAN_BoardInfoGet(kType, 1, nullptr); }, 7},
       {"init closed", [&] { return usbcan2InitCAN(kType, 1, 0, &c); }, 7},
       {"exported init closed, start overrides", [&] { return WCAN_InitCAN(kType, 1, 0, &c); }, 13},
-      {"relay get closed",
-       [] {
-         unsigned char a, b;
-         return WCAN_DevRelayStatusGet(kType, 1, &a, &b);
-       },
-       7},
+      {"relay set closed", [] { return WCAN_DevRelayStatusSet(kType, 1, 0, 0); }, 7},
       {"receive count 0", [&] { return WCAN_Receive(kType, 0, 0, &f, 0, 0); }, 8},
   };
   for (const auto &cs : cases) {
@@ -340,16 +325,6 @@ TEST_F(Usbcan2Device, UnplugAndReplugReplaysTheConfiguration) {
   EXPECT_TRUE(contains(wcansim::written(adapter, kCmdOut),
                        {0x12, 0x03, 0x06, 0x00, 0x10, 0x00, 0x1C, 0x02, 0x57}));
   EXPECT_THAT(log, testing::HasSubstr("DRV Tip:USBCAN OK..."));
-}
-
-TEST_F(Usbcan2Device, UnplugWithoutInitialisedChannelIsNotAFault) {
-  testing::internal::CaptureStdout();
-  wcansim::unplug(adapter);
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  wcansim::replug(adapter);
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  const std::string log = testing::internal::GetCapturedStdout();
-  EXPECT_THAT(log, testing::Not(testing::HasSubstr("USBCAN OK")));
 }
 
 // The one test that waits for real command time-outs.

@@ -59,12 +59,8 @@ std::vector<Collected> feedAll(RxReassembler &r, const Bytes &stream, size_t chu
 } // namespace
 
 TEST(Usbcan2Wire, CommandsHaveTheirExactBytes) {
-  _WCAN_INIT_CONFIG listen{};
-  listen.timing0 = 0x00;
-  listen.timing1 = 0x1C;
-  listen.mode = 1;
-  _WCAN_INIT_CONFIG normal = listen;
-  normal.mode = 0;
+  _WCAN_INIT_CONFIG normal{};
+  normal.timing1 = 0x1C;
   uint8_t payload[100];
   for (int i = 0; i < 100; ++i) {
     payload[i] = static_cast<uint8_t>(i);
@@ -78,17 +74,9 @@ TEST(Usbcan2Wire, CommandsHaveTheirExactBytes) {
     Bytes expected;
   } cases[] = {
       {"hw version", encodeQuery(kCodeHwVersion), {0x12, 0x01, 0x01, 0x00}},
-      {"serial", encodeQuery(kCodeSerial), {0x12, 0x14, 0x01, 0x00}},
-      {"init ch1 listen",
-       *encodeInit(1, listen),
-       {0x12, 0x03, 0x06, 0x00, 0x90, 0x00, 0x1C, 0x02, 0x57}},
       {"init ch0 normal",
        *encodeInit(0, normal),
        {0x12, 0x03, 0x06, 0x00, 0x00, 0x00, 0x1C, 0x02, 0x57}},
-      {"start ch1", encodeStart(1), {0x12, 0x0E, 0x02, 0x00, 0x10}},
-      {"reset ch0", encodeReset(0), {0x12, 0x0F, 0x02, 0x00, 0x00}},
-      {"relay set", encodeRelaySet(1, 0), {0x12, 0xB1, 0x02, 0x01, 0x00}},
-      {"relay get", encodeRelayGet(), {0x12, 0xB2, 0x02, 0x00, 0x00}},
       {"baud para", encodeBaudParaGet(1), {0x12, 0xA4, 0x01, 0x01}},
       {"channel state", encodeChStateGet(1), {0x12, 0x80, 0x01, 0x01, 0x00, 0x00}},
       {"direct short", encodeDirectTransfer(payload + 5, 3), {0x12, 0xA7, 5, 6, 7}},
@@ -100,66 +88,21 @@ TEST(Usbcan2Wire, CommandsHaveTheirExactBytes) {
   }
 }
 
-TEST(Usbcan2Wire, InitRefusesModesOtherThanNormalAndListenOnly) {
-  _WCAN_INIT_CONFIG config{};
-  config.mode = 2;
-  EXPECT_FALSE(encodeInit(0, config).has_value());
-}
-
-TEST(Usbcan2Wire, RepliesAreCheckedForLengthAndEcho) {
-  auto reply = [](std::initializer_list<uint8_t> b) {
-    Bytes r(64, 0);
-    std::copy(b.begin(), b.end(), r.begin());
-    return r;
-  };
-  const Bytes relay = reply({0x12, 0xB2, 0x02, 0x07, 0x09});
-  auto st = decodeRelayGet(ByteReader(relay.data(), relay.size()), 5);
-  ASSERT_TRUE(st);
-  EXPECT_EQ(st->relay1, 7);
-  EXPECT_EQ(st->relay2, 9);
-  EXPECT_FALSE(decodeRelayGet(ByteReader(relay.data(), relay.size()), 4)) << "short";
-  const Bytes foreign = reply({0x12, 0xB1, 0x02, 0x07, 0x09});
-  EXPECT_FALSE(decodeRelayGet(ByteReader(foreign.data(), foreign.size()), 5)) << "wrong echo";
-  EXPECT_TRUE(relaySetAccepted(ByteReader(foreign.data(), foreign.size()), 5));
-
-  const Bytes baud = reply({0x12, 0xA4, 0x06, 0, 0, 0, 0x33, 0, 0x44});
-  auto bp = decodeBaudPara(ByteReader(baud.data(), baud.size()), 9);
-  ASSERT_TRUE(bp);
-  EXPECT_EQ(bp->para1, 0x33);
-  EXPECT_EQ(bp->para2, 0x44);
-
-  const Bytes state = reply({0x12, 0x80, 0x09, 0, 0, 0x51, 0, 0, 0, 0x59, 0x5A, 0});
-  EXPECT_FALSE(decodeChState(ByteReader(state.data(), state.size()), 11)) << "11 bytes";
-  auto cs = decodeChState(ByteReader(state.data(), state.size()), 12);
+// The auxiliary replies are covered end to end; these are the cases the
+// simulated adapter never produces.
+TEST(Usbcan2Wire, ReplyChecksTheAdapterDoesNotExerciseEndToEnd) {
+  Bytes r(64, 0);
+  for (uint8_t status : {0x81, 0x82, 0x80}) {
+    r[2] = status;
+    EXPECT_EQ(initAccepted(ByteReader(r.data(), r.size())), status != 0x80) << int(status);
+  }
+  r = {0x12, 0x80, 0x09, 0, 0, 0x51, 0, 0, 0, 0x59, 0x5A, 0};
+  const auto cs = decodeChState(ByteReader(r.data(), r.size()), 12);
   ASSERT_TRUE(cs);
-  EXPECT_EQ(cs->state1, 0x51);
   EXPECT_EQ(cs->state2, 0x5A) << "second output from byte 10";
   EXPECT_EQ(cs->state3, 0x59) << "third output from byte 9";
-
-  for (uint8_t status : {0x81, 0x82}) {
-    const Bytes ok = reply({0x12, 0x03, status});
-    EXPECT_TRUE(initAccepted(ByteReader(ok.data(), ok.size())));
-  }
-  const Bytes bad = reply({0x12, 0x03, 0x80});
-  EXPECT_FALSE(initAccepted(ByteReader(bad.data(), bad.size())));
-}
-
-TEST(Usbcan2Wire, BoardTextLengthComesFromTheLowNibble) {
-  Bytes r(100, 0);
-  const char text[] = "SN-0042";
-  r[2] = 0xF0 | 8; // seven characters follow the status byte
-  std::copy(text, text + 7, r.begin() + 4);
-  char dst[20] = {};
-  EXPECT_EQ(copyText(ByteReader(r.data(), r.size()), dst, sizeof dst), 7u);
-  EXPECT_STREQ(dst, "SN-0042");
-
-  r[2] = 0x10; // nibble 0: nothing to copy
-  char untouched[4] = {'x', 'y', 'z', 0};
-  EXPECT_EQ(copyText(ByteReader(r.data(), r.size()), untouched, sizeof untouched), 0u);
-  EXPECT_STREQ(untouched, "xyz");
-
-  r[2] = 0x0F; // 14 characters into a 4-byte field stop at the field
-  EXPECT_EQ(copyText(ByteReader(r.data(), r.size()), untouched, 4), 4u);
+  r[1] = 0xB2;
+  EXPECT_FALSE(decodeRelayGet(ByteReader(r.data(), r.size()), 4)) << "short relay reply";
 }
 
 TEST(Usbcan2Wire, TransmitRecordLayout) {
@@ -200,27 +143,6 @@ TEST(Usbcan2Wire, TransmitRecordLayout) {
   EXPECT_EQ(rec[5], 0x02);
   EXPECT_EQ(Bytes(rec + 11, rec + 19), (Bytes{0xA0, 0xA1, 0xA2, 0, 0, 0, 0, 0}))
       << "bytes past dataLen are zero";
-}
-
-TEST(Usbcan2Wire, TransmitFormatErrors) {
-  const _WCAN_CAN_OBJ bad[] = {frame(1, false, false, 9), frame(1, false, false, 0),
-                               frame(1, false, false, 0)};
-  _WCAN_CAN_OBJ remote2 = frame(1, false, false, 0);
-  remote2.remoteFlag = 2;
-  _WCAN_CAN_OBJ extern2 = frame(1, false, false, 0);
-  extern2.externFlag = 2;
-  uint8_t rec[kRecordSize];
-  EXPECT_FALSE(encodeTxRecord(bad[0], 0, rec));
-  EXPECT_FALSE(encodeTxRecord(remote2, 0, rec));
-  EXPECT_FALSE(encodeTxRecord(extern2, 0, rec));
-
-  std::array<uint8_t, kPacketCapacity> packet;
-  EXPECT_FALSE(encodeTxPacket(bad, 3, 0, packet)) << "one bad frame spoils its packet";
-  const _WCAN_CAN_OBJ good[] = {frame(1, false, false, 1), frame(2, false, false, 1),
-                                frame(3, false, false, 1), frame(4, false, false, 1)};
-  EXPECT_EQ(encodeTxPacket(good, 2, 0, packet), 38u);
-  EXPECT_EQ(encodeTxPacket(good, 4, 0, packet), 57u) << "three frames at most";
-  EXPECT_EQ(packet[2 * kRecordSize + 7], 3 << 5);
 }
 
 TEST(Usbcan2Wire, ReceiveRecordDecoding) {
@@ -288,15 +210,12 @@ TEST(Usbcan2Wire, GarbageIsSkippedByteByByte) {
   EXPECT_EQ(got[0].frame.id, 0x123u);
   EXPECT_EQ(got[0].frame.data[0], 0x77);
   EXPECT_EQ(r.pending(), 1u);
-}
 
-TEST(Usbcan2Wire, GarbageThatLooksLikeAHeadIsTakenAsARecord) {
-  Bytes stream(kRecordSize, 0x55);
-  stream[3] = 0x01;
-  stream[4] = 0x00;
-  stream[5] = 0x00;
-  RxReassembler r;
-  EXPECT_EQ(feedAll(r, stream, 64).size(), 1u);
+  Bytes lookalike(kRecordSize, 0x55); // garbage with 01 00 00 at 3..5 is a record
+  lookalike[3] = 0x01;
+  lookalike[4] = lookalike[5] = 0x00;
+  RxReassembler fresh;
+  EXPECT_EQ(feedAll(fresh, lookalike, 64).size(), 1u);
 }
 
 TEST(Usbcan2Wire, DataPastLengthKeepsThePreviousFrame) {
@@ -308,15 +227,4 @@ TEST(Usbcan2Wire, DataPastLengthKeepsThePreviousFrame) {
   ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ(got[1].frame.data[0], 0x90);
   EXPECT_EQ(got[1].frame.data[7], 0x37);
-}
-
-TEST(Usbcan2Wire, ByteReaderNeverPassesTheEnd) {
-  const uint8_t data[3] = {1, 2, 3};
-  const ByteReader r(data, sizeof data);
-  EXPECT_EQ(r.u16le(1), 0x0302);
-  EXPECT_EQ(r.u16le(2), 0x0003);
-  EXPECT_EQ(r.u32le(0), 0x00030201u);
-  uint8_t out[8] = {};
-  EXPECT_EQ(r.copy(1, 8, out), 2u);
-  EXPECT_EQ(r.copy(5, 8, out), 0u);
 }

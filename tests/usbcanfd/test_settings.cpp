@@ -135,16 +135,4 @@ TEST_F(OpenDevice, LossWithoutInitialisedChannelIsNotWatched) {
   wcansim::replug(adapter);
 }
 
-TEST(UsbCanFdSettings, DeviceInfoIsFixed) {
-  QDeviceUsbCanFd2 dev;
-  _WCAN_BOARD_INFO info;
-  EXPECT_EQ(dev.getDeviceInf(nullptr), 0);
-  ASSERT_EQ(dev.getDeviceInf(&info), 1);
-  EXPECT_EQ(info.fwVersion, 0x0117);
-  EXPECT_EQ(info.canNum, 2);
-  EXPECT_EQ(std::string(info.serialNum, 20), "5E2F09B7C41D8A3600E1");
-  EXPECT_STREQ(info.hwType, "USBCANFD");
-  EXPECT_EQ(dev.isDeviceOnLine(), 2);
-}
-
 } // namespace

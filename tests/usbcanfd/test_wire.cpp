@@ -12,91 +12,6 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
-Bytes bytesOf(const CmdFrame &frame) {
-  return Bytes(frame.bytes.begin(), frame.bytes.begin() + frame.len);
-}
-
-struct CommandCase {
-  const char *name;
-  CmdFrame frame;
-  Bytes expected;
-};
-
-TEST(UsbCanFdWire, CommandFramesHaveTheirExactBytes) {
-  const uint8_t payload[100] = {1, 2, 3};
-  const CommandCase cases[] = {
-      {"version", encodeQuery(kCmdVersion), {0x55, 0x01, 0x01, 0x01}},
-      {"version2", encodeQuery(kCmdVersion2), {0x55, 0x12, 0x01, 0x01}},
-      {"board", encodeQuery(kCmdBoard), {0x55, 0x13, 0x01, 0x01}},
-      {"start ch3", encodeChannelCmd(kCmdStart, 3), {0x55, 0x0E, 0x02, 0x00, 0x30}},
-      {"stop ch7", encodeChannelCmd(kCmdStop, 7), {0x55, 0x0F, 0x02, 0x00, 0x70}},
-      {"status ch2", encodeStatusQuery(2), {0x55, 0x16, 0x21, 0x00}},
-      {"filter ext",
-       encodeFilter(FilterSub::ExtendedRange, 1, 0x1FFFFFFF, 0x12345678),
-       {0x55, 0x04, 0x0A, 0x03, 0x10, 0xFF, 0xFF, 0xFF, 0x1F, 0x78, 0x56, 0x34, 0x12}},
-      {"filter clear",
-       encodeFilter(FilterSub::Clear, 0, 0, 0),
-       {0x55, 0x04, 0x0A, 0x01, 0x00, 0, 0, 0, 0, 0, 0, 0, 0}},
-      {"raw short", encodeRawExchange(payload, 3), {0x12, 0xA7, 1, 2, 3}},
-  };
-  for (const auto &c : cases) {
-    EXPECT_EQ(bytesOf(c.frame), c.expected) << c.name;
-  }
-  EXPECT_EQ(encodeRawExchange(payload, 100).len, 64) << "payload capped at 62 bytes";
-}
-
-TEST(UsbCanFdWire, BaudInitSplitsBothTimingWords) {
-  // 0x01400106: prescaler-1 = 5, sjw 0, tseg2-1 = 1, tseg1-1 = 6.
-  // 0x12345678: prescaler-1 = 0x48, sjw 0x68, tseg2-1 = 0x56, tseg1-1 = 0x78.
-  const Bytes expected = {0x55, 0x03, 0x05, 0x01, 0xAA, 0xBB, 60, 0,    0x05, 0x00, 0x00, 0x06,
-                          0x00, 0x01, 0x00, 80,   0,    0x48, 0,  0x68, 0x78, 0x00, 0x56, 0x00};
-  EXPECT_EQ(bytesOf(encodeBaudInit(5, 0xAA, 0xBB, 60, 80, 0x01400106, 0x12345678)), expected);
-}
-
-struct TimingCase {
-  unsigned devType;
-  uint32_t abitRate, dbitRate;
-  bool aFound, dFound;
-  uint32_t aWord, dWord;
-  uint8_t clock;
-};
-
-TEST(UsbCanFdWire, VariantsSelectUsbIdsChannelsAndTimingTables) {
-  EXPECT_EQ(variantFor(41).vendorId, 0x3068);
-  EXPECT_EQ(variantFor(42).productId, 0x0009);
-  EXPECT_EQ(variantFor(43).channelCount, 2);
-  EXPECT_EQ(variantFor(64).productId, 0x3014);
-  EXPECT_EQ(variantFor(65).productId, 0x2014);
-  EXPECT_EQ(variantFor(65).channelCount, 4);
-  EXPECT_EQ(variantFor(66).productId, 0x2018);
-  EXPECT_EQ(variantFor(67).productId, 0x3018);
-  EXPECT_EQ(variantFor(67).channelCount, 8);
-  EXPECT_EQ(variantFor(66).vendorId, 0x0471);
-
-  const TimingCase cases[] = {
-      {64, 1000000, 5000000, true, true, 0x01400106, 0x00800001, 60},
-      {67, 1000000, 5000000, true, true, 0x00C0030E, 0x00400005, 80},
-      {66, 50000, 4000000, true, true, 0x13C0030E, 0x00400106, 80},
-      {41, 800000, 2000000, true, true, 0x0100020A, 0x00800106, 60},
-      {41, 83333, 83333, false, false, 0, 0, 60},
-      {41, 0, 0, false, false, 0, 0, 60},
-      {41, 2000000, 50000, false, true, 0, 0x1DC00106, 60}, // data-only rate
-  };
-  for (const auto &c : cases) {
-    const UsbCanFdVariant &v = variantFor(c.devType);
-    uint32_t a = 0, d = 0;
-    EXPECT_EQ(lookupTiming(v.clock->arbitration, c.abitRate, a), c.aFound) << c.devType;
-    EXPECT_EQ(lookupTiming(v.clock->data, c.dbitRate, d), c.dFound) << c.devType;
-    if (c.aFound) {
-      EXPECT_EQ(a, c.aWord);
-    }
-    if (c.dFound) {
-      EXPECT_EQ(d, c.dWord);
-    }
-    EXPECT_EQ(v.clock->clockMHz, c.clock);
-  }
-}
-
 _WCAN_CAN_OBJ canObj(uint32_t id, uint8_t len, uint8_t ext = 0, uint8_t remote = 0) {
   _WCAN_CAN_OBJ o{};
   o.id = id;
@@ -125,30 +40,6 @@ TEST(UsbCanFdWire, ClassicBatchLayout) {
   EXPECT_EQ(Bytes(out.begin() + 26, out.begin() + 45),
             (Bytes{0x33, 0x02, 0, 0, 0, 0, 0x23, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(frames[1].dataLen, 0);
-}
-
-TEST(UsbCanFdWire, FdBatchSwapsTheTwoFlagBits) {
-  struct FlagCase {
-    uint8_t fdFlags, remote, ext, wire;
-  } cases[] = {{0x00, 0, 0, 0x01}, {0x10, 0, 0, 0x09}, {0x08, 0, 0, 0x11},
-               {0x18, 0, 1, 0x1D}, {0x00, 1, 0, 0x03}, {0x07, 0, 0, 0x01}};
-  for (const auto &c : cases) {
-    _WCAN_CANFD_OBJ f{};
-    f.fdFlags = c.fdFlags;
-    f.remoteFlag = c.remote;
-    f.externFlag = c.ext;
-    f.dataLen = 64;
-    f.id = 0x7FF;
-    for (int i = 0; i < 64; ++i)
-      f.data[i] = static_cast<uint8_t>(i);
-    TxFrame out{};
-    ASSERT_EQ(encodeCanFdBatch(0, 2, &f, 1, out), 7u + 75);
-    EXPECT_EQ(out[4], 75);
-    EXPECT_EQ(out[7], 0x20);
-    EXPECT_EQ(out[8], c.wire) << int(c.fdFlags);
-    EXPECT_EQ(out[17], c.remote ? 0 : 64);
-    EXPECT_EQ(out[18 + 63], c.remote ? 0 : 63);
-  }
 }
 
 // ---------------------------------------------------------------------------
@@ -308,20 +199,6 @@ TEST(UsbCanFdWire, HostileLengthsStayInsideTheBuffer) {
   }
   Collect n = feedAll({noise, good}, s);
   EXPECT_LE(s.pending(), kStreamBufferLen);
-}
-
-TEST(UsbCanFdWire, ByteReaderRefusesToPassTheEnd) {
-  const uint8_t data[5] = {1, 2, 3, 4, 5};
-  ByteReader r(data, 3);
-  EXPECT_EQ(r.at(2), 3);
-  EXPECT_EQ(r.at(3), 0);
-  EXPECT_EQ(r.u32le(0), 0x030201u);
-  EXPECT_FALSE(r.has(2, 2));
-  EXPECT_TRUE(r.has(3, 0));
-  uint8_t out[4] = {9, 9, 9, 9};
-  r.copy(1, out, 4);
-  EXPECT_EQ(Bytes(out, out + 4), (Bytes{2, 3, 0, 0}));
-  EXPECT_EQ(r.sub(2, 10).size(), 1u);
 }
 
 } // namespace

@@ -10,7 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "devices/usbcan2/Usbcan2Device.h"
 #include "devices/usbcan2/usbcan2.h"
+#include "sim/ModelUsbCan2.h"
 #include "sim/wcan_sim.h"
 #include "wcan.h"
 
@@ -260,6 +262,21 @@ TEST_F(Usbcan2Device, TransmitFormatErrorsAfterEarlierPacketsWentOut) {
   out[1].externFlag = 2;
   EXPECT_EQ(WCAN_Transmit(kType, 0, 0, out.data(), 5), 0);
   EXPECT_EQ(WCAN_GetLastError(), 14);
+}
+
+// Acknowledged transmit counts what the adapter says it took, not what was
+// written: a listen-only channel takes nothing.
+TEST_F(Usbcan2Device, AcknowledgedTransmitCountsTheAdaptersAnswer) {
+  _WCAN_INIT_CONFIG listenOnly = config(1);
+  ASSERT_EQ(WCAN_InitCAN(kType, 0, 0, &listenOnly), 1);
+  _WCAN_INIT_CONFIG normal = config(0);
+  ASSERT_EQ(WCAN_InitCAN(kType, 0, 1, &normal), 1);
+  static_cast<wcansim::UsbCan2Model *>(wcansim::model(adapter))->setTransmitAcks(true);
+  usbcan2Record(0).txAckMode = 1;
+  std::vector<_WCAN_CAN_OBJ> out(4, canFrame(0x10));
+  EXPECT_EQ(WCAN_Transmit(kType, 0, 1, out.data(), 4), 4);
+  EXPECT_EQ(WCAN_Transmit(kType, 0, 0, out.data(), 4), 0);
+  usbcan2Record(0).txAckMode = 0;
 }
 
 TEST_F(Usbcan2Device, RecordsSplitAcrossReadsAndGarbageAreHandled) {

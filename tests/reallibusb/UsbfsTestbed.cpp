@@ -462,11 +462,9 @@ private:
     UMockdevIoctlBase *handler;
     std::string node;
   };
-  void waitListed(uint8_t bus, bool listed);
-  bool listed(uint8_t bus);
+  void addRecord(const EmulatedAdapter &adapter);
 
   UMockdevTestbed *testbed_ = nullptr;
-  libusb_context *observer_ = nullptr; // sees what every libusb context sees
   std::vector<Attached> handlers_;
   std::vector<bool> removed_;
   unsigned nextBus_ = 1;
@@ -575,40 +573,56 @@ UsbfsTestbed::Impl::Impl() {
   testbed_ = umockdev_testbed_new();
   if (testbed_ == nullptr)
     throw std::runtime_error("umockdev test bed could not be created");
-  if (libusb_init(&observer_) != 0)
-    throw std::runtime_error("libusb_init failed over the test bed");
 }
 
 UsbfsTestbed::Impl::~Impl() {
-  libusb_exit(observer_);
   g_object_unref(testbed_);
   for (Attached &a : handlers_)
     g_object_unref(a.handler);
 }
 
-bool UsbfsTestbed::Impl::listed(uint8_t bus) {
-  libusb_device **list = nullptr;
-  const ssize_t n = libusb_get_device_list(observer_, &list);
-  bool found = false;
-  for (ssize_t i = 0; i < n; ++i)
-    found = found || libusb_get_bus_number(list[i]) == bus;
-  if (n >= 0)
-    libusb_free_device_list(list, 1);
-  return found;
-}
-
-// libusb learns of the change from its hot-plug monitor thread; its event
-// handling wakes on each hot-plug message, so this waits without spinning.
-void UsbfsTestbed::Impl::waitListed(uint8_t bus, bool wanted) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (listed(bus) != wanted) {
-    if (std::chrono::steady_clock::now() > deadline)
-      throw std::runtime_error("libusb did not see the hot-plug event of bus " +
-                               std::to_string(bus));
-    timeval tv{0, 20000};
-    libusb_handle_events_timeout(observer_, &tv);
+// A libusb context that lives only while a hot-plug event goes out: it must
+// exist before the event (a context created later would find the device in
+// sysfs by its scan), and it must not outlive the wait, or it would stand in
+// as libusb's implicit default context for the library under test.
+class HotplugObserver {
+public:
+  HotplugObserver() {
+    if (libusb_init(&ctx_) != 0)
+      throw std::runtime_error("libusb_init failed over the test bed");
   }
-}
+  ~HotplugObserver() { libusb_exit(ctx_); }
+  HotplugObserver(const HotplugObserver &) = delete;
+  HotplugObserver &operator=(const HotplugObserver &) = delete;
+
+  // Every libusb context learns of the event in the same pass of libusb's
+  // hot-plug monitor; event handling wakes on each hot-plug message, so this
+  // waits without spinning.
+  void waitListed(uint8_t bus, bool wanted) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (listed(bus) != wanted) {
+      if (std::chrono::steady_clock::now() > deadline)
+        throw std::runtime_error("libusb did not see the hot-plug event of bus " +
+                                 std::to_string(bus));
+      timeval tv{0, 20000};
+      libusb_handle_events_timeout(ctx_, &tv);
+    }
+  }
+
+private:
+  bool listed(uint8_t bus) {
+    libusb_device **list = nullptr;
+    const ssize_t n = libusb_get_device_list(ctx_, &list);
+    bool found = false;
+    for (ssize_t i = 0; i < n; ++i)
+      found = found || libusb_get_bus_number(list[i]) == bus;
+    if (n >= 0)
+      libusb_free_device_list(list, 1);
+    return found;
+  }
+
+  libusb_context *ctx_ = nullptr;
+};
 
 int UsbfsTestbed::Impl::plugIn(unsigned devType) {
   std::unique_ptr<DeviceModel> model = wcansim::makeModel(devType);
@@ -618,7 +632,6 @@ int UsbfsTestbed::Impl::plugIn(unsigned devType) {
     throw std::runtime_error("no USB bus number left");
   const auto bus = static_cast<uint8_t>(nextBus_++);
   int id = 0;
-  std::string sysPath;
   {
     std::lock_guard<std::mutex> lock(mutex);
     adapters.push_back(std::make_unique<EmulatedAdapter>(devType, std::move(model), bus));
@@ -626,7 +639,7 @@ int UsbfsTestbed::Impl::plugIn(unsigned devType) {
     id = static_cast<int>(adapters.size() - 1);
   }
   EmulatedAdapter &adapter = at(id);
-  sysPath = adapter.sysPath();
+  HotplugObserver observer;
   // The node must answer before libusb can learn of the device.
   UMockdevIoctlBase *handler = umockdev_ioctl_base_new();
   auto *ctx = new HandlerContext{this, id};
@@ -641,25 +654,31 @@ int UsbfsTestbed::Impl::plugIn(unsigned devType) {
     g_clear_error(&error);
     throw std::runtime_error("attaching the usbfs handler failed: " + why);
   }
-  if (!umockdev_testbed_add_from_string(testbed_, adapter.record().c_str(), &error)) {
-    std::string why = error ? error->message : "unknown";
-    g_clear_error(&error);
-    throw std::runtime_error("adding the USB device failed: " + why);
-  }
-  umockdev_testbed_uevent(testbed_, sysPath.c_str(), "add");
-  waitListed(bus, true);
+  addRecord(adapter);
+  observer.waitListed(bus, true);
   return id;
 }
 
 // The remove event goes out first and libusb must have dropped the device
 // before its transfers fail; otherwise the library's recovery could reopen the
-// vanished device from a stale device list.
+// vanished device from a stale device list. The sysfs record goes too, so a
+// libusb context created meanwhile does not find it; the node keeps answering
+// (as a vanished device) for every client that still holds it open.
 void UsbfsTestbed::Impl::unplug(int id) {
   EmulatedAdapter &adapter = at(id);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!adapter.plugged())
+      return;
+  }
+  HotplugObserver observer;
   umockdev_testbed_uevent(testbed_, adapter.sysPath().c_str(), "remove");
-  waitListed(adapter.bus(), false);
-  std::lock_guard<std::mutex> lock(mutex);
-  adapter.unplug();
+  observer.waitListed(adapter.bus(), false);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    adapter.unplug();
+  }
+  umockdev_testbed_remove_device(testbed_, adapter.sysPath().c_str());
 }
 
 void UsbfsTestbed::Impl::replug(int id) {
@@ -670,26 +689,24 @@ void UsbfsTestbed::Impl::replug(int id) {
       return;
     adapter.replug();
   }
-  umockdev_testbed_uevent(testbed_, adapter.sysPath().c_str(), "add");
-  waitListed(adapter.bus(), true);
+  HotplugObserver observer;
+  addRecord(adapter);
+  observer.waitListed(adapter.bus(), true);
 }
 
-// The sysfs records go too, so that a libusb context created later does not
-// find them; the nodes keep answering (as vanished devices) for any client
-// that still holds them open.
+void UsbfsTestbed::Impl::addRecord(const EmulatedAdapter &adapter) {
+  GError *error = nullptr;
+  if (!umockdev_testbed_add_from_string(testbed_, adapter.record().c_str(), &error)) {
+    std::string why = error ? error->message : "unknown";
+    g_clear_error(&error);
+    throw std::runtime_error("adding the USB device failed: " + why);
+  }
+  umockdev_testbed_uevent(testbed_, adapter.sysPath().c_str(), "add");
+}
+
 void UsbfsTestbed::Impl::removeAll() {
   for (size_t i = 0; i < adapters.size(); ++i) {
-    if (removed_[i])
-      continue;
-    EmulatedAdapter &adapter = at(static_cast<int>(i));
-    bool plugged = false;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      plugged = adapter.plugged();
-    }
-    if (plugged)
-      unplug(static_cast<int>(i));
-    umockdev_testbed_remove_device(testbed_, adapter.sysPath().c_str());
+    unplug(static_cast<int>(i));
     removed_[i] = true;
   }
 }

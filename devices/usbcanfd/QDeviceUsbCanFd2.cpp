@@ -845,7 +845,7 @@ int QDeviceUsbCanFd2::keyIntValueGet(const char *key, const void *value, const c
   if (text == nullptr) {
     return -1;
   }
-  *out = std::atoi(text);
+  *out = static_cast<int>(std::strtol(text, nullptr, 10));
   return 0;
 }
 
@@ -976,10 +976,10 @@ int QDeviceUsbCanFd2::canBaudCustom(uint8_t channel, const char *text) {
   }
   const char *reservedStart = open + 2;
   const char *reservedEnd = std::strchr(reservedStart, ',');
+  // The first field is reserved: it must be present and fit, its value is unused.
   if (reservedEnd == nullptr || !copyField(reservedStart, reservedEnd, field)) {
     return 0;
   }
-  (void)std::atoi(reinterpret_cast<const char *>(field)); // reserved field, discarded
   const char *arbitrationStart = reservedEnd + 1;
   const char *arbitrationEnd = std::strchr(arbitrationStart, ',');
   if (arbitrationEnd == nullptr || !copyField(arbitrationStart, arbitrationEnd, field)) {

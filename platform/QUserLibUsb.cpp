@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 #include "platform/QUserLog.h"
 #include "platform/QUserUtils.h"
@@ -98,7 +99,10 @@ int QUserLibUsb::OpenUSBDevice(unsigned int wantVid, unsigned int wantPid, int w
   pid = wantPid;
   index = wantIndex;
   reserved = 0;
-  handle.store(chosen, std::memory_order_release);
+  {
+    std::unique_lock<std::shared_mutex> noTransfers(handleInUse);
+    handle.store(chosen, std::memory_order_release);
+  }
   logger().Info("DRV Tip:USB Device<%d> Link...", wantIndex);
   linkStatus.store(1, std::memory_order_relaxed);
   return 1;
@@ -140,6 +144,7 @@ void QUserLibUsb::closeLocked() {
     }
   }
   libusb_reset_device(open);
+  std::unique_lock<std::shared_mutex> noTransfers(handleInUse);
   handle.store(nullptr, std::memory_order_release);
   libusb_close(open);
 }
@@ -198,6 +203,7 @@ int QUserLibUsb::bulkReadUSBDevice(unsigned char *buffer, int length, unsigned c
 
 int QUserLibUsb::write(Kind kind, unsigned char *data, int length, unsigned char ep,
                        unsigned int timeout) {
+  std::shared_lock<std::shared_mutex> inUse(handleInUse);
   libusb_device_handle *open = handle.load(std::memory_order_acquire);
   if (open == nullptr) {
     return -1;
@@ -225,6 +231,7 @@ int QUserLibUsb::write(Kind kind, unsigned char *data, int length, unsigned char
 
 int QUserLibUsb::read(Kind kind, unsigned char *buffer, int length, unsigned char ep,
                       unsigned int timeout) {
+  std::shared_lock<std::shared_mutex> inUse(handleInUse);
   libusb_device_handle *open = handle.load(std::memory_order_acquire);
   if (open == nullptr) {
     return 0;
@@ -250,6 +257,7 @@ int QUserLibUsb::read(Kind kind, unsigned char *buffer, int length, unsigned cha
 }
 
 int QUserLibUsb::resetUSBEp(unsigned char ep) {
+  std::shared_lock<std::shared_mutex> inUse(handleInUse);
   if (libusb_device_handle *open = handle.load(std::memory_order_acquire)) {
     libusb_clear_halt(open, ep);
   }

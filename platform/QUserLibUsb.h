@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <shared_mutex>
 
 class QUserLibUsb {
 public:
@@ -42,6 +43,10 @@ private:
   void closeLocked();
 
   std::atomic<libusb_device_handle *> handle{nullptr};
+  // Transfers hold it shared so they still run side by side; closing the
+  // handle takes it exclusively, so a host thread's transfer can never use
+  // a handle that the receive thread's recovery is freeing.
+  std::shared_mutex handleInUse;
   libusb_context *ctx = nullptr;
   unsigned int vid = 0;
   unsigned int pid = 0;

@@ -78,9 +78,7 @@ std::vector<Route> objectRoutes() {
       {"Receive", [](unsigned t) { return WCAN_Receive(t, 0, 1, canFrames, 4, 9); },
        [](MockDevice &d) { EXPECT_CALL(d, receive(1u, canFrames, 4u, 9)).WillOnce(Return(5)); }},
       {"ReceiveFD", [](unsigned t) { return WCAN_ReceiveFD(t, 0, 1, fdFrames, 4, -1); },
-       [](MockDevice &d) {
-         EXPECT_CALL(d, receiveFD(1u, fdFrames, 4u, -1)).WillOnce(Return(5));
-       }},
+       [](MockDevice &d) { EXPECT_CALL(d, receiveFD(1u, fdFrames, 4u, -1)).WillOnce(Return(5)); }},
       {"Transmit", [](unsigned t) { return WCAN_Transmit(t, 0, 1, canFrames, 0); },
        [](MockDevice &d) { EXPECT_CALL(d, transmit(1u, canFrames, 0u)).WillOnce(Return(5)); }},
       {"TransmitFD", [](unsigned t) { return WCAN_TransmitFD(t, 0, 1, fdFrames, 3); },
@@ -109,7 +107,8 @@ std::vector<Route> objectRoutes() {
        [](MockDevice &d) {
          EXPECT_CALL(d, RecordCmdExecute(1u, 3u, nullptr, nullptr)).WillOnce(Return(5));
        }},
-      {"RecordFliterInfoGet", [](unsigned t) { return WCAN_RecordFliterInfoGet(t, 0, 1, &filterInfo); },
+      {"RecordFliterInfoGet",
+       [](unsigned t) { return WCAN_RecordFliterInfoGet(t, 0, 1, &filterInfo); },
        [](MockDevice &d) {
          EXPECT_CALL(d, RecordCmdExecute(1u, 4u, &filterInfo, nullptr)).WillOnce(Return(5));
        }},

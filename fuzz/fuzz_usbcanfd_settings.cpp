@@ -1,0 +1,93 @@
+// The CAN FD driver's key/value settings on a driver object that was never
+// opened: any key and any value text. The custom timing text is checked
+// against a plain re-reading of its four fields.
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "devices/usbcanfd/QDeviceUsbCanFd2.h"
+#include "platform/QUserUtils.h"
+
+namespace {
+
+void require(bool condition) {
+  if (!condition) {
+    __builtin_trap();
+  }
+}
+
+struct Timing {
+  bool ok;
+  uint32_t arbitration;
+  uint32_t data;
+};
+
+// The label, ",(", a reserved field, ",", two eight-digit words separated by
+// ",", and ")"; a field of 64 characters or more is refused.
+Timing readCustomTiming(const std::string &text) {
+  const size_t open = text.find(",(");
+  if (open == std::string::npos) {
+    return {false, 0, 0};
+  }
+  const size_t reservedEnd = text.find(',', open + 2);
+  if (reservedEnd == std::string::npos) {
+    return {false, 0, 0};
+  }
+  const size_t arbitrationEnd = text.find(',', reservedEnd + 1);
+  if (arbitrationEnd == std::string::npos) {
+    return {false, 0, 0};
+  }
+  const size_t dataEnd = text.find(')', arbitrationEnd + 1);
+  if (dataEnd == std::string::npos) {
+    return {false, 0, 0};
+  }
+  const std::string fields[3] = {text.substr(open + 2, reservedEnd - open - 2),
+                                 text.substr(reservedEnd + 1, arbitrationEnd - reservedEnd - 1),
+                                 text.substr(arbitrationEnd + 1, dataEnd - arbitrationEnd - 1)};
+  for (const std::string &field : fields) {
+    if (field.size() >= 64) {
+      return {false, 0, 0};
+    }
+  }
+  auto word = [](const std::string &field) {
+    unsigned char padded[64] = {};
+    field.copy(reinterpret_cast<char *>(padded), field.size());
+    return str2DWord(padded);
+  };
+  return {true, word(fields[1]), word(fields[2])};
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static QDeviceUsbCanFd2 device;
+  FuzzedDataProvider in(data, size);
+  const std::string key = in.ConsumeRandomLengthString(128);
+  const std::string value = in.ConsumeRemainingBytesAsString();
+
+  const int result = device.setValue(key.c_str(), value.c_str());
+  require(result == 0 || result == 1);
+  require(device.getValue(key.c_str()) == nullptr);
+  for (unsigned ch = 0; ch < 2; ++ch) {
+    require(device.isoMode(ch) <= 1);
+  }
+
+  const uint8_t channel = static_cast<uint8_t>(size % 3);
+  const Timing expected = readCustomTiming(value.c_str());
+  const uint32_t abitBefore = channel < 2 ? device.abitPreset(channel) : 0;
+  const int custom = device.canBaudCustom(channel, value.c_str());
+  if (channel >= 2) {
+    require(custom == 1 ? expected.ok : true);
+    return 0;
+  }
+  require(custom == (expected.ok ? 1 : 0));
+  if (expected.ok) {
+    require(device.abitPreset(channel) == expected.arbitration);
+    require(device.dbitPreset(channel) == expected.data);
+  } else {
+    require(device.abitPreset(channel) == abitBefore);
+  }
+  return 0;
+}

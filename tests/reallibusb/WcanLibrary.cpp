@@ -20,10 +20,11 @@ void *symbol(void *library, const char *name) {
 
 WcanApi load() {
   UsbfsTestbed::instance();
-  void *library = dlopen(WCAN_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+  // Kept mapped until the process ends: the library's last-error singleton
+  // is never freed, and once unmapped the leak checker would report it.
+  void *library = dlopen(WCAN_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (library == nullptr)
     throw std::runtime_error(std::string("cannot load libwcan: ") + dlerror());
-  atProgramEnd([library] { dlclose(library); });
   WcanApi api;
 #define WCAN_API_LOAD(name)                                                                        \
   api.name = reinterpret_cast<decltype(api.name)>(symbol(library, "WCAN_" #name));

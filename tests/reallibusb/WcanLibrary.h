@@ -33,8 +33,7 @@ struct WcanApi {
 #undef WCAN_API_MEMBER
 };
 
-// Loads the library on first use (creating the test bed first) and unloads
-// it at the end of the program, before the test bed goes.
+// Loads the library on first use, creating the test bed first.
 const WcanApi &wcan();
 
 } // namespace wcanumock

@@ -37,7 +37,10 @@ std::vector<Record> reassemble(const std::vector<uint8_t> &bytes, FuzzedDataProv
   };
   size_t at = 0;
   while (at < bytes.size()) {
-    const size_t n = split ? split->ConsumeIntegralInRange<size_t>(1, 2 * kReadChunk) : kReadChunk;
+    // Once the split sizes run out, the rest comes in reads of the usual size.
+    const size_t n = split && split->remaining_bytes() > 0
+                         ? split->ConsumeIntegralInRange<size_t>(1, 2 * kReadChunk)
+                         : kReadChunk;
     const size_t take = std::min(n, bytes.size() - at);
     reassembler.feed(bytes.data() + at, take, sink);
     require(reassembler.pending() < kRecordSize);

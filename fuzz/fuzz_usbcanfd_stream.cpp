@@ -60,7 +60,9 @@ void feedSplit(StreamAssembler &stream, const std::vector<uint8_t> &bytes,
                FuzzedDataProvider &split, CheckingSink &sink) {
   size_t at = 0;
   while (at < bytes.size()) {
-    const size_t n = split.ConsumeIntegralInRange<size_t>(1, 5000);
+    // Once the split sizes run out, the rest comes in one read.
+    const size_t n =
+        split.remaining_bytes() > 0 ? split.ConsumeIntegralInRange<size_t>(1, 5000) : bytes.size();
     const size_t take = std::min(n, bytes.size() - at);
     stream.feed(bytes.data() + at, take, sink);
     require(stream.pending() <= kStreamBufferLen);

@@ -1,0 +1,154 @@
+// Soak run over simulated adapters: a CAN FD adapter (type 41) and a classic
+// adapter (type 4), traffic both ways between channels 0 and 1 of each, while
+// each adapter is unplugged and replugged at random intervals. Fails (exit 1)
+// on a recovery that does not complete, on a frame sent after a recovery that
+// never arrives, on duplicates or reordering, and on too few cycles.
+//
+//   soak [--seconds N] [--min-cycles N] [--seed N]
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "SoakTraffic.h"
+#include "sim/wcan_sim.h"
+#include "wcan.h"
+
+namespace {
+
+struct Options {
+  int seconds = 120;
+  size_t minCycles = 200;
+  uint32_t seed = 1;
+};
+
+bool parse(int argc, char **argv, Options &options) {
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string name = argv[i];
+    const long value = std::strtol(argv[i + 1], nullptr, 10);
+    if (name == "--seconds") {
+      options.seconds = static_cast<int>(value);
+    } else if (name == "--min-cycles") {
+      options.minCycles = static_cast<size_t>(value);
+    } else if (name == "--seed") {
+      options.seed = static_cast<uint32_t>(value);
+    } else {
+      return false;
+    }
+  }
+  return argc % 2 == 1;
+}
+
+double percentile(std::vector<double> values, double p) {
+  if (values.empty()) {
+    return 0;
+  }
+  std::sort(values.begin(), values.end());
+  return values[static_cast<size_t>(p * static_cast<double>(values.size() - 1))];
+}
+
+bool printAndJudge(const std::vector<soak::Report> &reports, size_t minCycles) {
+  std::printf("\n%-8s %7s %7s %9s %9s %9s %6s %8s %8s %8s %8s %8s %8s\n", "adapter", "cycles",
+              "failed", "sent", "received", "checked", "lost", "disorder", "foreign", "rec.min",
+              "rec.med", "rec.p99", "rec.max");
+  bool ok = true;
+  for (const soak::Report &r : reports) {
+    const auto &ms = r.recoveryMs;
+    std::printf(
+        "%-8s %7zu %7zu %9llu %9llu %9llu %6llu %8llu %8llu %7.1fms %7.1fms %7.1fms "
+        "%7.1fms\n",
+        r.name.c_str(), r.cycles, r.failedRecoveries, static_cast<unsigned long long>(r.sent),
+        static_cast<unsigned long long>(r.received), static_cast<unsigned long long>(r.checked),
+        static_cast<unsigned long long>(r.lost), static_cast<unsigned long long>(r.disorder),
+        static_cast<unsigned long long>(r.foreign), percentile(ms, 0), percentile(ms, 0.5),
+        percentile(ms, 0.99), percentile(ms, 1));
+    ok = ok && r.cycles >= minCycles && r.failedRecoveries == 0 && r.lost == 0 && r.disorder == 0 &&
+         r.foreign == 0 && r.checked > 0;
+  }
+  std::printf("%s\n", ok ? "PASS" : "FAIL");
+  return ok;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  Options options;
+  if (!parse(argc, argv, options)) {
+    std::fprintf(stderr, "usage: %s [--seconds N] [--min-cycles N] [--seed N]\n", argv[0]);
+    return 2;
+  }
+  wcansim::reset();
+  std::vector<std::unique_ptr<soak::Rig>> rigs;
+  for (const soak::Family &family :
+       {soak::Family{"canfd", 41, true}, soak::Family{"classic", 4, false}}) {
+    const int adapter = wcansim::plugIn(family.type);
+    if (adapter < 0 || WCAN_OpenDevice(family.type, 0) != 1 || !family.init(0) || !family.init(1)) {
+      std::fprintf(stderr, "could not bring up the %s adapter\n", family.name.c_str());
+      return 1;
+    }
+    rigs.push_back(std::make_unique<soak::Rig>(family, adapter));
+  }
+
+  std::atomic<bool> stopChaos{false}, stopSending{false}, stopReceiving{false};
+  std::vector<std::thread> chaos, senders, receivers;
+  for (size_t i = 0; i < rigs.size(); ++i) {
+    soak::Rig &rig = *rigs[i];
+    for (unsigned ch = 0; ch < 2; ++ch) {
+      senders.emplace_back([&rig, ch, &stopSending] { rig.sender(ch, stopSending); });
+      receivers.emplace_back([&rig, ch, &stopReceiving] { rig.receiver(ch, stopReceiving); });
+    }
+    chaos.emplace_back([&rig, &stopChaos, seed = options.seed + static_cast<uint32_t>(i)] {
+      rig.chaos(stopChaos, seed);
+    });
+  }
+
+  // Run the set time and on until every adapter went through enough cycles
+  // (at most three times the set time).
+  const auto start = soak::Clock::now();
+  for (;;) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const auto elapsed = soak::Clock::now() - start;
+    bool enough = true;
+    std::string progress;
+    for (const auto &rig : rigs) {
+      enough = enough && rig->cycles() >= options.minCycles;
+      progress += " " + rig->family().name + "=" + std::to_string(rig->cycles());
+    }
+    std::fprintf(
+        stderr, "\r%3llds cycles:%s ",
+        static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(elapsed).count()),
+        progress.c_str());
+    if ((elapsed >= std::chrono::seconds(options.seconds) && enough) ||
+        elapsed >= std::chrono::seconds(3 * options.seconds)) {
+      break;
+    }
+  }
+  stopChaos = true;
+  for (std::thread &t : chaos) {
+    t.join();
+  }
+  // Traffic goes on for a moment after the last recovery, then drains.
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  stopSending = true;
+  for (std::thread &t : senders) {
+    t.join();
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  stopReceiving = true;
+  for (std::thread &t : receivers) {
+    t.join();
+  }
+
+  std::vector<soak::Report> reports;
+  for (const auto &rig : rigs) {
+    reports.push_back(rig->analyse(std::chrono::milliseconds(100)));
+    WCAN_CloseDevice(rig->family().type, 0);
+  }
+  wcansim::reset();
+  return printAndJudge(reports, options.minCycles) ? 0 : 1;
+}

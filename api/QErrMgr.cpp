@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <new>
 
 namespace {
 
@@ -33,7 +35,11 @@ constexpr char errInfoTab[kSlots][128] = {
 
 bool isKnownCode(int code) { return code >= 0 && code < kSlots && errInfoTab[code][0] != '\0'; }
 
+// The instance lives in static storage rather than on the heap, so nothing
+// is left allocated when the library is unloaded without destroyInstance.
+alignas(QErrMgr) unsigned char instanceStorage[sizeof(QErrMgr)];
 std::atomic<QErrMgr *> m_pInstance{nullptr};
+std::mutex creation;
 
 } // namespace
 
@@ -45,18 +51,18 @@ QErrMgr *QErrMgr::getInstance() {
   if (QErrMgr *instance = m_pInstance.load(std::memory_order_acquire)) {
     return instance;
   }
-  // A first call racing another may both get here; the compare-exchange
-  // keeps exactly one instance.
-  auto fresh = std::unique_ptr<QErrMgr>(new QErrMgr());
-  QErrMgr *expected = nullptr;
-  if (m_pInstance.compare_exchange_strong(expected, fresh.get(), std::memory_order_acq_rel)) {
-    return fresh.release();
+  std::lock_guard<std::mutex> once(creation);
+  if (m_pInstance.load(std::memory_order_relaxed) == nullptr) {
+    m_pInstance.store(new (instanceStorage) QErrMgr(), std::memory_order_release);
   }
-  return expected;
+  return m_pInstance.load(std::memory_order_relaxed);
 }
 
 void QErrMgr::destroyInstance() {
-  std::unique_ptr<QErrMgr> doomed(m_pInstance.exchange(nullptr, std::memory_order_acq_rel));
+  std::lock_guard<std::mutex> once(creation);
+  if (QErrMgr *instance = m_pInstance.exchange(nullptr, std::memory_order_acq_rel)) {
+    instance->~QErrMgr();
+  }
 }
 
 void QErrMgr::setLastError(int code) {

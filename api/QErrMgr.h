@@ -4,8 +4,6 @@
 
 #include <pthread.h>
 
-#include <memory>
-
 class QErrMgr {
 public:
   static QErrMgr *getInstance();
@@ -21,7 +19,6 @@ public:
   QErrMgr &operator=(const QErrMgr &) = delete;
 
 private:
-  friend struct std::default_delete<QErrMgr>;
   QErrMgr();
   ~QErrMgr();
 

@@ -20,9 +20,7 @@ void *symbol(void *library, const char *name) {
 
 WcanApi load() {
   UsbfsTestbed::instance();
-  // Kept mapped until the process ends: the library's last-error singleton
-  // is never freed, and once unmapped the leak checker would report it.
-  void *library = dlopen(WCAN_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+  void *library = dlopen(WCAN_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr)
     throw std::runtime_error(std::string("cannot load libwcan: ") + dlerror());
   WcanApi api;

@@ -161,6 +161,10 @@ int runDump(Context &ctx, const Args &args) {
       if (log)
         std::fflush(log.get());
       lastFrame = Clock::now();
+      if (std::ferror(out()))
+        return kExitOk; // the reader went away
+      if (log && std::ferror(log.get()))
+        throw ToolError{"cannot write " + *args.value("--log")};
     }
   }
   if (count != 0 && received < count && !stopRequested()) {

@@ -58,6 +58,9 @@ void installStopHandler() {
   sa.sa_flags = 0;
   sigaction(SIGINT, &sa, nullptr);
   sigaction(SIGTERM, &sa, nullptr);
+  // A reader that went away (`wcan dump ... | head`) ends the run through a
+  // failed write, so the adapter is still closed properly.
+  std::signal(SIGPIPE, SIG_IGN);
 }
 
 bool stopRequested() { return stopFlag != 0; }

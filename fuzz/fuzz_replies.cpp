@@ -3,6 +3,7 @@
 // within the range its caller relies on.
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -21,7 +22,9 @@ void require(bool condition) {
 
 void classicReplies(const std::vector<uint8_t> &bytes, size_t received) {
   using namespace usbcan2wire;
-  const ByteReader reply(bytes.data(), bytes.size());
+  // The driver always hands over a buffer, even for an empty reply.
+  static const uint8_t none = 0;
+  const ByteReader reply(bytes.empty() ? &none : bytes.data(), bytes.size());
   (void)initAccepted(reply);
   (void)versionWord(reply);
   (void)lastByte(reply, received);
@@ -39,7 +42,7 @@ void classicReplies(const std::vector<uint8_t> &bytes, size_t received) {
 void recorderReplies(const std::vector<uint8_t> &bytes, int exchangeResult, int length) {
   using namespace canrecord;
   Reply reply;
-  std::memcpy(reply.bytes.data(), bytes.data(), std::min(bytes.size(), reply.bytes.size()));
+  std::copy_n(bytes.begin(), std::min(bytes.size(), reply.bytes.size()), reply.bytes.begin());
   reply.length = length;
   const uint8_t request[2] = {reply.bytes[0], reply.bytes[1]};
   require(!replyMatches(request, reply.bytes.data(), length) || length >= 3);

@@ -1,0 +1,298 @@
+// End to end through the simulated adapters: host transmit on channel 0 to
+// host receive on channel 1, the latency from a frame reaching the adapter to
+// the host's receive call returning it, receive-only traffic on the eight
+// channels of a type-66 adapter, and the CPU the library's own threads use at
+// the full CAN FD bus rate and while a host waits on an idle bus.
+//
+// The simulated USB transfers run inside the library's receive thread, so
+// its CPU figures include the simulation's share of each read.
+#include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "sim/wcan_sim.h"
+#include "wcan.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+pid_t threadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+// Nanoseconds on the CPU of every thread of the process except `excluded`.
+uint64_t cpuNsExcept(const std::set<pid_t> &excluded) {
+  uint64_t total = 0;
+  DIR *dir = opendir("/proc/self/task");
+  if (dir == nullptr) {
+    return 0;
+  }
+  while (dirent *entry = readdir(dir)) {
+    const pid_t tid = static_cast<pid_t>(atoi(entry->d_name));
+    if (tid <= 0 || excluded.count(tid) != 0) {
+      continue;
+    }
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/self/task/%d/schedstat", tid);
+    if (FILE *f = std::fopen(path, "r")) {
+      unsigned long long ns = 0;
+      if (std::fscanf(f, "%llu", &ns) == 1) {
+        total += ns;
+      }
+      std::fclose(f);
+    }
+  }
+  closedir(dir);
+  return total;
+}
+
+uint64_t threadCpuNs() {
+  timespec ts{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// One opened CAN FD adapter of `type` with its first `channels` channels
+// initialised and started; closed again at scope end.
+class FdAdapter {
+public:
+  FdAdapter(unsigned type, unsigned channels) : type_(type) {
+    wcansim::reset();
+    adapter_ = wcansim::plugIn(type);
+    ok_ = adapter_ >= 0 && WCAN_OpenDevice(type, 0) == 1;
+    for (unsigned ch = 0; ok_ && ch < channels; ++ch) {
+      _WCAN_INITFD_CONFIG c{};
+      c.abitRate = 1000000;
+      c.dbitRate = 5000000;
+      c.fdEnable = 1;
+      ok_ = WCAN_InitCANFD(type, 0, ch, &c) == 1;
+    }
+  }
+  ~FdAdapter() {
+    WCAN_CloseDevice(type_, 0);
+    wcansim::reset();
+  }
+  bool ok() const { return ok_; }
+  unsigned type() const { return type_; }
+  wcansim::AdapterId id() const { return adapter_; }
+
+private:
+  unsigned type_;
+  wcansim::AdapterId adapter_ = -1;
+  bool ok_ = false;
+};
+
+wcansim::CanFrame busFrame(uint32_t id) {
+  wcansim::CanFrame f;
+  f.id = id;
+  f.fd = true;
+  f.brs = true;
+  f.len = 64;
+  return f;
+}
+
+// Frames per second from channel 0 to channel 1: bursts of 100 frames (ten
+// bulk frames of ten records), each burst received in full before the next.
+void BM_HostToHostCanFd(benchmark::State &state) {
+  FdAdapter dev(41, 2);
+  if (!dev.ok()) {
+    state.SkipWithError("adapter did not come up");
+    return;
+  }
+  std::vector<_WCAN_CANFD_OBJ> batch(10);
+  for (auto &f : batch) {
+    f.id = 0x123;
+    f.dataLen = 64;
+    f.fdFlags = WCAN_FDFLAG_FDF | WCAN_FDFLAG_BRS;
+  }
+  _WCAN_CANFD_OBJ in[256];
+  int64_t frames = 0;
+  for (auto _ : state) {
+    int sent = 0;
+    for (int b = 0; b < 10; ++b) {
+      sent += WCAN_TransmitFD(dev.type(), 0, 0, batch.data(), 10);
+    }
+    int got = 0;
+    while (got < sent) {
+      const int n = WCAN_ReceiveFD(dev.type(), 0, 1, in, 256, 1000);
+      if (n <= 0) {
+        state.SkipWithError("frames lost");
+        return;
+      }
+      got += n;
+    }
+    frames += got;
+  }
+  state.SetItemsProcessed(frames);
+}
+BENCHMARK(BM_HostToHostCanFd)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+// From a frame reaching the adapter (the bus delivers it, the adapter queues
+// it for its next bulk read) to the host's blocked receive call returning it:
+// an upper bound of the time from the end of the bulk read to the return.
+void BM_ReceiveLatencyCanFd(benchmark::State &state) {
+  FdAdapter dev(41, 2);
+  if (!dev.ok()) {
+    state.SkipWithError("adapter did not come up");
+    return;
+  }
+  std::vector<double> micros;
+  const wcansim::CanFrame frame = busFrame(0x55);
+  _WCAN_CANFD_OBJ got;
+  for (auto _ : state) {
+    std::atomic<bool> ready{false};
+    Clock::time_point sentAt;
+    std::thread injector([&] {
+      while (!ready.load()) {
+        std::this_thread::yield();
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+      sentAt = Clock::now();
+      wcansim::injectFrame(dev.id(), 1, frame);
+    });
+    ready = true;
+    const int n = WCAN_ReceiveFD(dev.type(), 0, 1, &got, 1, 1000);
+    const Clock::time_point returnedAt = Clock::now();
+    injector.join();
+    if (n != 1) {
+      state.SkipWithError("frame lost");
+      return;
+    }
+    micros.push_back(std::chrono::duration<double, std::micro>(returnedAt - sentAt).count());
+    WCAN_ClearBuffer(dev.type(), 0, 0);
+  }
+  std::sort(micros.begin(), micros.end());
+  state.counters["p50_us"] = micros[micros.size() / 2];
+  state.counters["p99_us"] = micros[micros.size() * 99 / 100];
+}
+BENCHMARK(BM_ReceiveLatencyCanFd)->Iterations(2000)->Unit(benchmark::kMicrosecond);
+
+// Producer injecting frames on the even channels of a type-66 adapter (each
+// reaches its channel and the cabled odd one), `perChannelPerMs` frames per
+// channel pair every millisecond, or as fast as it can when 0.
+class Producer {
+public:
+  Producer(wcansim::AdapterId adapter, int perPairPerMs) {
+    thread_ = std::thread([this, adapter, perPairPerMs] {
+      tid_ = threadId();
+      const wcansim::CanFrame frame = busFrame(0x321);
+      auto next = Clock::now();
+      while (!stop_.load()) {
+        const int rounds = perPairPerMs > 0 ? perPairPerMs : 16;
+        for (int r = 0; r < rounds; ++r) {
+          for (unsigned ch = 0; ch < 8; ch += 2) {
+            wcansim::injectFrame(adapter, ch, frame);
+          }
+        }
+        if (perPairPerMs > 0) {
+          next += std::chrono::milliseconds(1);
+          std::this_thread::sleep_until(next);
+        }
+      }
+    });
+    while (tid_.load() == 0) {
+      std::this_thread::yield();
+    }
+  }
+  ~Producer() {
+    stop_ = true;
+    thread_.join();
+  }
+  pid_t tid() const { return tid_; }
+
+private:
+  std::atomic<bool> stop_{false};
+  std::atomic<pid_t> tid_{0};
+  std::thread thread_;
+};
+
+// Receive-only: the adapter produces on all 8 channels as fast as the
+// producer can inject; the host sweeps the channels.
+void BM_ReceiveOnly8Channels(benchmark::State &state) {
+  FdAdapter dev(66, 8);
+  if (!dev.ok()) {
+    state.SkipWithError("adapter did not come up");
+    return;
+  }
+  Producer producer(dev.id(), 0);
+  _WCAN_CANFD_OBJ in[512];
+  int64_t frames = 0;
+  for (auto _ : state) {
+    for (unsigned ch = 0; ch < 8; ++ch) {
+      frames += std::max(0, WCAN_ReceiveFD(dev.type(), 0, ch, in, 512, 0));
+    }
+  }
+  state.SetItemsProcessed(frames);
+}
+BENCHMARK(BM_ReceiveOnly8Channels)->UseRealTime()->MinTime(3.0);
+
+// CPU of the library's own threads at the full CAN FD bus rate on all eight
+// channels (7 frames per channel per millisecond), with a host collecting
+// every millisecond.
+void BM_LibraryCpuAtFullBusRate(benchmark::State &state) {
+  FdAdapter dev(66, 8);
+  if (!dev.ok()) {
+    state.SkipWithError("adapter did not come up");
+    return;
+  }
+  Producer producer(dev.id(), 7);
+  const std::set<pid_t> host{getpid(), producer.tid()};
+  _WCAN_CANFD_OBJ in[512];
+  int64_t frames = 0;
+  double seconds = 0;
+  uint64_t cpu = 0;
+  for (auto _ : state) {
+    const uint64_t cpuBefore = cpuNsExcept(host);
+    const auto start = Clock::now();
+    while (Clock::now() - start < std::chrono::seconds(3)) {
+      for (unsigned ch = 0; ch < 8; ++ch) {
+        frames += std::max(0, WCAN_ReceiveFD(dev.type(), 0, ch, in, 512, 0));
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    cpu += cpuNsExcept(host) - cpuBefore;
+    seconds += std::chrono::duration<double>(Clock::now() - start).count();
+  }
+  state.counters["frames_per_s"] = static_cast<double>(frames) / seconds;
+  state.counters["library_cpu_pct"] = 100.0 * static_cast<double>(cpu) / 1e9 / seconds;
+}
+BENCHMARK(BM_LibraryCpuAtFullBusRate)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// A host blocked in one receive call (1 s wait) on an idle bus: the CPU of
+// the calling thread and of the library's threads.
+void BM_IdleBlockedReceiveCpu(benchmark::State &state) {
+  FdAdapter dev(66, 8);
+  if (!dev.ok()) {
+    state.SkipWithError("adapter did not come up");
+    return;
+  }
+  const std::set<pid_t> host{getpid()};
+  _WCAN_CANFD_OBJ in[8];
+  double seconds = 0;
+  uint64_t callerCpu = 0, libraryCpu = 0;
+  for (auto _ : state) {
+    const uint64_t libraryBefore = cpuNsExcept(host);
+    const uint64_t callerBefore = threadCpuNs();
+    const auto start = Clock::now();
+    for (int i = 0; i < 3; ++i) {
+      benchmark::DoNotOptimize(WCAN_ReceiveFD(dev.type(), 0, 0, in, 8, 1000));
+    }
+    callerCpu += threadCpuNs() - callerBefore;
+    libraryCpu += cpuNsExcept(host) - libraryBefore;
+    seconds += std::chrono::duration<double>(Clock::now() - start).count();
+  }
+  state.counters["caller_cpu_pct"] = 100.0 * static_cast<double>(callerCpu) / 1e9 / seconds;
+  state.counters["library_cpu_pct"] = 100.0 * static_cast<double>(libraryCpu) / 1e9 / seconds;
+}
+BENCHMARK(BM_IdleBlockedReceiveCpu)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+} // namespace

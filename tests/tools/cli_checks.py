@@ -261,6 +261,13 @@ def check_record():
     expect(result.returncode == 0, f"record show exited {result.returncode}: {result.stderr}")
     fields = dict(l.split("=", 1) for l in result.stdout.split())
     expect(len(fields) == 12 and fields["abitTiming"].startswith("0x"), result.stdout)
+    # A changed field reads back changed; the others keep their values.
+    result = run(["record", "61", "0", "1", "set", "abitTiming=0x12345678", "recOptByte2=7"],
+                 env_sim="61")
+    expect(result.returncode == 0, f"record set exited {result.returncode}: {result.stderr}")
+    changed = dict(l.split("=", 1) for l in result.stdout.split())
+    expect(changed["abitTiming"] == "0x12345678" and changed["recOptByte2"] == "7", result.stdout)
+    expect(changed["dbitTiming"] == fields["dbitTiming"], "set changed an untouched field")
     # Several actions on one opening: the filters read back as they were added.
     result = run(["record", "61", "0", "0", "filter-clear", "filter-add", "100", "1FF",
                   "--id-type", "1", "filter-enable", "filter-info", "filter-show", "0"],

@@ -5,6 +5,7 @@ usage: cli_checks.py WCAN_EXECUTABLE CHECK
 Exit 0 on success, 1 on failure, 77 when a needed outside tool is missing.
 """
 import os
+import pty
 import shutil
 import signal
 import subprocess
@@ -254,6 +255,29 @@ def check_gen():
     result = run(["gen", "4", "0", "0", "--count", "20", "--rate", "200", "--id", "i"],
                  env_sim="4")
     expect(result.returncode == 0 and "20 frames sent" in result.stdout, result.stdout)
+    # On a terminal the progress line is rewritten in place.
+    master, slave = pty.openpty()
+    try:
+        proc = subprocess.run([WCAN, "--sim", "4", "gen", "4", "0", "0", "--count", "600",
+                               "--rate", "1000"], stdout=subprocess.PIPE, stderr=slave,
+                              timeout=30)
+        os.close(slave)
+        slave = None
+        terminal = b""
+        while True:
+            try:
+                chunk = os.read(master, 4096)
+            except OSError:  # the terminal has no writer left
+                break
+            if not chunk:
+                break
+            terminal += chunk
+    finally:
+        if slave is not None:
+            os.close(slave)
+        os.close(master)
+    expect(proc.returncode == 0, f"gen on a terminal exited {proc.returncode}")
+    expect(b"\rsent 600 frames" in terminal, f"no progress line on the terminal: {terminal!r}")
 
 
 def check_record():

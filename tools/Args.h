@@ -51,7 +51,7 @@ unsigned long long parseNumber(std::string_view text, const char *what, unsigned
                                unsigned long long max);
 unsigned parseUnsigned(std::string_view text, const char *what, unsigned min, unsigned max);
 
-// Removes "--sim SPEC" / "--sim=SPEC" wherever it stands; returns the spec.
+// Removes "--sim LIST" / "--sim=LIST" wherever it stands; returns the adapter list.
 std::optional<std::string> takeSimOption(std::vector<std::string> &argv);
 
 } // namespace wcantool

@@ -134,13 +134,11 @@ void QUserLibUsb::closeLocked() {
     return;
   }
   for (int ep = 0; ep < 8; ++ep) {
-    if (inEps[ep] != 0) {
-      libusb_clear_halt(open, inEps[ep]);
-      inEps[ep] = 0;
+    if (const unsigned char in = inEps[ep].exchange(0, std::memory_order_relaxed)) {
+      libusb_clear_halt(open, in);
     }
-    if (outEps[ep] != 0) {
-      libusb_clear_halt(open, outEps[ep]);
-      outEps[ep] = 0;
+    if (const unsigned char out = outEps[ep].exchange(0, std::memory_order_relaxed)) {
+      libusb_clear_halt(open, out);
     }
   }
   libusb_reset_device(open);
@@ -186,7 +184,6 @@ int QUserLibUsb::WriteUSBDevice(unsigned char *data, int length, unsigned char e
 
 int QUserLibUsb::bulkWriteUSBDevice(unsigned char *data, int length, unsigned char ep,
                                     unsigned int timeout) {
-  outEps[ep & 0x07] = ep;
   QUserMutex lock(mutex);
   return write(Kind::Bulk, data, length, ep, timeout);
 }
@@ -208,7 +205,7 @@ int QUserLibUsb::write(Kind kind, unsigned char *data, int length, unsigned char
   if (open == nullptr) {
     return -1;
   }
-  outEps[ep & 0x07] = ep;
+  outEps[ep & 0x07].store(ep, std::memory_order_relaxed);
   int moved = 0;
   const int err = kind == Kind::Interrupt
                       ? libusb_interrupt_transfer(open, ep, data, length, &moved, timeout)
@@ -236,7 +233,7 @@ int QUserLibUsb::read(Kind kind, unsigned char *buffer, int length, unsigned cha
   if (open == nullptr) {
     return 0;
   }
-  inEps[ep & 0x07] = ep;
+  inEps[ep & 0x07].store(ep, std::memory_order_relaxed);
   int moved = 0;
   const int err = kind == Kind::Interrupt
                       ? libusb_interrupt_transfer(open, ep, buffer, length, &moved, timeout)

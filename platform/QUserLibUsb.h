@@ -53,8 +53,10 @@ private:
   int index = 0;
   unsigned char serialNum[256] = {};
   std::atomic<uint8_t> lastWriteFailEp{0xFF};
-  unsigned char inEps[8] = {};
-  unsigned char outEps[8] = {};
+  // Written by every transfer (from the receive thread and host threads at
+  // once), read when closing.
+  std::atomic<unsigned char> inEps[8] = {};
+  std::atomic<unsigned char> outEps[8] = {};
   uint32_t reserved = 0;
   std::atomic<int> linkStatus{0};
   std::atomic<int> lastErr{0};

@@ -193,7 +193,13 @@ int QDeviceUsbCanFd2::usbCmdSend(uint8_t *command, int commandLength, uint8_t *r
   enum class Last { Nothing, WriteFailed, ReadFailed, Matched } last = Last::Nothing;
   const int room = *replyLength;
   const uint32_t started = getCurMicroSec();
-  while (getLapseMicroSec(started) < timeoutMs * 1000) {
+  // With no USB device open every write would fail at once: fail the same
+  // way without waiting out the budget.
+  const bool canSend = usbDevice.isOpen();
+  if (!canSend) {
+    last = Last::WriteFailed;
+  }
+  while (canSend && getLapseMicroSec(started) < timeoutMs * 1000) {
     const int wrote =
         usbDevice.WriteUSBDevice(command, commandLength, outEndpoint, kTransferTimeoutMs);
     if (wrote < 1) {

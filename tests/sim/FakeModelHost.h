@@ -23,28 +23,6 @@ public:
     sent.emplace_back(channel, frame);
   }
 
-  // What one read of `ep` would return: the first queued transfer, after
-  // giving the model its chance to fill an empty endpoint. Empty if nothing.
-  Bytes read(DeviceModel &model, uint8_t ep) {
-    if (queued[ep].empty())
-      model.onReadEmpty(*this, ep);
-    if (queued[ep].empty())
-      return {};
-    Bytes out = std::move(queued[ep].front());
-    queued[ep].pop_front();
-    return out;
-  }
-
-  // Every byte queued on a stream endpoint, joined, and the queue emptied.
-  Bytes drain(uint8_t ep) {
-    Bytes out;
-    for (const Bytes &b : queued[ep])
-      out.insert(out.end(), b.begin(), b.end());
-    queued[ep].clear();
-    return out;
-  }
-
-  // Write a whole transfer; returns what the model answered.
   int write(DeviceModel &model, uint8_t ep, const Bytes &bytes) {
     return model.onHostWrite(*this, ep, bytes.data(), bytes.size());
   }
@@ -57,6 +35,23 @@ public:
     Bytes front = std::move(q.front());
     q.pop_front();
     return front;
+  }
+
+  // What one read of `ep` returns: the model fills an empty endpoint first,
+  // as the adapter does.
+  Bytes read(DeviceModel &model, uint8_t ep) {
+    if (queued[ep].empty())
+      model.onReadEmpty(*this, ep);
+    return take(ep);
+  }
+
+  // Every byte queued on a stream endpoint, joined, and the queue emptied.
+  Bytes drain(uint8_t ep) {
+    Bytes out;
+    for (const Bytes &b : queued[ep])
+      out.insert(out.end(), b.begin(), b.end());
+    queued[ep].clear();
+    return out;
   }
 
   // Write `bytes` to `ep` and return the reply then queued on `replyEp`.

@@ -37,39 +37,30 @@ protected:
     reset();
   }
 
-  // The addresses of the listed devices with these ids, in list order.
-  std::vector<uint8_t> addresses(libusb_context *c, uint16_t vid, uint16_t pid) {
+  // The devices with these ids, in list order; opened (and closed at the end)
+  // when `open` is set.
+  std::vector<uint8_t> find(libusb_context *c, uint16_t vid, uint16_t pid,
+                            libusb_device_handle **open = nullptr, int index = 0) {
     libusb_device **list = nullptr;
     const ssize_t n = libusb_get_device_list(c, &list);
     std::vector<uint8_t> found;
     for (ssize_t i = 0; i < n; ++i) {
       libusb_device_descriptor d{};
       EXPECT_EQ(libusb_get_device_descriptor(list[i], &d), 0);
-      if (d.idVendor == vid && d.idProduct == pid)
-        found.push_back(libusb_get_device_address(list[i]));
+      if (d.idVendor != vid || d.idProduct != pid)
+        continue;
+      if (open != nullptr && index-- == 0 && libusb_open(list[i], open) == 0)
+        handles.push_back(*open);
+      found.push_back(libusb_get_device_address(list[i]));
     }
     libusb_free_device_list(list, 1);
     return found;
   }
-
-  // Opens the index-th device with these ids, or returns null.
-  libusb_device_handle *open(uint16_t vid, uint16_t pid, int index = 0) {
-    libusb_device **list = nullptr;
-    const ssize_t n = libusb_get_device_list(ctx, &list);
+  libusb_device_handle *openFd(int index = 0) {
     libusb_device_handle *h = nullptr;
-    for (ssize_t i = 0; i < n && h == nullptr; ++i) {
-      libusb_device_descriptor d{};
-      libusb_get_device_descriptor(list[i], &d);
-      if (d.idVendor == vid && d.idProduct == pid && index-- == 0) {
-        EXPECT_EQ(libusb_open(list[i], &h), 0);
-      }
-    }
-    libusb_free_device_list(list, 1);
-    if (h != nullptr)
-      handles.push_back(h);
+    find(ctx, 0x3068, 0x0009, &h, index);
     return h;
   }
-  libusb_device_handle *openFd(int index = 0) { return open(0x3068, 0x0009, index); }
 
   static int send(libusb_device_handle *h, uint8_t ep, Bytes bytes) {
     int n = -1;
@@ -113,10 +104,10 @@ TEST_F(SimCore, EnumeratesAdaptersWithEqualIdsInPlugOrder) {
   plugIn(42);
   plugIn(43);
   EXPECT_EQ(plugIn(99), -1);
-  const auto fd = addresses(ctx, 0x3068, 0x0009);
+  const auto fd = find(ctx, 0x3068, 0x0009);
   ASSERT_EQ(fd.size(), 3u);
-  EXPECT_EQ(addresses(nullptr, 0x3068, 0x0009), fd) << "the NULL context sees the same";
-  EXPECT_EQ(addresses(ctx, 0x0471, 0x3014).size(), 1u);
+  EXPECT_EQ(find(nullptr, 0x3068, 0x0009), fd) << "the NULL context sees the same";
+  EXPECT_EQ(find(ctx, 0x0471, 0x3014).size(), 1u);
 
   // Each adapter answers as itself: the third one's serial number differs.
   libusb_device_handle *third = openFd(2);
@@ -162,7 +153,7 @@ TEST_F(SimCore, UnplugWakesABlockedReaderAndReplugIsANewDevice) {
   ASSERT_EQ(reader.wait_for(std::chrono::seconds(5)), std::future_status::ready);
   EXPECT_EQ(reader.get(), LIBUSB_ERROR_NO_DEVICE);
   EXPECT_EQ(send(h, kCmd, {0x55, 0x01, 0x01, 0x01}), LIBUSB_ERROR_NO_DEVICE);
-  EXPECT_TRUE(addresses(ctx, 0x3068, 0x0009).empty());
+  EXPECT_TRUE(find(ctx, 0x3068, 0x0009).empty());
   EXPECT_EQ(openFd(), nullptr);
 
   replug(id);
@@ -186,20 +177,6 @@ TEST_F(SimCore, UsbResetStopsTheChannels) {
   EXPECT_EQ(libusb_clear_halt(h, kStream), 0);
 }
 
-TEST_F(SimCore, RecordsEveryWrittenTransferPerEndpoint) {
-  const AdapterId id = plugIn(41);
-  libusb_device_handle *h = openFd();
-  ASSERT_NE(h, nullptr);
-  const Bytes a{0x55, 0x01, 0x01, 0x01}, b{0x55, 0x12, 0x01, 0x01};
-  command(h, a);
-  command(h, b);
-  send(h, kData, dataFrame(0, 1));
-  EXPECT_EQ(written(id, kCmd), (std::vector<Bytes>{a, b}));
-  EXPECT_EQ(written(id, kData), (std::vector<Bytes>{dataFrame(0, 1)}));
-  clearWritten(id);
-  EXPECT_TRUE(written(id, kCmd).empty());
-}
-
 TEST_F(SimCore, ReplyFaultsTamperWithTheNextReplies) {
   struct Case {
     ReplyFault fault;
@@ -221,17 +198,6 @@ TEST_F(SimCore, ReplyFaultsTamperWithTheNextReplies) {
     EXPECT_EQ(command(h, version), c.expected);
     EXPECT_EQ(command(h, version), clean) << "only `count` replies are touched";
   }
-}
-
-TEST_F(SimCore, SilentAdapterTakesWritesButNeverAnswers) {
-  const AdapterId id = plugIn(41);
-  libusb_device_handle *h = openFd();
-  ASSERT_NE(h, nullptr);
-  setSilent(id, true);
-  EXPECT_EQ(send(h, kCmd, {0x55, 0x01, 0x01, 0x01}), 4);
-  EXPECT_TRUE(receive(h, kReply, 64, 30).empty());
-  setSilent(id, false);
-  EXPECT_EQ(command(h, {0x55, 0x01, 0x01, 0x01}).size(), 8u);
 }
 
 TEST_F(SimCore, PacketAndStreamEndpointsServeReadsByTheirShape) {
@@ -319,7 +285,7 @@ TEST_F(SimCore, DeviceTimeStampsRiseAndRestartOnReplug) {
 TEST_F(SimCore, ControlApiForDlopenUsers) {
   wcan_sim_reset();
   const int id = wcan_sim_plug_in(65);
-  EXPECT_EQ(addresses(ctx, 0x0471, 0x2014).size(), 1u);
+  EXPECT_EQ(find(ctx, 0x0471, 0x2014).size(), 1u);
   wcan_sim_unplug(id);
   EXPECT_FALSE(isPlugged(id));
   wcan_sim_replug(id);

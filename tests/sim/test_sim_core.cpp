@@ -99,10 +99,8 @@ protected:
 };
 
 TEST_F(SimCore, EnumeratesAdaptersWithEqualIdsInPlugOrder) {
-  plugIn(41);
-  plugIn(64);
-  plugIn(42);
-  plugIn(43);
+  for (unsigned type : {41u, 64u, 42u, 43u})
+    plugIn(type);
   EXPECT_EQ(plugIn(99), -1);
   const auto fd = find(ctx, 0x3068, 0x0009);
   ASSERT_EQ(fd.size(), 3u);

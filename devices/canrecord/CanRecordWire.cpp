@@ -11,13 +11,11 @@ constexpr size_t kFilterSetFrameSize = 13;
 constexpr size_t kFilterQueryFrameSize = 6;
 
 void putU16le(Request &frame, size_t offset, uint16_t value) {
-  frame[offset] = static_cast<uint8_t>(value);
-  frame[offset + 1] = static_cast<uint8_t>(value >> 8);
+  wcan::putU16le(frame.data() + offset, value);
 }
 
 void putU32le(Request &frame, size_t offset, uint32_t value) {
-  putU16le(frame, offset, static_cast<uint16_t>(value));
-  putU16le(frame, offset + 2, static_cast<uint16_t>(value >> 16));
+  wcan::putU32le(frame.data() + offset, value);
 }
 
 // Settings address channel 0 or 1 by the low bit of the index.

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/ByteOrder.h"
 #include "wcan.h"
 
 namespace canrecord {
@@ -68,36 +69,7 @@ constexpr UsbIdentity usbIdentityFor(unsigned devType) {
   return {devType, 0, 0};
 }
 
-// Reads fixed positions of a received frame; a position past the end reads as
-// zero, so a short or hostile reply can never lead a decoder out of its buffer.
-class ByteReader {
-public:
-  ByteReader(const uint8_t *data, size_t size) : data_(data), size_(size) {}
-
-  bool covers(size_t offset, size_t count) const {
-    return offset <= size_ && count <= size_ - offset;
-  }
-  uint8_t u8(size_t offset) const { return byteAt(offset, 0); }
-  uint16_t u16le(size_t offset) const {
-    return static_cast<uint16_t>(byteAt(offset, 0) | (byteAt(offset, 1) << 8));
-  }
-  uint32_t u32le(size_t offset) const {
-    uint32_t value = 0;
-    for (size_t k = 4; k-- > 0;) {
-      value = (value << 8) | byteAt(offset, k);
-    }
-    return value;
-  }
-
-private:
-  // Byte `k` after `offset`, computed without letting offset + k wrap around.
-  uint8_t byteAt(size_t offset, size_t k) const {
-    return offset < size_ && k < size_ - offset ? data_[offset + k] : 0;
-  }
-
-  const uint8_t *data_;
-  size_t size_;
-};
+using wcan::ByteReader;
 
 using Request = std::vector<uint8_t>;
 

@@ -28,15 +28,6 @@ constexpr size_t kReplyData = 4;
 
 } // namespace
 
-size_t ByteReader::copy(size_t from, size_t count, void *dst) const {
-  if (from >= size_) {
-    return 0;
-  }
-  const size_t n = std::min(count, size_ - from);
-  std::memcpy(dst, data_ + from, n);
-  return n;
-}
-
 Command encodeQuery(Code code) { return make({kLead, code, 0x01, 0x00}); }
 
 std::optional<Command> encodeInit(uint32_t channel, const _WCAN_INIT_CONFIG &config) {
@@ -108,7 +99,7 @@ size_t copyText(const ByteReader &reply, char *dst, size_t capacity) {
 }
 
 static bool echoes(const ByteReader &reply, size_t received, size_t minimum, Code code) {
-  return received >= minimum && reply.has(minimum) && reply.u8(1) == code;
+  return received >= minimum && reply.has(0, minimum) && reply.u8(1) == code;
 }
 
 std::optional<RelayStatus> decodeRelayGet(const ByteReader &reply, size_t received) {
@@ -143,18 +134,12 @@ bool encodeTxRecord(const _WCAN_CAN_OBJ &frame, uint32_t channel, uint8_t *recor
   }
   std::memcpy(record, kTxTemplate, kRecordSize);
   // The time stamp goes out most significant byte first, unlike the receive side.
-  record[0] = static_cast<uint8_t>(frame.timeStamp >> 24);
-  record[1] = static_cast<uint8_t>(frame.timeStamp >> 16);
-  record[2] = static_cast<uint8_t>(frame.timeStamp >> 8);
-  record[3] = static_cast<uint8_t>(frame.timeStamp);
+  wcan::putU32be(record, frame.timeStamp);
   record[4] = frame.rawFlag;
   record[5] = frame.sendType;
   record[6] = static_cast<uint8_t>(channelBits(channel) | frame.remoteFlag << 6 |
                                    frame.externFlag << 7 | (frame.dataLen & 0x0F));
-  const uint32_t wireId = frame.id << idShift(frame.externFlag != 0);
-  for (unsigned i = 0; i < 4; ++i) {
-    record[7 + i] = static_cast<uint8_t>(wireId >> (8 * i));
-  }
+  wcan::putU32le(record + 7, frame.id << idShift(frame.externFlag != 0));
   std::memcpy(record + 11, frame.data, frame.dataLen);
   return true;
 }

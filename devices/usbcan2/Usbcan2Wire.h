@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "platform/ByteOrder.h"
 #include "wcan.h"
 
 namespace usbcan2wire {
@@ -63,24 +64,7 @@ struct Command {
   int length() const { return static_cast<int>(size); }
 };
 
-// Reads inside [data, data + size) only; anything past the end reads as 0.
-class ByteReader {
-public:
-  ByteReader(const uint8_t *data, size_t size) : data_(data), size_(size) {}
-  size_t size() const { return size_; }
-  bool has(size_t count) const { return size_ >= count; }
-  uint8_t u8(size_t i) const { return i < size_ ? data_[i] : 0; }
-  uint16_t u16le(size_t i) const { return static_cast<uint16_t>(u8(i) | u8(i + 1) << 8); }
-  uint32_t u32le(size_t i) const {
-    return static_cast<uint32_t>(u16le(i)) | static_cast<uint32_t>(u16le(i + 2)) << 16;
-  }
-  // Copies up to `count` bytes from `from`, stopping at the end; returns how many.
-  size_t copy(size_t from, size_t count, void *dst) const;
-
-private:
-  const uint8_t *data_;
-  size_t size_;
-};
+using wcan::ByteReader;
 
 Command encodeQuery(Code code); // 12 code 01 00: the board information queries
 // Mode 0 normal, 1 listen-only; anything else has no encoding.

@@ -5,15 +5,8 @@
 namespace usbcanfd {
 namespace {
 
-void putU16le(uint8_t *at, uint32_t value) {
-  at[0] = static_cast<uint8_t>(value);
-  at[1] = static_cast<uint8_t>(value >> 8);
-}
-
-void putU32le(uint8_t *at, uint32_t value) {
-  putU16le(at, value);
-  putU16le(at + 2, value >> 16);
-}
+using wcan::putU16le;
+using wcan::putU32le;
 
 CmdFrame frameOf(std::initializer_list<uint8_t> bytes) {
   CmdFrame frame;
@@ -125,13 +118,13 @@ namespace {
 
 template <class Obj> void decodeCommon(ByteReader record, Obj &out, size_t dataRoom) {
   std::memset(&out, 0, sizeof out);
-  const uint8_t flags = record.at(1);
+  const uint8_t flags = record.u8(1);
   out.remoteFlag = (flags & kWireRemote) != 0 ? 1 : 0;
   out.externFlag = (flags & kWireExtended) != 0 ? 1 : 0;
   out.timeStamp = record.u32le(2);
   out.id = record.u32le(6) & 0x1FFFFFFF;
-  out.dataLen = static_cast<unsigned char>(std::min<size_t>(record.at(10), dataRoom));
-  record.copy(11, out.data, out.dataLen);
+  out.dataLen = static_cast<unsigned char>(std::min<size_t>(record.u8(10), dataRoom));
+  record.copy(11, out.dataLen, out.data); // the rest was zeroed above
 }
 
 } // namespace
@@ -140,7 +133,7 @@ void decodeCanRecord(ByteReader record, _WCAN_CAN_OBJ &out) { decodeCommon(recor
 
 void decodeCanFdRecord(ByteReader record, _WCAN_CANFD_OBJ &out) {
   decodeCommon(record, out, 64);
-  out.fdFlags = (record.at(1) & kWireFlag10) != 0 ? 0x08 : 0;
+  out.fdFlags = (record.u8(1) & kWireFlag10) != 0 ? 0x08 : 0;
 }
 
 } // namespace usbcanfd

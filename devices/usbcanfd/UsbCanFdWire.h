@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/ByteOrder.h"
 #include "wcan.h"
 
 namespace usbcanfd {
@@ -220,51 +221,13 @@ size_t encodeCanFdBatch(uint8_t header, unsigned channel, _WCAN_CANFD_OBJ *frame
 // Receive stream (bulk endpoint 0x83)
 // ---------------------------------------------------------------------------
 
-// Read-only view over received bytes that never reads past its end: reads
-// beyond it yield 0, so a decoder given a short view cannot overrun.
-class ByteReader {
-public:
-  constexpr ByteReader(const uint8_t *data, size_t size) : data_(data), size_(size) {}
-
-  constexpr size_t size() const { return size_; }
-  constexpr bool has(size_t offset, size_t length) const {
-    return offset <= size_ && length <= size_ - offset;
-  }
-  uint8_t at(size_t i) const { return i < size_ ? data_[i] : 0; }
-  uint16_t u16le(size_t i) const { return static_cast<uint16_t>(at(i) | at(i + 1) << 8); }
-  uint32_t u32le(size_t i) const {
-    if (!has(i, 4)) {
-      return static_cast<uint32_t>(u16le(i)) | static_cast<uint32_t>(u16le(i + 2)) << 16;
-    }
-    uint32_t v;
-    std::memcpy(&v, data_ + i, 4);
-    return v; // little-endian host
-  }
-  // Copies `length` bytes from `offset`, zero-filling what lies past the end.
-  void copy(size_t offset, uint8_t *out, size_t length) const {
-    size_t avail = offset < size_ ? std::min(length, size_ - offset) : 0;
-    std::memcpy(out, data_ + offset, avail);
-    std::memset(out + avail, 0, length - avail);
-  }
-  ByteReader sub(size_t offset, size_t length) const {
-    if (offset > size_) {
-      return ByteReader(data_ + size_, 0);
-    }
-    return ByteReader(data_ + offset, std::min(length, size_ - offset));
-  }
-
-private:
-  const uint8_t *data_;
-  size_t size_;
-};
-
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "u32le assumes a little-endian host");
+using wcan::ByteReader;
 
 // Queue of a record: the channel nibble, channels 8..15 all landing in 7.
 inline unsigned recordQueue(ByteReader record) {
-  return std::min<unsigned>(record.at(0) >> 4, kChannelSlots - 1);
+  return std::min<unsigned>(record.u8(0) >> 4, kChannelSlots - 1);
 }
-inline bool isFdRecord(ByteReader record) { return (record.at(1) & kWireFd) != 0; }
+inline bool isFdRecord(ByteReader record) { return (record.u8(1) & kWireFd) != 0; }
 
 // Decode one record. The reader should span the whole record; bytes missing
 // from a short one read as zero.
@@ -278,13 +241,13 @@ enum class HeaderScan { NotHeader, Incomplete, Frame };
 // or one whose frame could never fit in the stream buffer, is no header.
 inline HeaderScan scanHeader(ByteReader in, size_t p) {
   const size_t remaining = in.size() - p;
-  if (in.at(p) != kFrameStart) {
+  if (in.u8(p) != kFrameStart) {
     return HeaderScan::NotHeader;
   }
   if (remaining < 2) {
     return HeaderScan::Incomplete;
   }
-  if (in.at(p + 1) != kDataFrameCode) {
+  if (in.u8(p + 1) != kDataFrameCode) {
     return HeaderScan::NotHeader;
   }
   if (remaining < 6) {
@@ -317,10 +280,10 @@ template <class Sink> size_t parseStream(const uint8_t *buf, size_t length, Sink
       ++p;
       continue;
     }
-    const unsigned count = in.at(p + 6);
+    const unsigned count = in.u8(p + 6);
     p += kDataHeaderLen;
     for (unsigned i = 0; i < count; ++i) {
-      const bool fd = (in.at(p + 1) & kWireFd) != 0;
+      const bool fd = (in.u8(p + 1) & kWireFd) != 0;
       const size_t recordLen = fd ? kCanFdRecordLen : kCanRecordLen;
       if (!in.has(p, recordLen)) {
         break;

@@ -137,7 +137,7 @@ TEST(CanRecordWire, HostileLengthsStayInsideTheBuffer) {
   EXPECT_EQ(reader.u16le(1), 0x0302);
   EXPECT_EQ(reader.u16le(2), 0x0003) << "the byte past the end reads as 0";
   EXPECT_EQ(reader.u32le(SIZE_MAX - 1), 0u);
-  EXPECT_FALSE(reader.covers(SIZE_MAX, 2));
+  EXPECT_FALSE(reader.has(SIZE_MAX, 2));
 
   const struct {
     int length;

@@ -234,6 +234,23 @@ int QDeviceUsbCanFd2::usbCmdSend(uint8_t *command, int commandLength, uint8_t *r
   return result;
 }
 
+// Reads the bulk endpoint until a reply echoing the command's first two bytes
+// arrives (0) or the budget runs out (-1).
+int QDeviceUsbCanFd2::awaitBulkReply(const uint8_t *command, uint8_t *reply, int *replyLength,
+                                     uint8_t inEndpoint, uint32_t timeoutMs) {
+  const int room = *replyLength;
+  const uint32_t started = getCurMicroSec();
+  while (getLapseMicroSec(started) < timeoutMs * 1000) {
+    const int got = usbDevice.bulkReadUSBDevice(reply, room, inEndpoint, kTransferTimeoutMs);
+    if (got >= 3 && reply[0] == command[0] && reply[1] == command[1]) {
+      *replyLength = got;
+      return 0;
+    }
+    pauseAfterFailedTransfer(got);
+  }
+  return -1;
+}
+
 int QDeviceUsbCanFd2::usbCmdSendByBulk(uint8_t *command, int commandLength, uint8_t *reply,
                                        int *replyLength, uint8_t outEndpoint, uint8_t inEndpoint,
                                        uint32_t timeoutMs) {
@@ -242,18 +259,7 @@ int QDeviceUsbCanFd2::usbCmdSendByBulk(uint8_t *command, int commandLength, uint
   if (usbDevice.bulkWriteUSBDevice(command, commandLength, outEndpoint, kTransferTimeoutMs) == 0) {
     result = -1;
   } else if (timeoutMs != 0) {
-    result = -1;
-    const int room = *replyLength;
-    const uint32_t started = getCurMicroSec();
-    while (getLapseMicroSec(started) < timeoutMs * 1000) {
-      const int got = usbDevice.bulkReadUSBDevice(reply, room, inEndpoint, kTransferTimeoutMs);
-      if (got >= 3 && reply[0] == command[0] && reply[1] == command[1]) {
-        *replyLength = got;
-        result = 0;
-        break;
-      }
-      pauseAfterFailedTransfer(got);
-    }
+    result = awaitBulkReply(command, reply, replyLength, inEndpoint, timeoutMs);
   }
   cmdIdle.store(1, std::memory_order_relaxed);
   return result;
@@ -267,18 +273,7 @@ int QDeviceUsbCanFd2::usbCmdExtSendByBulk(uint8_t *command, int commandLength, u
   if (usbDevice.bulkWriteUSBDevice(command, commandLength, outEndpoint, kTransferTimeoutMs) < 1) {
     result = -1;
   } else if (timeoutMs != 0 && txAckWait.load(std::memory_order_relaxed) != 0) {
-    result = -1;
-    const int room = *replyLength;
-    const uint32_t started = getCurMicroSec();
-    while (getLapseMicroSec(started) < timeoutMs * 1000) {
-      const int got = usbDevice.bulkReadUSBDevice(reply, room, inEndpoint, kTransferTimeoutMs);
-      if (got >= 3 && reply[0] == command[0] && reply[1] == command[1]) {
-        *replyLength = got;
-        result = 0;
-        break;
-      }
-      pauseAfterFailedTransfer(got);
-    }
+    result = awaitBulkReply(command, reply, replyLength, inEndpoint, timeoutMs);
   }
   cmdIdle.store(1, std::memory_order_relaxed);
   return result;
@@ -466,14 +461,17 @@ int QDeviceUsbCanFd2::getReceiveNum(unsigned int channel, unsigned char kind) {
 // Transmit
 // ===========================================================================
 
-int QDeviceUsbCanFd2::transmit(unsigned int channel, _WCAN_CAN_OBJ *frames, unsigned int count) {
+// Batches of at most kMaxBatch; a batch the adapter does not take whole ends
+// the call with the count sent so far.
+template <class Obj, class SendBatch>
+int QDeviceUsbCanFd2::transmitInBatches(Obj *frames, unsigned int count, SendBatch sendBatch) {
   if (isDeviceReady() != 0) {
     return 0;
   }
   unsigned sent = 0;
   for (unsigned position = 0; position < count; position += kMaxBatch) {
     const unsigned batch = std::min(count - position, kMaxBatch);
-    const unsigned n = static_cast<unsigned>(transmitSingle(channel, frames + position, batch));
+    const unsigned n = static_cast<unsigned>(sendBatch(frames + position, batch));
     sent += n;
     if (n != batch) {
       break;
@@ -482,78 +480,72 @@ int QDeviceUsbCanFd2::transmit(unsigned int channel, _WCAN_CAN_OBJ *frames, unsi
   return static_cast<int>(sent);
 }
 
+int QDeviceUsbCanFd2::transmit(unsigned int channel, _WCAN_CAN_OBJ *frames, unsigned int count) {
+  return transmitInBatches(frames, count, [this, channel](_WCAN_CAN_OBJ *batch, unsigned n) {
+    return transmitSingle(channel, batch, n);
+  });
+}
+
 int QDeviceUsbCanFd2::transmitFD(unsigned int channel, _WCAN_CANFD_OBJ *frames,
                                  unsigned int count) {
-  if (isDeviceReady() != 0) {
-    return 0;
-  }
-  unsigned sent = 0;
-  for (unsigned position = 0; position < count; position += kMaxBatch) {
-    const unsigned batch = std::min(count - position, kMaxBatch);
-    const unsigned n = static_cast<unsigned>(transmitSingleFD(channel, frames + position, batch));
-    sent += n;
-    if (n != batch) {
-      break;
-    }
-  }
-  return static_cast<int>(sent);
+  return transmitInBatches(frames, count, [this, channel](_WCAN_CANFD_OBJ *batch, unsigned n) {
+    return transmitSingleFD(channel, batch, n);
+  });
+}
+
+uint8_t QDeviceUsbCanFd2::txHeader(unsigned int channel) const {
+  return channel < kChannelSlots ? headerByte[channel] : 0;
+}
+
+// The whole batch counts as sent once the adapter acknowledges it.
+int QDeviceUsbCanFd2::sendTxFrame(TxFrame &frame, size_t length, unsigned int count) {
+  uint8_t reply[kCmdFrameRoom];
+  int replyLength = sizeof reply;
+  return usbCmdExtSendByBulk(frame.data(), static_cast<int>(length), reply, &replyLength,
+                             kEpDataOut, kEpAckIn, kTransmitBudgetMs) == 0
+             ? static_cast<int>(count)
+             : 0;
 }
 
 int QDeviceUsbCanFd2::transmitSingle(unsigned int channel, _WCAN_CAN_OBJ *frames,
                                      unsigned int count) {
   TxFrame frame;
-  const uint8_t header = channel < kChannelSlots ? headerByte[channel] : 0;
-  const size_t length = encodeCanBatch(header, channel, frames, count, frame);
-  uint8_t reply[kCmdFrameRoom];
-  int replyLength = sizeof reply;
-  return usbCmdExtSendByBulk(frame.data(), static_cast<int>(length), reply, &replyLength,
-                             kEpDataOut, kEpAckIn, kTransmitBudgetMs) == 0
-             ? static_cast<int>(count)
-             : 0;
+  const size_t length = encodeCanBatch(txHeader(channel), channel, frames, count, frame);
+  return sendTxFrame(frame, length, count);
 }
 
 int QDeviceUsbCanFd2::transmitSingleFD(unsigned int channel, _WCAN_CANFD_OBJ *frames,
                                        unsigned int count) {
   TxFrame frame;
-  const uint8_t header = channel < kChannelSlots ? headerByte[channel] : 0;
-  const size_t length = encodeCanFdBatch(header, channel, frames, count, frame);
-  uint8_t reply[kCmdFrameRoom];
-  int replyLength = sizeof reply;
-  return usbCmdExtSendByBulk(frame.data(), static_cast<int>(length), reply, &replyLength,
-                             kEpDataOut, kEpAckIn, kTransmitBudgetMs) == 0
-             ? static_cast<int>(count)
-             : 0;
+  const size_t length = encodeCanFdBatch(txHeader(channel), channel, frames, count, frame);
+  return sendTxFrame(frame, length, count);
 }
 
 // ===========================================================================
 // Receive thread and queues
 // ===========================================================================
 
-void *dataRxThreadTask(void *device) {
-  auto *self = static_cast<QDeviceUsbCanFd2 *>(device);
-  QUserThreadObj &thread = self->dataThread;
-  while (thread.stopRequest.load(std::memory_order_relaxed) == 0) {
-    self->dataReceiveTask();
+// Runs `pass` until a stop is requested, then reports the exit to the stopper.
+template <class Pass> void QUserThreadObj::runUntilStopped(Pass pass) {
+  while (stopRequest.load(std::memory_order_relaxed) == 0) {
+    pass();
   }
   {
-    std::lock_guard<std::mutex> guard(thread.lock);
-    thread.exited.store(1, std::memory_order_relaxed);
+    std::lock_guard<std::mutex> guard(lock);
+    exited.store(1, std::memory_order_relaxed);
   }
-  thread.wake.notify_all();
+  wake.notify_all();
+}
+
+void *dataRxThreadTask(void *device) {
+  auto *self = static_cast<QDeviceUsbCanFd2 *>(device);
+  self->dataThread.runUntilStopped([self] { self->dataReceiveTask(); });
   return nullptr;
 }
 
 void *msgRxThreadTask(void *device) {
   auto *self = static_cast<QDeviceUsbCanFd2 *>(device);
-  QUserThreadObj &thread = self->msgThread;
-  while (thread.stopRequest.load(std::memory_order_relaxed) == 0) {
-    self->msgReceiveTask();
-  }
-  {
-    std::lock_guard<std::mutex> guard(thread.lock);
-    thread.exited.store(1, std::memory_order_relaxed);
-  }
-  thread.wake.notify_all();
+  self->msgThread.runUntilStopped([self] { self->msgReceiveTask(); });
   return nullptr;
 }
 

@@ -29,6 +29,7 @@ struct QUserThreadObj {
 
   // Sleeps up to `duration`; returns early (false) once a stop is requested.
   bool sleepUnlessStopped(std::chrono::microseconds duration);
+  template <class Pass> void runUntilStopped(Pass pass);
 };
 
 // One read of the (never started) message thread.
@@ -150,6 +151,12 @@ private:
   int sendCommand(const usbcanfd::CmdFrame &frame, uint8_t *reply, int *replyLength,
                   uint32_t timeoutMs, bool skipReadyCheck = false);
   int sendFilter(usbcanfd::FilterSub sub, uint8_t channel, uint32_t firstId, uint32_t lastId);
+  int awaitBulkReply(const uint8_t *command, uint8_t *reply, int *replyLength, uint8_t inEndpoint,
+                     uint32_t timeoutMs);
+  template <class Obj, class SendBatch>
+  int transmitInBatches(Obj *frames, unsigned int count, SendBatch sendBatch);
+  uint8_t txHeader(unsigned int channel) const;
+  int sendTxFrame(usbcanfd::TxFrame &frame, size_t length, unsigned int count);
   bool linkDown() { return usbDevice.GetUSBDeviceLinkStatus() == 0; }
   bool anyChannelInitialised() const;
   bool reinitialiseChannels();

@@ -95,6 +95,10 @@ Bytes concat(std::initializer_list<Bytes> parts) {
   return out;
 }
 
+std::vector<Bytes> splitAt(const Bytes &b, size_t at) {
+  return {Bytes(b.begin(), b.begin() + at), Bytes(b.begin() + at, b.end())};
+}
+
 TEST(UsbCanFdWire, DecodesClassicAndFdRecordFields) {
   const Bytes frame =
       dataFrame({wireRecord(1, 0x06, 0x11223344, 0xFFFFFFFF, 15, 0x40),
@@ -147,21 +151,9 @@ TEST(UsbCanFdWire, ResynchronisesAndReassembles) {
       {"stray byte first", {concat({{0x00}, f1})}, 1, 0, 0},
       {"garbage between", {concat({f1, {0x55, 0x55, 0xF2, 0x01, 0x13}, f2})}, 1, 1, 0},
       {"zero length header skipped", {concat({zeroLen, f2})}, 0, 1, 0},
-      {"split inside record",
-       {Bytes(both.begin(), both.begin() + 20), Bytes(both.begin() + 20, both.end())},
-       1,
-       1,
-       0},
-      {"split after start byte",
-       {Bytes(both.begin(), both.begin() + 27), Bytes(both.begin() + 27, both.end())},
-       1,
-       1,
-       0},
-      {"split inside header",
-       {Bytes(both.begin(), both.begin() + 30), Bytes(both.begin() + 30, both.end())},
-       1,
-       1,
-       0},
+      {"split inside record", splitAt(both, 20), 1, 1, 0},
+      {"split after start byte", splitAt(both, 27), 1, 1, 0},
+      {"split inside header", splitAt(both, 30), 1, 1, 0},
       {"incomplete frame waits", {Bytes(both.begin(), both.end() - 1)}, 1, 0, f2.size() - 1},
   };
   for (const auto &c : cases) {

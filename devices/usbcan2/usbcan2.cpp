@@ -114,6 +114,18 @@ void resetRecord(devInfo &info, uint32_t index) {
   info.chInit[1] = 0;
 }
 
+// One command on the interrupt endpoints, through the locked path or the
+// direct one that link recovery uses; the reply is left in `reply`.
+template <size_t N>
+int32_t exchangeCommand(devInfo *info, Command &cmd, uint8_t (&reply)[N], uint32_t timeoutMs,
+                        bool direct = false) {
+  int replyLen = N;
+  return direct ? usbCmdSendDirect(info, cmd.data(), cmd.length(), reply, &replyLen, kCmdOutEp,
+                                   kCmdInEp, timeoutMs)
+                : usbCmdSend(info, cmd.data(), cmd.length(), reply, &replyLen, kCmdOutEp, kCmdInEp,
+                             timeoutMs);
+}
+
 uint32_t sendInit(devInfo *info, uint32_t channel, const _WCAN_INIT_CONFIG &config, bool direct) {
   std::optional<Command> cmd = encodeInit(channel, config);
   if (!cmd) {
@@ -122,11 +134,7 @@ uint32_t sendInit(devInfo *info, uint32_t channel, const _WCAN_INIT_CONFIG &conf
     return 0;
   }
   uint8_t reply[128] = {};
-  int replyLen = sizeof reply;
-  const int32_t sent = direct ? usbCmdSendDirect(info, cmd->data(), cmd->length(), reply, &replyLen,
-                                                 kCmdOutEp, kCmdInEp, 1000)
-                              : usbCmdSend(info, cmd->data(), cmd->length(), reply, &replyLen,
-                                           kCmdOutEp, kCmdInEp, 1000);
+  const int32_t sent = exchangeCommand(info, *cmd, reply, 1000, direct);
   if (sent >= 0 && initAccepted(ByteReader(reply, sizeof reply))) {
     QUserLog::GetInstance().Info("DRV Tip:USBCAN <ch:%d> Init Success", channel);
     return 1;
@@ -290,8 +298,7 @@ uint32_t usbcan2CloseDevice(uint32_t type, uint32_t index) {
   for (uint32_t channel = 0; channel < kFamily.channelCount; ++channel) {
     Command cmd = encodeReset(channel);
     uint8_t reply[100] = {};
-    int replyLen = sizeof reply;
-    usbCmdSend(&info, cmd.data(), cmd.length(), reply, &replyLen, kCmdOutEp, kCmdInEp, 100);
+    exchangeCommand(&info, cmd, reply, 100);
   }
   std::unique_ptr<QUserLibUsb> dev = usbcan2DetachDevice(&info);
   info.chInit[0] = 0;
@@ -347,11 +354,7 @@ int32_t usbcan2Start(uint32_t type, uint32_t index, uint32_t channel, bool direc
   devInfo &info = devInfoList[index];
   Command cmd = encodeStart(channel);
   uint8_t reply[100] = {};
-  int replyLen = sizeof reply;
-  const int32_t sent = direct ? usbCmdSendDirect(&info, cmd.data(), cmd.length(), reply, &replyLen,
-                                                 kCmdOutEp, kCmdInEp, 200)
-                              : usbCmdSend(&info, cmd.data(), cmd.length(), reply, &replyLen,
-                                           kCmdOutEp, kCmdInEp, 200);
+  const int32_t sent = exchangeCommand(&info, cmd, reply, 200, direct);
   if (sent == -1) {
     QUserLog::GetInstance().Error("USBCAN <ch:%d> 启动失败", channel);
     info.cmdFailed = 1;
@@ -373,32 +376,39 @@ uint32_t usbcan2ResetCAN(uint32_t type, uint32_t index, uint32_t channel) {
   devInfo &info = devInfoList[index];
   Command cmd = encodeReset(channel);
   uint8_t reply[100] = {};
-  int replyLen = sizeof reply;
-  usbCmdSend(&info, cmd.data(), cmd.length(), reply, &replyLen, kCmdOutEp, kCmdInEp, 0);
+  exchangeCommand(&info, cmd, reply, 0);
   usbcan2ClearBuffer(type, index, channel);
   info.cmdFailed = 0;
   return 1;
 }
 
-uint32_t usbcan2ClearBuffer(uint32_t type, uint32_t index, uint32_t channel) {
+namespace {
+
+// Applies `use` to an initialised channel's receive queue under its lock;
+// 0 with the error set for any other channel.
+template <class Use>
+uint32_t withRxQueue(uint32_t type, uint32_t index, uint32_t channel, Use use) {
   if (!usbcan2IsInit(type, index, channel)) {
     setLastError(WCAN_ERR_CAN_NOT_INITIALIZED);
     return 0;
   }
   devInfo &info = devInfoList[index];
   QUserMutex guard(info.rxMutex.native());
-  info.rxQueue[channel].clear();
-  return 1;
+  return use(info.rxQueue[channel]);
+}
+
+} // namespace
+
+uint32_t usbcan2ClearBuffer(uint32_t type, uint32_t index, uint32_t channel) {
+  return withRxQueue(type, index, channel, [](auto &queue) {
+    queue.clear();
+    return 1u;
+  });
 }
 
 uint32_t usbcan2GetReceiveNum(uint32_t type, uint32_t index, uint32_t channel) {
-  if (!usbcan2IsInit(type, index, channel)) {
-    setLastError(WCAN_ERR_CAN_NOT_INITIALIZED);
-    return 0;
-  }
-  devInfo &info = devInfoList[index];
-  QUserMutex guard(info.rxMutex.native());
-  return static_cast<uint32_t>(info.rxQueue[channel].size());
+  return withRxQueue(type, index, channel,
+                     [](auto &queue) { return static_cast<uint32_t>(queue.size()); });
 }
 
 // Only the first reply is checked; a later query that fails leaves the zeros

@@ -32,6 +32,18 @@ AuxReply auxExchange(devInfo *info, Command cmd) {
   return reply;
 }
 
+// An auxiliary query decoded by `decode`; nothing when the exchange failed or
+// the reply does not decode.
+template <class Decode>
+auto auxQuery(devInfo *info, Command cmd, Decode decode)
+    -> decltype(decode(ByteReader(nullptr, 0), size_t{})) {
+  const AuxReply reply = auxExchange(info, cmd);
+  if (!reply.sent) {
+    return std::nullopt;
+  }
+  return decode(reply.reader(), reply.received());
+}
+
 // The public forms are only meaningful on an open device of the table.
 devInfo *openRecord(uint32_t index) {
   if (index >= kFamily.tableSize) {
@@ -95,9 +107,7 @@ int usbcan2DevRelayStatusSetExcute(devInfo *info, uint8_t relay1, uint8_t relay2
 }
 
 int usbcan2DevRelayStatusGetExcute(devInfo *info, uint8_t *relay1, uint8_t *relay2) {
-  const AuxReply reply = auxExchange(info, encodeRelayGet());
-  const std::optional<RelayStatus> status =
-      reply.sent ? decodeRelayGet(reply.reader(), reply.received()) : std::nullopt;
+  const std::optional<RelayStatus> status = auxQuery(info, encodeRelayGet(), decodeRelayGet);
   if (!status) {
     return 0;
   }
@@ -107,9 +117,8 @@ int usbcan2DevRelayStatusGetExcute(devInfo *info, uint8_t *relay1, uint8_t *rela
 }
 
 int usbcan2DevBaudParaGetExcute(devInfo *info, uint32_t channel, uint8_t *para1, uint8_t *para2) {
-  const AuxReply reply = auxExchange(info, encodeBaudParaGet(static_cast<uint8_t>(channel)));
   const std::optional<BaudPara> para =
-      reply.sent ? decodeBaudPara(reply.reader(), reply.received()) : std::nullopt;
+      auxQuery(info, encodeBaudParaGet(static_cast<uint8_t>(channel)), decodeBaudPara);
   if (!para) {
     return 0;
   }
@@ -120,9 +129,8 @@ int usbcan2DevBaudParaGetExcute(devInfo *info, uint32_t channel, uint8_t *para1,
 
 int usbcan2DevChStateGetExcute(devInfo *info, uint32_t channel, uint8_t *state1, uint8_t *state2,
                                uint8_t *state3) {
-  const AuxReply reply = auxExchange(info, encodeChStateGet(static_cast<uint8_t>(channel)));
   const std::optional<ChState> state =
-      reply.sent ? decodeChState(reply.reader(), reply.received()) : std::nullopt;
+      auxQuery(info, encodeChStateGet(static_cast<uint8_t>(channel)), decodeChState);
   if (!state) {
     return 0;
   }

@@ -14,6 +14,8 @@
 
 namespace usbcanfd {
 
+using wcan::ByteReader;
+
 constexpr uint8_t kFrameStart = 0x55;
 constexpr uint8_t kDataFrameCode = 0xF2;
 
@@ -194,13 +196,9 @@ CmdFrame encodeFilter(FilterSub sub, uint8_t channel, uint32_t firstId, uint32_t
 // 12 A7 followed by at most 62 payload bytes.
 CmdFrame encodeRawExchange(const uint8_t *payload, uint32_t length);
 
-inline uint16_t replyVersionWord(const uint8_t *reply) {
-  return static_cast<uint16_t>(reply[4] * 256 + reply[5]);
-}
-inline uint32_t replyStatusWord(const uint8_t *reply) {
-  return static_cast<uint32_t>(reply[3]) | static_cast<uint32_t>(reply[4]) << 8 |
-         static_cast<uint32_t>(reply[5]) << 16 | static_cast<uint32_t>(reply[6]) << 24;
-}
+// Version words come high byte first, status words low byte first.
+inline uint16_t replyVersionWord(const uint8_t *reply) { return ByteReader(reply, 6).u16be(4); }
+inline uint32_t replyStatusWord(const uint8_t *reply) { return ByteReader(reply, 7).u32le(3); }
 
 // ---------------------------------------------------------------------------
 // Transmit batches (bulk endpoint 0x02)
@@ -220,8 +218,6 @@ size_t encodeCanFdBatch(uint8_t header, unsigned channel, _WCAN_CANFD_OBJ *frame
 // ---------------------------------------------------------------------------
 // Receive stream (bulk endpoint 0x83)
 // ---------------------------------------------------------------------------
-
-using wcan::ByteReader;
 
 // Queue of a record: the channel nibble, channels 8..15 all landing in 7.
 inline unsigned recordQueue(ByteReader record) {

@@ -159,7 +159,14 @@ int Adapter::takeFromQueue(uint8_t ep, uint8_t *buf, int len) {
 int Adapter::serve(uint8_t ep, uint8_t *buf, int len, int *transferred) {
   *transferred = takeFromQueue(ep, buf, len);
   trace("IN ", ep, buf, static_cast<size_t>(*transferred));
+  lastServedNs_[epSlot(ep)].store(std::chrono::steady_clock::now().time_since_epoch() /
+                                      std::chrono::nanoseconds(1),
+                                  std::memory_order_relaxed);
   return 0;
+}
+
+int64_t Adapter::lastReadEndNs(uint8_t ep) const {
+  return lastServedNs_[epSlot(ep)].load(std::memory_order_relaxed);
 }
 
 int Adapter::read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *transferred,

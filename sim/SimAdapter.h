@@ -74,6 +74,8 @@ public:
   void clearWritten();
   DeviceModel *model() { return model_.get(); }
 
+  // Steady-clock nanoseconds at which a read on `ep` last returned data.
+  int64_t lastReadEndNs(uint8_t ep) const;
   uint64_t framesSent(unsigned channel) const;
   uint64_t framesDelivered(unsigned channel) const;
 
@@ -116,6 +118,7 @@ private:
   bool silent_ = false;
   std::chrono::steady_clock::time_point pluggedAt_;
   std::array<InQueue, 16> in_;
+  std::array<std::atomic<int64_t>, 16> lastServedNs_{};
   std::array<std::deque<Bytes>, 16> written_;
   std::deque<PendingFault> faults_;
   BusFrames outbox_;

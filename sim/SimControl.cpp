@@ -83,6 +83,11 @@ uint64_t framesDelivered(AdapterId adapter, unsigned channel) {
   return a ? a->framesDelivered(channel) : 0;
 }
 
+int64_t lastReadEndNs(AdapterId adapter, uint8_t ep) {
+  auto a = bed().adapter(adapter);
+  return a ? a->lastReadEndNs(ep) : 0;
+}
+
 } // namespace wcansim
 
 extern "C" {

@@ -67,6 +67,11 @@ DeviceModel *model(AdapterId adapter);
 uint64_t framesSent(AdapterId adapter, unsigned channel);
 uint64_t framesDelivered(AdapterId adapter, unsigned channel);
 
+// When a read on IN endpoint `ep` last returned data: nanoseconds of
+// std::chrono::steady_clock since its epoch (0 if never). Benchmarks time
+// the library from the end of the bulk read with it.
+int64_t lastReadEndNs(AdapterId adapter, uint8_t ep);
+
 } // namespace wcansim
 
 // The same essentials with C linkage, for programs that load the layer with

@@ -79,21 +79,12 @@ TEST_F(RecorderTest, StraySettingsAndPassThroughExchanges) {
   unsigned char data[62] = {0xDE, 0xAD, 0xBE};
   EXPECT_EQ(WCAN_DataDirectTransfer(kType, 0, data, 3), 3) << "the recorder echoes";
   EXPECT_EQ(data[0], 0xDE);
-  unsigned char big[100] = {};
-  WCAN_DataDirectTransfer(kType, 0, big, 100);
-  EXPECT_EQ(wcansim::written(adapter, kOut).back().size(), 64u);
-}
-
-TEST_F(RecorderTest, SettingsWriteIsAcknowledged) {
-  _WCAN_RECORD_CONFIG config = sampleSettings(1);
-  EXPECT_EQ(WCAN_RecordSettingSet(kType, 0, 1, &config), 1);
 }
 
 TEST_F(RecorderTest, SettingsReadBackPerChannel) {
-  // What reads back proves the write; its acknowledgement is tested above.
   for (unsigned channel : {0u, 1u}) {
     _WCAN_RECORD_CONFIG written = sampleSettings(static_cast<uint8_t>(0x40 + channel));
-    WCAN_RecordSettingSet(kType, 0, channel, &written);
+    EXPECT_EQ(WCAN_RecordSettingSet(kType, 0, channel, &written), 1) << "acknowledged";
   }
   for (unsigned channel : {0u, 1u}) {
     const _WCAN_RECORD_CONFIG expected = sampleSettings(static_cast<uint8_t>(0x40 + channel));
@@ -119,11 +110,10 @@ TEST_F(RecorderTest, SettingsRepliesJudgedByLengthAndStatus) {
 }
 
 TEST_F(RecorderTest, FiltersAddedAreReadBack) {
-  _WCAN_FLITER_CONFIG first{};
-  first.idType = 1;
+  _WCAN_FLITER_CONFIG first{}, second{};
+  first.idType = second.idType = 1;
   first.startId = 0x100;
   first.endId = 0x1FF;
-  _WCAN_FLITER_CONFIG second = first;
   second.startId = 0x18FF0000;
   second.endId = 0x18FFFFFF;
 
@@ -195,8 +185,8 @@ TEST(RecorderSlots, UnsupportedSlotsAnswerWithoutTheDevice) {
   EXPECT_EQ(device->closeDevice(), 1) << "closing a never-opened recorder";
 }
 
-// The tests below wait out real one-second time-outs.
-TEST_F(RecorderTest, SilentRecorderFailsCommandsButSettingsReadStillSucceeds) {
+// The one test that waits out real one-second time-outs.
+TEST_F(RecorderTest, SilentOrClosedRecorderFailsCommandsButSettingsReadStillSucceeds) {
   wcansim::setSilent(adapter, true);
   _WCAN_BOARD_INFO info{};
   EXPECT_EQ(WCAN_BoardInfoGet(kType, 0, &info), 0);
@@ -204,11 +194,9 @@ TEST_F(RecorderTest, SilentRecorderFailsCommandsButSettingsReadStillSucceeds) {
   _WCAN_RECORD_CONFIG config = sampleSettings(9);
   EXPECT_EQ(WCAN_RecordSettingGet(kType, 0, 0, &config), 1);
   EXPECT_EQ(config.abitTiming, 0u);
-}
 
-TEST(RecorderSlots, CommandOnClosedRecorderFailsAfterTheTimeOut) {
-  const std::unique_ptr<QDevice> device = makeCanRecordDevice();
+  const std::unique_ptr<QDevice> closed = makeCanRecordDevice();
   unsigned char data[62] = {1, 2, 3};
-  EXPECT_EQ(device->transmitData(data, 3), 0);
+  EXPECT_EQ(closed->transmitData(data, 3), 0);
   EXPECT_EQ(data[0], 1);
 }

@@ -94,10 +94,6 @@ TEST(CanRecordWire, ReplyChecks) {
   EXPECT_FALSE(replyAccepted(4, ok, 5)) << "shorter than required";
   EXPECT_FALSE(replyAccepted(4, refused, 4)) << "non-zero status";
   EXPECT_FALSE(replyAccepted(-7, ok, 4)) << "failed exchange";
-
-  EXPECT_FALSE(settingsReadSucceeded(25, replyOf(std::vector<uint8_t>(25))));
-  EXPECT_TRUE(settingsReadSucceeded(26, replyOf(std::vector<uint8_t>(26))));
-  EXPECT_TRUE(settingsReadSucceeded(-7, replyOf({}))) << "a failed read still counts as read";
 }
 
 TEST(CanRecordWire, QueryRepliesDecodeOnlyWhenComplete) {

@@ -33,18 +33,8 @@ protected:
 };
 
 _WCAN_RECORD_CONFIG sampleSettings(uint8_t seed) {
-  _WCAN_RECORD_CONFIG config{};
-  config.recFlag1 = 1;
-  config.recFlag2 = 1;
-  config.abitParam = seed;
-  config.dbitParam = static_cast<uint8_t>(seed + 1);
-  config.abitTiming = 0x12345678;
-  config.dbitTiming = 0x00C09A0B + seed;
-  config.recOptFlag1 = 1;
-  config.recOptByte1 = 0x11;
-  config.recOptByte2 = 0x22;
-  config.recOptByte3 = seed;
-  return config;
+  return {0, 1,    1,    0, seed, static_cast<uint8_t>(seed + 1), 0x12345678, 0x00C09A0Bu + seed,
+          0, 0x11, 0x22, 1, seed};
 }
 
 } // namespace

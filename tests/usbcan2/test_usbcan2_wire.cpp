@@ -110,37 +110,24 @@ TEST(Usbcan2Wire, TransmitRecordLayout) {
     const char *name;
     _WCAN_CAN_OBJ frame;
     uint32_t channel;
-    Bytes head; // bytes 0..10
+    Bytes flagsAndId; // bytes 6..10
   } cases[] = {
-      {"standard max id",
-       frame(0x7FF, false, false, 0),
-       0,
-       {0, 0, 0, 0, 0, 0, 0x00, 0xE0, 0xFF, 0x00, 0x00}},
-      {"extended max id",
-       frame(0x1FFFFFFF, true, false, 0),
-       0,
-       {0, 0, 0, 0, 0, 0, 0x80, 0xF8, 0xFF, 0xFF, 0xFF}},
-      {"remote len 8 ch0", frame(0, false, true, 8), 0, {0, 0, 0, 0, 0, 0, 0x48, 0, 0, 0, 0}},
-      {"remote len 8 ch1", frame(0, false, true, 8), 1, {0, 0, 0, 0, 0, 0, 0x58, 0, 0, 0, 0}},
-      {"ext remote ch1", frame(0, true, true, 8), 1, {0, 0, 0, 0, 0, 0, 0xD8, 0, 0, 0, 0}},
-      {"big-endian stamp",
-       frame(0, false, false, 0, 0x11223344),
-       0,
-       {0x11, 0x22, 0x33, 0x44, 0, 0, 0, 0, 0, 0, 0}},
+      {"standard max id", frame(0x7FF, false, false, 0), 0, {0x00, 0xE0, 0xFF, 0x00, 0x00}},
+      {"extended max id", frame(0x1FFFFFFF, true, false, 0), 0, {0x80, 0xF8, 0xFF, 0xFF, 0xFF}},
+      {"remote len 8 ch0", frame(0, false, true, 8), 0, {0x48, 0, 0, 0, 0}},
+      {"ext remote ch1", frame(0, true, true, 8), 1, {0xD8, 0, 0, 0, 0}},
   };
+  uint8_t rec[kRecordSize];
   for (const auto &c : cases) {
-    uint8_t rec[kRecordSize];
     ASSERT_TRUE(encodeTxRecord(c.frame, c.channel, rec)) << c.name;
-    EXPECT_EQ(Bytes(rec, rec + 11), c.head) << c.name;
+    EXPECT_EQ(Bytes(rec + 6, rec + 11), c.flagsAndId) << c.name;
   }
 
-  _WCAN_CAN_OBJ f = frame(1, false, false, 3);
+  _WCAN_CAN_OBJ f = frame(1, false, false, 3, 0x11223344);
   f.rawFlag = 0x5A;
   f.sendType = 0x02;
-  uint8_t rec[kRecordSize];
   ASSERT_TRUE(encodeTxRecord(f, 0, rec));
-  EXPECT_EQ(rec[4], 0x5A);
-  EXPECT_EQ(rec[5], 0x02);
+  EXPECT_EQ(Bytes(rec, rec + 6), (Bytes{0x11, 0x22, 0x33, 0x44, 0x5A, 0x02})) << "big-endian stamp";
   EXPECT_EQ(Bytes(rec + 11, rec + 19), (Bytes{0xA0, 0xA1, 0xA2, 0, 0, 0, 0, 0}))
       << "bytes past dataLen are zero";
 }

@@ -10,14 +10,6 @@ constexpr size_t kSettingsFrameSize = 28;
 constexpr size_t kFilterSetFrameSize = 13;
 constexpr size_t kFilterQueryFrameSize = 6;
 
-void putU16le(Request &frame, size_t offset, uint16_t value) {
-  wcan::putU16le(frame.data() + offset, value);
-}
-
-void putU32le(Request &frame, size_t offset, uint32_t value) {
-  wcan::putU32le(frame.data() + offset, value);
-}
-
 // Settings address channel 0 or 1 by the low bit of the index.
 uint8_t settingsChannelByte(unsigned channel) { return static_cast<uint8_t>(channel & 1); }
 
@@ -35,10 +27,10 @@ Request frameOf(size_t size, uint8_t command) {
 
 void putBitTiming(Request &frame, size_t offset, uint32_t timing) {
   const BitTimingFields fields = splitBitTiming(timing);
-  putU16le(frame, offset, fields.prescaler);
+  wcan::putU16le(&frame[offset], fields.prescaler);
   frame[offset + 2] = fields.jumpWidth;
-  putU16le(frame, offset + 3, fields.segment1);
-  putU16le(frame, offset + 5, fields.segment2);
+  wcan::putU16le(&frame[offset + 3], fields.segment1);
+  wcan::putU16le(&frame[offset + 5], fields.segment2);
 }
 
 uint32_t readBitTiming(const ByteReader &in, size_t offset) {
@@ -67,9 +59,9 @@ Request encodeSettingsWrite(unsigned channel, const _WCAN_RECORD_CONFIG &config)
   frame[3] = asBit(config.recFlag1);
   frame[4] = config.recFlag2;
   frame[5] = config.recFlag3;
-  putU16le(frame, 6, config.abitParam);
+  wcan::putU16le(&frame[6], config.abitParam);
   putBitTiming(frame, 8, config.abitTiming);
-  putU16le(frame, 15, config.dbitParam);
+  wcan::putU16le(&frame[15], config.dbitParam);
   putBitTiming(frame, 17, config.dbitTiming);
   frame[24] = static_cast<uint8_t>(asBit(config.recOptFlag0) | (asBit(config.recOptFlag1) << 1));
   frame[25] = config.recOptByte1;
@@ -92,8 +84,8 @@ Request encodeFilterSet(unsigned channel, FilterSetAction action) {
 Request encodeFilterAdd(unsigned channel, const _WCAN_FLITER_CONFIG &config) {
   Request frame = encodeFilterSet(channel, kFilterAdd);
   frame[4] = config.idType;
-  putU32le(frame, 5, config.startId);
-  putU32le(frame, 9, config.endId);
+  wcan::putU32le(&frame[5], config.startId);
+  wcan::putU32le(&frame[9], config.endId);
   return frame;
 }
 
@@ -108,7 +100,7 @@ Request encodeFilterSettingQuery(unsigned channel, uint16_t filterIndex) {
   Request frame = frameOf(kFilterQueryFrameSize, kFilterQuery);
   frame[2] = kFilterSetting;
   frame[3] = filterChannelByte(channel);
-  putU16le(frame, 4, filterIndex);
+  wcan::putU16le(&frame[4], filterIndex);
   return frame;
 }
 

@@ -1,24 +1,13 @@
 // The reply decoders of the classic adapter and of the recorder on any reply
 // bytes and any received count: no read outside the reply, and every result
 // within the range its caller relies on.
-#include <fuzzer/FuzzedDataProvider.h>
-
-#include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
-#include <vector>
 
+#include "FuzzSupport.h"
 #include "devices/canrecord/CanRecordWire.h"
 #include "devices/usbcan2/Usbcan2Wire.h"
 
 namespace {
-
-void require(bool condition) {
-  if (!condition) {
-    __builtin_trap();
-  }
-}
 
 void classicReplies(const std::vector<uint8_t> &bytes, size_t received) {
   using namespace usbcan2wire;

@@ -1,31 +1,22 @@
 // The classic adapter's receive reassembly over reads of random sizes (up to
 // the worker's read size and beyond). Whatever the split, the records must be
 // the same as when the bytes come in 64-byte reads, and every one in range.
-#include <fuzzer/FuzzedDataProvider.h>
-
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
-#include <vector>
+#include <utility>
 
+#include "FuzzSupport.h"
 #include "devices/usbcan2/Usbcan2Wire.h"
 
 namespace {
 
 using namespace usbcan2wire;
 
-void require(bool condition) {
-  if (!condition) {
-    __builtin_trap();
-  }
-}
-
 struct Record {
   uint32_t channel;
   _WCAN_CAN_OBJ frame;
 };
 
-std::vector<Record> reassemble(const std::vector<uint8_t> &bytes, FuzzedDataProvider *split) {
+std::vector<Record> reassemble(const std::vector<uint8_t> &bytes, ReadSizes &&reads) {
   RxReassembler reassembler;
   std::vector<Record> out;
   auto sink = [&out](uint32_t channel, const _WCAN_CAN_OBJ &frame) {
@@ -35,17 +26,10 @@ std::vector<Record> reassemble(const std::vector<uint8_t> &bytes, FuzzedDataProv
     std::memset(r.frame.data + frame.dataLen, 0, sizeof r.frame.data - frame.dataLen);
     out.push_back(r);
   };
-  size_t at = 0;
-  while (at < bytes.size()) {
-    // Once the split sizes run out, the rest comes in reads of the usual size.
-    const size_t n = split && split->remaining_bytes() > 0
-                         ? split->ConsumeIntegralInRange<size_t>(1, 2 * kReadChunk)
-                         : kReadChunk;
-    const size_t take = std::min(n, bytes.size() - at);
-    reassembler.feed(bytes.data() + at, take, sink);
+  reads.feed(bytes, 2 * kReadChunk, kReadChunk, [&](const uint8_t *data, size_t n) {
+    reassembler.feed(data, n, sink);
     require(reassembler.pending() < kRecordSize);
-    at += take;
-  }
+  });
   return out;
 }
 
@@ -53,11 +37,10 @@ std::vector<Record> reassemble(const std::vector<uint8_t> &bytes, FuzzedDataProv
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   FuzzedDataProvider in(data, size);
-  const std::vector<uint8_t> splits = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange(0, 64));
+  ReadSizes reads(in);
   const std::vector<uint8_t> bytes = in.ConsumeRemainingBytes<uint8_t>();
-  FuzzedDataProvider split(splits.data(), splits.size());
-  const std::vector<Record> reference = reassemble(bytes, nullptr);
-  const std::vector<Record> got = reassemble(bytes, &split);
+  const std::vector<Record> reference = reassemble(bytes, ReadSizes());
+  const std::vector<Record> got = reassemble(bytes, std::move(reads));
   require(reference.size() <= bytes.size() / kRecordSize);
   require(got.size() == reference.size());
   for (size_t i = 0; i < got.size(); ++i) {

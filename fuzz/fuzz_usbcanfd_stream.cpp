@@ -3,71 +3,57 @@
 // picks the shape: hostile bytes as they come, or well-formed data frames
 // (built from the input) with foreign bytes between them, which must come out
 // exactly as they went in whatever the read sizes.
-#include <fuzzer/FuzzedDataProvider.h>
+#include <tuple>
 
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <vector>
-
+#include "FuzzSupport.h"
 #include "devices/usbcanfd/UsbCanFdWire.h"
 
 namespace {
 
 using namespace usbcanfd;
 
-void require(bool condition) {
-  if (!condition) {
-    __builtin_trap();
-  }
-}
-
+// What a record decodes to, classic or CAN FD, with the data up to its length.
 struct Decoded {
   bool fd;
   unsigned queue;
-  _WCAN_CANFD_OBJ obj; // a classic record is kept in the first fields
+  uint32_t id, timeStamp;
+  uint8_t remoteFlag, externFlag, fdFlags;
+  std::vector<uint8_t> data;
+
+  bool operator==(const Decoded &o) const {
+    return std::tie(fd, queue, id, timeStamp, remoteFlag, externFlag, fdFlags, data) ==
+           std::tie(o.fd, o.queue, o.id, o.timeStamp, o.remoteFlag, o.externFlag, o.fdFlags,
+                    o.data);
+  }
 };
 
 struct CheckingSink {
   std::vector<Decoded> records;
 
-  void can(unsigned queue, const _WCAN_CAN_OBJ &obj) {
-    require(queue < kChannelSlots);
-    require(obj.dataLen <= 8 && obj.id <= 0x1FFFFFFF);
-    require(obj.remoteFlag <= 1 && obj.externFlag <= 1);
-    Decoded d{false, queue, {}};
-    d.obj.id = obj.id;
-    d.obj.timeStamp = obj.timeStamp;
-    d.obj.remoteFlag = obj.remoteFlag;
-    d.obj.externFlag = obj.externFlag;
-    d.obj.dataLen = obj.dataLen;
-    std::memcpy(d.obj.data, obj.data, obj.dataLen);
-    records.push_back(d);
-  }
+  void can(unsigned queue, const _WCAN_CAN_OBJ &obj) { keep(false, queue, obj, 0); }
   void canFd(unsigned queue, const _WCAN_CANFD_OBJ &obj) {
-    require(queue < kChannelSlots);
-    require(obj.dataLen <= 64 && obj.id <= 0x1FFFFFFF);
-    require(obj.remoteFlag <= 1 && obj.externFlag <= 1 && (obj.fdFlags & ~0x08) == 0);
-    Decoded d{true, queue, {}};
-    d.obj = obj;
-    std::memset(d.obj.data + obj.dataLen, 0, sizeof d.obj.data - obj.dataLen);
-    records.push_back(d);
+    require((obj.fdFlags & ~WCAN_FDFLAG_BRS) == 0);
+    keep(true, queue, obj, obj.fdFlags);
+  }
+  template <typename Obj> void keep(bool fd, unsigned queue, const Obj &obj, uint8_t fdFlags) {
+    require(queue < kChannelSlots && obj.dataLen <= sizeof obj.data && obj.id <= 0x1FFFFFFF);
+    require(obj.remoteFlag <= 1 && obj.externFlag <= 1);
+    records.push_back({fd, queue, obj.id, obj.timeStamp, obj.remoteFlag, obj.externFlag, fdFlags,
+                       std::vector<uint8_t>(obj.data, obj.data + obj.dataLen)});
   }
 };
 
-// Feeds `bytes` in reads whose sizes the provider chooses.
-void feedSplit(StreamAssembler &stream, const std::vector<uint8_t> &bytes,
-               FuzzedDataProvider &split, CheckingSink &sink) {
-  size_t at = 0;
-  while (at < bytes.size()) {
-    // Once the split sizes run out, the rest comes in one read.
-    const size_t n =
-        split.remaining_bytes() > 0 ? split.ConsumeIntegralInRange<size_t>(1, 5000) : bytes.size();
-    const size_t take = std::min(n, bytes.size() - at);
-    stream.feed(bytes.data() + at, take, sink);
+// Feeds `bytes` in reads of up to 5000 bytes (the rest in one read once the
+// sizes run out) and returns what came out; whole frames leave nothing behind.
+std::vector<Decoded> decode(const std::vector<uint8_t> &bytes, ReadSizes &reads, bool whole) {
+  StreamAssembler stream;
+  CheckingSink sink;
+  reads.feed(bytes, 5000, bytes.size(), [&](const uint8_t *data, size_t n) {
+    stream.feed(data, n, sink);
     require(stream.pending() <= kStreamBufferLen);
-    at += take;
-  }
+  });
+  require(!whole || stream.pending() == 0);
+  return sink.records;
 }
 
 void putU32(std::vector<uint8_t> &out, uint32_t v) {
@@ -95,52 +81,33 @@ void buildFrame(FuzzedDataProvider &in, std::vector<uint8_t> &out, std::vector<D
     putU32(records, stamp);
     putU32(records, id);
     records.push_back(len);
-    Decoded d{fd, std::min<unsigned>(channel, kChannelSlots - 1), {}};
-    d.obj.id = id & 0x1FFFFFFF;
-    d.obj.timeStamp = stamp;
-    d.obj.remoteFlag = (flags & kWireRemote) ? 1 : 0;
-    d.obj.externFlag = (flags & kWireExtended) ? 1 : 0;
-    d.obj.fdFlags = fd && (flags & kWireFlag10) ? 0x08 : 0;
-    d.obj.dataLen = static_cast<uint8_t>(std::min<size_t>(len, room));
+    const unsigned queue = std::min<unsigned>(channel, kChannelSlots - 1);
+    const uint8_t remote = (flags & kWireRemote) ? 1 : 0,
+                  extended = (flags & kWireExtended) ? 1 : 0;
+    const uint8_t brs = fd && (flags & kWireFlag10) ? WCAN_FDFLAG_BRS : 0;
+    Decoded d{fd, queue, id & 0x1FFFFFFF, stamp, remote, extended, brs, {}};
     for (size_t k = 0; k < room; ++k) {
-      const uint8_t b = in.ConsumeIntegral<uint8_t>();
-      records.push_back(b);
-      if (k < d.obj.dataLen) {
-        d.obj.data[k] = b;
+      records.push_back(in.ConsumeIntegral<uint8_t>());
+      if (k < len) {
+        d.data.push_back(records.back());
       }
     }
     expected.push_back(d);
   }
-  const uint8_t header[7] = {kFrameStart,
-                             kDataFrameCode,
-                             0,
-                             0,
-                             static_cast<uint8_t>(records.size()),
-                             static_cast<uint8_t>(records.size() >> 8),
-                             static_cast<uint8_t>(count)};
-  out.insert(out.end(), header, header + sizeof header);
+  const size_t n = records.size();
+  out.insert(out.end(), {kFrameStart, kDataFrameCode, 0, 0, static_cast<uint8_t>(n),
+                         static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(count)});
   out.insert(out.end(), records.begin(), records.end());
 }
 
-bool sameRecord(const Decoded &a, const Decoded &b) {
-  return a.fd == b.fd && a.queue == b.queue && a.obj.id == b.obj.id &&
-         a.obj.timeStamp == b.obj.timeStamp && a.obj.remoteFlag == b.obj.remoteFlag &&
-         a.obj.externFlag == b.obj.externFlag && a.obj.fdFlags == b.obj.fdFlags &&
-         a.obj.dataLen == b.obj.dataLen && std::memcmp(a.obj.data, b.obj.data, a.obj.dataLen) == 0;
-}
-
 void hostileStream(FuzzedDataProvider &in) {
-  const std::vector<uint8_t> splits = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange(0, 64));
+  ReadSizes reads(in);
   const std::vector<uint8_t> bytes = in.ConsumeRemainingBytes<uint8_t>();
-  FuzzedDataProvider split(splits.data(), splits.size());
-  StreamAssembler stream;
-  CheckingSink sink;
-  feedSplit(stream, bytes, split, sink);
-  require(sink.records.size() <= bytes.size() / kCanRecordLen);
+  require(decode(bytes, reads, false).size() <= bytes.size() / kCanRecordLen);
 }
 
 void wellFormedStream(FuzzedDataProvider &in) {
-  const std::vector<uint8_t> splits = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange(0, 64));
+  ReadSizes reads(in);
   std::vector<uint8_t> bytes;
   std::vector<Decoded> expected;
   const unsigned frames = in.ConsumeIntegralInRange<unsigned>(1, 8);
@@ -153,15 +120,7 @@ void wellFormedStream(FuzzedDataProvider &in) {
     }
     buildFrame(in, bytes, expected);
   }
-  FuzzedDataProvider split(splits.data(), splits.size());
-  StreamAssembler stream;
-  CheckingSink sink;
-  feedSplit(stream, bytes, split, sink);
-  require(sink.records.size() == expected.size());
-  for (size_t i = 0; i < expected.size(); ++i) {
-    require(sameRecord(sink.records[i], expected[i]));
-  }
-  require(stream.pending() == 0);
+  require(decode(bytes, reads, true) == expected);
 }
 
 } // namespace

@@ -32,7 +32,8 @@ def describe(text):
         kind, brs, payload = "fd", data[1], data[2:]
     else:
         kind, brs, payload = ("r" if data.startswith("R") else "d"), None, data
-    return int(ident, 16), len(ident) == 8, kind, brs, bytes.fromhex(payload) if kind != "r" else b""
+    payload = bytes.fromhex(payload) if kind != "r" else b""
+    return int(ident, 16), len(ident) == 8, kind, brs, payload
 
 
 class CheckFailed(Exception):
@@ -44,12 +45,11 @@ def expect(cond, message):
         raise CheckFailed(message)
 
 
-def run(args, env_sim=None, timeout=30, code=0):
+def run(args, env_sim=None, code=0):
     env = {k: v for k, v in os.environ.items() if k != "WCAN_SIM"}
     if env_sim is not None:
         env["WCAN_SIM"] = env_sim
-    result = subprocess.run([WCAN] + args, capture_output=True, text=True, env=env,
-                            timeout=timeout)
+    result = subprocess.run([WCAN] + args, capture_output=True, text=True, env=env, timeout=30)
     if code is not None:
         expect(result.returncode == code, f"wcan {' '.join(args)}: exit {result.returncode}, "
                f"wanted {code}\n{result.stdout}{result.stderr}")
@@ -202,12 +202,11 @@ def check_interrupt():
     expect(proc.returncode == 0, f"dump exited {proc.returncode} after Ctrl-C: {err}")
 
 
-def read_terminal(args):
-    """Standard error of the tool when it is a terminal."""
+def run_on_terminal(args):
+    """Standard output of the tool, and what it wrote to standard error as a terminal."""
     master, slave = pty.openpty()
     try:
-        run_args = dict(stdout=subprocess.PIPE, stderr=slave, timeout=30)
-        code = subprocess.run([WCAN] + args, **run_args).returncode
+        proc = subprocess.run([WCAN] + args, stdout=subprocess.PIPE, stderr=slave, timeout=30)
     finally:
         os.close(slave)
     terminal = b""
@@ -217,8 +216,8 @@ def read_terminal(args):
     except OSError:  # the terminal has no writer left
         pass
     os.close(master)
-    expect(code == 0, f"wcan {' '.join(args)} on a terminal exited {code}")
-    return terminal
+    expect(proc.returncode == 0, f"wcan {' '.join(args)} on a terminal exited {proc.returncode}")
+    return proc.stdout.decode(), terminal
 
 
 def check_gen():
@@ -226,10 +225,9 @@ def check_gen():
                  env_sim="41")
     expect("250 frames sent, 0 failed" in result.stdout, result.stdout)
     expect("\r" not in result.stderr, "progress line written to a non-terminal")
-    out = run(["gen", "4", "0", "0", "--count", "20", "--rate", "200", "--id", "i"], "4").stdout
-    expect("20 frames sent" in out, out)
-    terminal = read_terminal(["--sim", "4", "gen", "4", "0", "0", "--count", "600", "--rate",
-                              "1000"])
+    out, terminal = run_on_terminal(["--sim", "4", "gen", "4", "0", "0", "--count", "600",
+                                     "--rate", "1000", "--id", "i"])
+    expect("600 frames sent" in out, out)
     expect(b"\rsent 600 frames" in terminal, f"no progress line on the terminal: {terminal!r}")
 
 

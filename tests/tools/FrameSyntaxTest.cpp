@@ -15,13 +15,8 @@ constexpr Kind kStd{}, kExt{true}, kRemote{false, true}, kExtRemote{true, true};
 constexpr Kind kFd{false, false, true}, kFdBrs{false, false, true, true}, kExtFd{true, false, true};
 
 Frame frame(uint32_t id, Kind kind, std::vector<uint8_t> data, uint8_t remoteLen = 0) {
-  Frame f;
-  f.id = id;
-  f.extended = kind.extended;
-  f.remote = kind.remote;
-  f.fd = kind.fd;
-  f.brs = kind.brs;
-  f.len = kind.remote ? remoteLen : static_cast<uint8_t>(data.size());
+  const uint8_t len = kind.remote ? remoteLen : static_cast<uint8_t>(data.size());
+  Frame f{id, kind.extended, kind.remote, kind.fd, kind.brs, len};
   std::copy(data.begin(), data.end(), f.data.begin());
   return f;
 }
@@ -116,8 +111,8 @@ TEST(FrameSyntax, RecordConversionKeepsFlagsAndBoundsReceivedRecords) {
   rx.fdFlags = WCAN_FDFLAG_BRS;
   rx.dataLen = 200;
   std::memset(rx.data, 0x5A, sizeof rx.data);
-  Frame f = fromCanFdObj(rx);
-  EXPECT_EQ(f, frame(0x1ABCDEF0, {true, false, true, true}, std::vector<uint8_t>(64, 0x5A)));
+  EXPECT_EQ(fromCanFdObj(rx),
+            frame(0x1ABCDEF0, {true, false, true, true}, std::vector<uint8_t>(64, 0x5A)));
 }
 
 TEST(FrameSyntax, EqualityIgnoresBytesBeyondLength) {

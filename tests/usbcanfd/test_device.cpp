@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <numeric>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -316,16 +317,11 @@ TEST_F(FdDevice, ForeignAndShortRepliesAreSkippedAndTheCommandResent) {
 TEST_F(FdDevice, DirectTransferReturnsTheReplyPayload) {
   open();
   unsigned char data[100];
-  for (int i = 0; i < 100; ++i) {
-    data[i] = static_cast<unsigned char>(i);
-  }
+  std::iota(data, data + 100, 0);
+  Bytes expected = {0x12, 0xA7};
+  expected.insert(expected.end(), data, data + 62);
   EXPECT_EQ(WCAN_DataDirectTransfer(kType, 0, data, 100), 62);
-  const auto sent = commands();
-  ASSERT_EQ(sent.size(), 1u);
-  ASSERT_EQ(sent[0].size(), 64u);
-  EXPECT_EQ(sent[0][0], 0x12);
-  EXPECT_EQ(sent[0][1], 0xA7);
-  EXPECT_EQ(sent[0][63], 61);
+  EXPECT_EQ(commands(), std::vector<Bytes>{expected}) << "cut to one 64-byte command";
   EXPECT_EQ(data[61], 61) << "the echoed payload lands at the start of the buffer";
 }
 

@@ -3,6 +3,8 @@
 // its queues, fault recovery, acceptance filters and key/value settings.
 #pragma once
 
+#include <algorithm>
+
 #include <pthread.h>
 
 #include <atomic>
@@ -96,8 +98,10 @@ public:
                     uint32_t dataWord, bool skipReadyCheck);
   int aBitTimingGet(uint32_t bitRate, uint32_t *word) const;
   int dBitTimingGet(uint32_t bitRate, uint32_t *word) const;
+  // A channel number past 255 must not wrap onto a real channel: it is
+  // refused like any other channel out of range.
   int start(unsigned int channel, bool skipReadyCheck) {
-    return canStart(static_cast<uint8_t>(channel), skipReadyCheck);
+    return canStart(static_cast<uint8_t>(std::min(channel, 0xFFu)), skipReadyCheck);
   }
   int canStart(uint8_t channel, bool skipReadyCheck);
   int canStop(uint8_t channel);

@@ -248,6 +248,11 @@ TEST_F(FdDevice, StopClearAndCountsFollowTheirRules) {
   EXPECT_TRUE(commands().empty()) << "an uninitialised channel gets no stop command";
   EXPECT_EQ(WCAN_Stop(kType, 0, 9), 0);
   EXPECT_EQ(WCAN_GetLastError(), WCAN_ERR_PARAMETER);
+  for (unsigned channel : {8u, 256u}) {
+    EXPECT_EQ(WCAN_Start(kType, 0, channel), 0) << channel;
+    EXPECT_EQ(WCAN_GetLastError(), WCAN_ERR_PARAMETER);
+  }
+  EXPECT_TRUE(commands().empty()) << "channel 256 must not start channel 0";
   ASSERT_EQ(init(0), 1);
   ASSERT_EQ(init(1), 1);
   std::vector<_WCAN_CANFD_OBJ> frames(4, fdFrame(0x10, 8));

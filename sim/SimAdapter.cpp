@@ -130,30 +130,8 @@ int Adapter::write(uint32_t generation, uint8_t ep, const uint8_t *data, int len
 }
 
 int Adapter::takeFromQueue(uint8_t ep, uint8_t *buf, int len) {
-  InQueue &q = in_[epSlot(ep)];
-  const EndpointShape shape = model_->endpointShape(ep);
-  if (shape.kind == EndpointShape::Packet) {
-    const Bytes &front = q.transfers.front();
-    const size_t n = std::min(front.size(), static_cast<size_t>(len));
-    std::copy_n(front.begin(), n, buf);
-    q.transfers.pop_front();
-    return static_cast<int>(n);
-  }
-  size_t room = static_cast<size_t>(std::min(len, shape.maxRead));
-  size_t n = 0;
-  while (room > 0 && !q.transfers.empty()) {
-    const Bytes &front = q.transfers.front();
-    const size_t take = std::min(room, front.size() - q.frontOffset);
-    std::copy_n(front.begin() + static_cast<std::ptrdiff_t>(q.frontOffset), take, buf + n);
-    n += take;
-    room -= take;
-    q.frontOffset += take;
-    if (q.frontOffset == front.size()) {
-      q.transfers.pop_front();
-      q.frontOffset = 0;
-    }
-  }
-  return static_cast<int>(n);
+  return static_cast<int>(
+      in_[epSlot(ep)].take(model_->endpointShape(ep), buf, static_cast<size_t>(len)));
 }
 
 int Adapter::serve(uint8_t ep, uint8_t *buf, int len, int *transferred) {

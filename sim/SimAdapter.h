@@ -14,6 +14,7 @@
 #include <mutex>
 #include <vector>
 
+#include "InQueue.h"
 #include "SimModel.h"
 #include "wcan_sim.h"
 
@@ -80,14 +81,6 @@ public:
   uint64_t framesDelivered(unsigned channel) const;
 
 private:
-  struct InQueue {
-    std::deque<Bytes> transfers;
-    size_t frontOffset = 0; // bytes of the front transfer already read (streams)
-    void clear() {
-      transfers.clear();
-      frontOffset = 0;
-    }
-  };
   struct PendingFault {
     ReplyFault fault;
     uint8_t value;

@@ -1,5 +1,7 @@
 #include "UsbfsTestbed.h"
 
+#include "InQueue.h"
+
 #include <libusb-1.0/libusb.h>
 #include <linux/ioctl.h>
 #include <linux/usb/ch9.h>
@@ -27,6 +29,7 @@ using wcansim::Bytes;
 using wcansim::CanFrame;
 using wcansim::DeviceModel;
 using wcansim::EndpointShape;
+using wcansim::InQueue;
 
 // ---------------------------------------------------------------------------
 // Endpoint layout of each family, as its descriptors announce it.
@@ -218,10 +221,6 @@ public:
   }
 
 private:
-  struct InQueue {
-    std::deque<Bytes> transfers;
-    size_t frontOffset = 0;
-  };
   struct BusFrame {
     unsigned channel;
     CanFrame frame;
@@ -234,10 +233,8 @@ private:
     return nullptr;
   }
   void clearQueues() {
-    for (InQueue &q : in_) {
-      q.transfers.clear();
-      q.frontOffset = 0;
-    }
+    for (InQueue &q : in_)
+      q.clear();
     outbox_.clear();
   }
   int hostWrite(const Urb &urb);
@@ -345,30 +342,7 @@ void EmulatedAdapter::routeBus() {
 }
 
 size_t EmulatedAdapter::takeFromQueue(uint8_t ep, uint8_t *buf, size_t len) {
-  InQueue &q = in_[ep & 0x0F];
-  const EndpointShape shape = model_->endpointShape(ep);
-  if (shape.kind == EndpointShape::Packet) {
-    const Bytes &front = q.transfers.front();
-    const size_t n = std::min(front.size(), len);
-    std::copy_n(front.begin(), n, buf);
-    q.transfers.pop_front();
-    return n;
-  }
-  size_t room = std::min(len, static_cast<size_t>(std::max(shape.maxRead, 0)));
-  size_t n = 0;
-  while (room > 0 && !q.transfers.empty()) {
-    const Bytes &front = q.transfers.front();
-    const size_t take = std::min(room, front.size() - q.frontOffset);
-    std::copy_n(front.begin() + static_cast<std::ptrdiff_t>(q.frontOffset), take, buf + n);
-    n += take;
-    room -= take;
-    q.frontOffset += take;
-    if (q.frontOffset == front.size()) {
-      q.transfers.pop_front();
-      q.frontOffset = 0;
-    }
-  }
-  return n;
+  return in_[ep & 0x0F].take(model_->endpointShape(ep), buf, len);
 }
 
 // Serves waiting IN transfers in the order they were submitted.

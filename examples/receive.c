@@ -10,7 +10,8 @@ int main(void) {
     return 1;
   }
   int n = WCAN_ReceiveFD(41, 0, 0, rx, 16, 1000); /* wait up to 1 s */
-  for (int i = 0; i < n; i++) printf("%03X [%u]\n", rx[i].id, rx[i].dataLen);
+  for (int i = 0; i < n; i++)
+    printf("%03X [%u]\n", rx[i].id, rx[i].dataLen);
   WCAN_CloseDevice(41, 0);
   return 0;
 }

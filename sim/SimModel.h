@@ -18,9 +18,9 @@ struct CanFrame {
   uint32_t id = 0;
   bool extended = false;
   bool remote = false;
-  bool fd = false; // CAN FD frame format
+  bool fd = false;  // CAN FD frame format
   bool brs = false; // bit-rate switch (CAN FD only)
-  uint8_t len = 0; // 0..8 classic, 0..64 CAN FD
+  uint8_t len = 0;  // 0..8 classic, 0..64 CAN FD
   uint8_t data[64] = {};
 };
 

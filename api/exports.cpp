@@ -82,6 +82,12 @@ template <typename Call> int fdOnly(unsigned int type, unsigned int index, Call 
   return withDevice(type, index, call);
 }
 
+// Classic-only operations: every other type, the silent classic ones
+// included, is unsupported.
+template <typename Call> int classicCoreOnly(unsigned int type, Call call) {
+  return familyOf(type) == Family::ClassicCore ? call() : fail(WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
+}
+
 std::unique_ptr<QDevice> makeDriver(Family family) {
   return family == Family::Recorder ? makeCanRecordDevice() : makeUsbCanFdDevice();
 }
@@ -194,14 +200,13 @@ WCAN_EXPORT int WCAN_GetReceiveNum(unsigned int devType, unsigned int devIndex,
 
 WCAN_EXPORT int WCAN_InitCAN(unsigned int devType, unsigned int devIndex, unsigned int channel,
                              _WCAN_INIT_CONFIG *pConfig) {
-  if (familyOf(devType) != Family::ClassicCore) {
-    return fail(WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
-  }
   // The channel is started even when its initialisation failed; the result
   // is the initialisation's.
-  const int result = usbcan2InitCAN(devType, devIndex, channel, pConfig);
-  usbcan2StartCAN(devType, devIndex, channel);
-  return result;
+  return classicCoreOnly(devType, [&] {
+    const int result = usbcan2InitCAN(devType, devIndex, channel, pConfig);
+    usbcan2StartCAN(devType, devIndex, channel);
+    return result;
+  });
 }
 
 WCAN_EXPORT int WCAN_InitCANFD(unsigned int devType, unsigned int devIndex, unsigned int channel,
@@ -337,37 +342,32 @@ WCAN_EXPORT int WCAN_RecordFliterSettingGet(unsigned int devType, unsigned int d
 
 WCAN_EXPORT int WCAN_DevRelayStatusSet(unsigned int devType, unsigned int devIndex,
                                        unsigned char value0, unsigned char value1) {
-  if (familyOf(devType) != Family::ClassicCore) {
-    return fail(WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
-  }
-  return usbcan2DevRelayStatusSet(devType, devIndex, value0, value1);
+  return classicCoreOnly(
+      devType, [&] { return usbcan2DevRelayStatusSet(devType, devIndex, value0, value1); });
 }
 
 WCAN_EXPORT int WCAN_DevRelayStatusGet(unsigned int devType, unsigned int devIndex,
                                        unsigned char *pValue0, unsigned char *pValue1) {
-  if (familyOf(devType) != Family::ClassicCore) {
-    return fail(WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
-  }
-  return usbcan2DevRelayStatusGet(devType, devIndex, pValue0, pValue1);
+  return classicCoreOnly(
+      devType, [&] { return usbcan2DevRelayStatusGet(devType, devIndex, pValue0, pValue1); });
 }
 
 WCAN_EXPORT int WCAN_DevBaudParaGet(unsigned int devType, unsigned int devIndex,
                                     unsigned int channel, unsigned char *pValue0,
                                     unsigned char *pValue1) {
-  if (familyOf(devType) != Family::ClassicCore) {
-    return fail(WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
-  }
-  return usbcan2DevBaudParaGet(devType, devIndex, static_cast<uint8_t>(channel), pValue0, pValue1);
+  return classicCoreOnly(devType, [&] {
+    return usbcan2DevBaudParaGet(devType, devIndex, static_cast<uint8_t>(channel), pValue0,
+                                 pValue1);
+  });
 }
 
 WCAN_EXPORT int WCAN_DevChStateGet(unsigned int devType, unsigned int devIndex,
                                    unsigned int channel, unsigned char *pValue0,
                                    unsigned char *pValue1, unsigned char *pValue2) {
-  if (familyOf(devType) != Family::ClassicCore) {
-    return fail(WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
-  }
-  return usbcan2DevChStateGet(devType, devIndex, static_cast<uint8_t>(channel), pValue0, pValue1,
-                              pValue2);
+  return classicCoreOnly(devType, [&] {
+    return usbcan2DevChStateGet(devType, devIndex, static_cast<uint8_t>(channel), pValue0, pValue1,
+                                pValue2);
+  });
 }
 
 WCAN_EXPORT int WCAN_GetLastError(void) { return QErrInfoMgr::getinstance()->getLastError(); }

@@ -194,27 +194,30 @@ Frame fromCanFdObj(const _WCAN_CANFD_OBJ &obj) {
   return f;
 }
 
-_WCAN_CAN_OBJ toCanObj(const Frame &frame) {
-  _WCAN_CAN_OBJ obj{};
+namespace {
+
+// The fields both record kinds share; a remote frame carries no data.
+template <typename Obj> Obj toRecord(const Frame &frame, uint8_t maxLen) {
+  Obj obj{};
   obj.id = frame.id;
   obj.externFlag = frame.extended ? 1 : 0;
   obj.remoteFlag = frame.remote ? 1 : 0;
-  obj.dataLen = std::min<uint8_t>(frame.len, kMaxClassicLen);
+  obj.dataLen = std::min<uint8_t>(frame.len, maxLen);
   if (!frame.remote)
     std::memcpy(obj.data, frame.data.data(), obj.dataLen);
   return obj;
 }
 
+} // namespace
+
+_WCAN_CAN_OBJ toCanObj(const Frame &frame) {
+  return toRecord<_WCAN_CAN_OBJ>(frame, kMaxClassicLen);
+}
+
 _WCAN_CANFD_OBJ toCanFdObj(const Frame &frame) {
-  _WCAN_CANFD_OBJ obj{};
-  obj.id = frame.id;
-  obj.externFlag = frame.extended ? 1 : 0;
-  obj.remoteFlag = frame.remote ? 1 : 0;
+  _WCAN_CANFD_OBJ obj = toRecord<_WCAN_CANFD_OBJ>(frame, kMaxFdLen);
   obj.fdFlags = static_cast<unsigned char>((frame.fd ? WCAN_FDFLAG_FDF : 0u) |
                                            (frame.brs ? WCAN_FDFLAG_BRS : 0u));
-  obj.dataLen = std::min<uint8_t>(frame.len, kMaxFdLen);
-  if (!frame.remote)
-    std::memcpy(obj.data, frame.data.data(), obj.dataLen);
   return obj;
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <sstream>
 
 namespace {
 
@@ -25,7 +26,19 @@ QUserLog &QUserLog::GetInstance() {
   return instance;
 }
 
-QUserLog::QUserLog() { initialised = Init(); }
+ConsoleTarget consoleTargetFrom(const char *setting) {
+  if (setting != nullptr && strcmp(setting, "stderr") == 0) {
+    return ConsoleTarget::Stderr;
+  }
+  if (setting != nullptr && strcmp(setting, "none") == 0) {
+    return ConsoleTarget::None;
+  }
+  return ConsoleTarget::Stdout;
+}
+
+QUserLog::QUserLog() : console(consoleTargetFrom(getenv("WCAN_LOG_CONSOLE"))) {
+  initialised = Init();
+}
 
 QUserLog::~QUserLog() {
   Flush();
@@ -49,7 +62,18 @@ void QUserLog::Fatal(const char *format, ...) { WCAN_LOG_AT(LOG_FATAL); }
 
 #undef WCAN_LOG_AT
 
+void QUserLog::writeConsole(const char *text, size_t length) {
+  FILE *stream = console == ConsoleTarget::Stdout   ? stdout
+                 : console == ConsoleTarget::Stderr ? stderr
+                                                    : nullptr;
+  if (stream != nullptr) {
+    fwrite(text, 1, length, stream);
+    fflush(stream);
+  }
+}
+
 void QUserLog::Log(LogLevel level, const char *format, va_list args) {
+  std::lock_guard<std::recursive_mutex> guard(lineLock);
   if (level < logLevel) {
     return;
   }
@@ -67,23 +91,27 @@ void QUserLog::Log(LogLevel level, const char *format, va_list args) {
   const int written =
       snprintf(line, sizeof line, "[%s] [%s] %s\n", timeText, kLevelNames[level], message);
   const size_t lineLen = written < 0 ? 0 : std::min(static_cast<size_t>(written), sizeof line - 1);
-  fwrite(line, 1, lineLen, stdout);
-  fflush(stdout);
+  writeConsole(line, lineLen);
 
   if (!fileOutput || !file.is_open()) {
     return;
   }
   if (static_cast<size_t>(bufferLen) + lineLen >= kBufferSize) {
-    Flush();
+    FlushLocked();
   }
   if (static_cast<size_t>(bufferLen) + lineLen < kBufferSize) {
     memcpy(buffer + bufferLen, line, lineLen);
     bufferLen += static_cast<int32_t>(lineLen);
   }
-  Flush();
+  FlushLocked();
 }
 
 void QUserLog::Flush() {
+  std::lock_guard<std::recursive_mutex> guard(lineLock);
+  FlushLocked();
+}
+
+void QUserLog::FlushLocked() {
   if (!fileOutput || !file.is_open() || bufferLen < 1) {
     return;
   }
@@ -94,7 +122,9 @@ void QUserLog::Flush() {
 }
 
 bool QUserLog::ReloadConfig() {
-  Flush();
+  std::lock_guard<std::recursive_mutex> guard(lineLock);
+  console = consoleTargetFrom(getenv("WCAN_LOG_CONSOLE"));
+  FlushLocked();
   if (file.is_open()) {
     file.close();
   }
@@ -176,10 +206,13 @@ void QUserLog::LoadConfig() {
   logLevel = settings.level;
   memcpy(logPath, settings.path, sizeof logPath);
   fileOutput = settings.fileOutput;
-  std::cout << "Config loaded successfully:" << std::endl
-            << "LogLevel: " << logLevel << std::endl
-            << "LogPath: " << logPath << std::endl
-            << "FileOutput: " << (fileOutput ? 1 : 0) << std::endl;
+  std::ostringstream report;
+  report << "Config loaded successfully:\n"
+         << "LogLevel: " << logLevel << "\n"
+         << "LogPath: " << logPath << "\n"
+         << "FileOutput: " << (fileOutput ? 1 : 0) << "\n";
+  const std::string text = report.str();
+  writeConsole(text.c_str(), text.size());
 }
 
 char *QUserLog::TrimWhitespace(char *text) {

@@ -1,10 +1,14 @@
 // The library's logger: six levels, every line on standard output and, when
-// "QUserLog.ini" asks for it, appended to one file per day.
+// "QUserLog.ini" asks for it, appended to one file per day. The environment
+// variable WCAN_LOG_CONSOLE=stderr moves the console lines to standard error,
+// WCAN_LOG_CONSOLE=none drops them; the file is not affected.
 #pragma once
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
+#include <mutex>
 #include <string>
 
 enum LogLevel : uint32_t { LOG_TRACE = 0, LOG_DEBUG, LOG_INFO, LOG_WARN, LOG_ERROR, LOG_FATAL };
@@ -15,6 +19,11 @@ struct LogSettings {
   char path[256];
   bool fileOutput;
 };
+
+enum class ConsoleTarget { Stdout, Stderr, None };
+// The console destination WCAN_LOG_CONSOLE asks for (standard output when it
+// is unset or unknown).
+ConsoleTarget consoleTargetFrom(const char *setting);
 
 // Applies one line of the configuration file (modified in place); tracks
 // whether the lines are inside the "LogConfig" section.
@@ -38,6 +47,7 @@ public:
   // Exposed for tests and tools.
   std::string GetLogFileName() const;
   uint32_t level() const { return logLevel; }
+  ConsoleTarget consoleTarget() const { return console; }
   bool fileOutputOn() const { return fileOutput; }
   const char *path() const { return logPath; }
   static char *TrimWhitespace(char *text);
@@ -51,7 +61,13 @@ private:
   ~QUserLog();
   void LoadConfig();
   bool Init();
+  void writeConsole(const char *text, size_t length);
+  void FlushLocked();
 
+  // One line is built, printed and filed under this lock, so lines from
+  // several threads never interleave.
+  std::recursive_mutex lineLock;
+  ConsoleTarget console = ConsoleTarget::Stdout;
   uint32_t logLevel = LOG_DEBUG;
   char logPath[256] = {};
   bool fileOutput = false;

@@ -50,9 +50,8 @@ int runGen(Context &ctx, const Args &args);
 int runRecord(Context &ctx, const Args &args);
 int runDemo(Context &ctx, const Args &args);
 
-// The tool's own standard output. The library logs to file descriptor 1; the
-// tool moves that to standard error so that its log lines never mix with
-// frame lines or tables, and writes its results here.
+// The tool's results go to standard output; the library's log lines are sent
+// to standard error (WCAN_LOG_CONSOLE) before the library is loaded.
 void separateLibraryLog();
 FILE *out();
 

@@ -1,6 +1,5 @@
-#include <unistd.h>
-
 #include <csignal>
+#include <cstdlib>
 
 #include "Commands.h"
 
@@ -8,7 +7,6 @@ namespace wcantool {
 namespace {
 
 volatile std::sig_atomic_t stopFlag = 0;
-FILE *toolOut = nullptr;
 
 extern "C" void onStopSignal(int) { stopFlag = 1; }
 
@@ -36,19 +34,12 @@ Runtime &Context::emptySimulation() {
 }
 
 void separateLibraryLog() {
-  std::fflush(stdout);
-  int fd = dup(STDOUT_FILENO);
-  if (fd < 0)
-    return;
-  toolOut = fdopen(fd, "w");
-  if (!toolOut) {
-    close(fd);
-    return;
-  }
-  dup2(STDERR_FILENO, STDOUT_FILENO);
+  // Unless the user chose a destination, the library's console lines go to
+  // standard error, where they never mix with frame lines or tables.
+  setenv("WCAN_LOG_CONSOLE", "stderr", 0);
 }
 
-FILE *out() { return toolOut ? toolOut : stdout; }
+FILE *out() { return stdout; }
 
 void installStopHandler() {
   struct sigaction sa {};

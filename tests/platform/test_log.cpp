@@ -5,7 +5,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
+#include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/QUserLog.h"
 
@@ -113,6 +117,59 @@ TEST_F(Log, UnwritableDirectoryFallsBackToConsole) {
   EXPECT_NE(err.find("Failed to create log directory: "), std::string::npos) << err;
   EXPECT_FALSE(log().fileOutputOn());
   EXPECT_NE(stdoutOf([] { log().Info("still here"); }).find("still here"), std::string::npos);
+}
+
+TEST_F(Log, LinesFromManyThreadsNeverTear) {
+  writeIni("[LogConfig]\nLogLevel=0\nLogPath=" + dir.string() + "\nFileOutput=1\n");
+  reloadQuietly();
+  ASSERT_TRUE(log().fileOutputOn());
+  constexpr int kThreads = 5, kLines = 400;
+  stdoutOf([] {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+      threads.emplace_back([t] {
+        for (int i = 0; i < kLines; ++i)
+          log().Info("thread %d line %d %s", t, i, "padding padding padding padding");
+      });
+    for (auto &th : threads)
+      th.join();
+  });
+  std::ifstream file(log().GetLogFileName());
+  const std::regex whole(
+      R"(\[[-0-9: ]{19}\] \[INFO \] thread \d line \d+ padding padding padding padding)");
+  std::string line;
+  int lines = 0;
+  while (std::getline(file, line)) {
+    ASSERT_TRUE(std::regex_match(line, whole)) << "torn line: " << line;
+    ++lines;
+  }
+  EXPECT_EQ(lines, kThreads * kLines);
+}
+
+TEST_F(Log, ConsoleLinesFollowTheEnvironment) {
+  struct Case {
+    const char *setting; // nullptr: unset
+    bool onStdout, onStderr;
+  } cases[] = {
+      {nullptr, true, false}, {"stdout", true, false}, {"stderr", false, true},
+      {"none", false, false}, {"bogus", true, false},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.setting ? c.setting : "(unset)");
+    if (c.setting)
+      setenv("WCAN_LOG_CONSOLE", c.setting, 1);
+    else
+      unsetenv("WCAN_LOG_CONSOLE");
+    reloadQuietly();
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    log().Warn("where am I");
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(out.find("where am I") != std::string::npos, c.onStdout);
+    EXPECT_EQ(err.find("where am I") != std::string::npos, c.onStderr);
+  }
+  unsetenv("WCAN_LOG_CONSOLE");
 }
 
 TEST(LogTrim, TrimsBothEnds) {

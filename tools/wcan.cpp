@@ -13,6 +13,7 @@ namespace {
 
 const char kProgramUsage[] =
     "usage: wcan [--sim SPEC] COMMAND [ARGS...]\n"
+    "       wcan --version\n"
     "\n"
     "Commands:\n"
     "%s"
@@ -213,6 +214,10 @@ int runMain(std::vector<std::string> argv) {
   if (argv.empty()) {
     printProgramUsage(stderr);
     return kExitUsage;
+  }
+  if (argv[0] == "--version") {
+    std::fprintf(stdout, "wcan %s\n", WCAN_VERSION);
+    return kExitOk;
   }
   if (argv[0] == "--help" || argv[0] == "-h" || argv[0] == "help") {
     const Command *cmd = argv.size() > 1 ? findCommand(argv[1]) : nullptr;

@@ -1,0 +1,2 @@
+# Installed layout, the man page and the Debian packages.
+include(${CMAKE_CURRENT_LIST_DIR}/Install.cmake)

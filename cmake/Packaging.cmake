@@ -1,2 +1,3 @@
 # Installed layout, the man page and the Debian packages.
 include(${CMAKE_CURRENT_LIST_DIR}/Install.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/ManPage.cmake)

@@ -34,6 +34,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/libwcan/lintian-overrides
   COMPONENT runtime)
 
 set(CPACK_GENERATOR DEB)
+set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_PACKAGE_NAME wcan)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "wcan developers <wcan@example.org>")
@@ -59,9 +60,13 @@ endforeach()
 # program or the tool provides it, so the dependency is declared by hand.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libusb-1.0-0")
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/libwcan/postinst
-  ${PROJECT_SOURCE_DIR}/packaging/libwcan/postrm ${PROJECT_SOURCE_DIR}/packaging/libwcan/triggers)
+# Written here rather than by cpack, which would also try libwcan-sim.so and
+# warn that it has no soname version.
+file(WRITE ${PROJECT_BINARY_DIR}/shlibs
+  "libwcan ${PROJECT_VERSION_MAJOR} ${WCAN_DEB_runtime} (>= ${PROJECT_VERSION})\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/shlibs
+  ${PROJECT_SOURCE_DIR}/packaging/libwcan/postinst ${PROJECT_SOURCE_DIR}/packaging/libwcan/postrm
+  ${PROJECT_SOURCE_DIR}/packaging/libwcan/triggers)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "driver library for USB-to-CAN and USB-to-CAN-FD adapters
 libwcan drives USB-to-CAN and USB-to-CAN-FD adapters from user space through
 libusb: CAN FD adapters with 2, 4 or 8 channels, classic dual-channel CAN

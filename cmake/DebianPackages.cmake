@@ -16,7 +16,9 @@ if(python IN_LIST _wcan_installed_components)
   list(APPEND WCAN_DEB_COMPONENTS python)
 endif()
 
-# Every Debian package carries its own copyright and changelog.
+# Every Debian package carries its own copyright and changelog. These and the
+# lintian override go only into the packages (cpack installs component by
+# component), not into a plain `cmake --install`.
 set(_wcan_changelog ${PROJECT_SOURCE_DIR}/packaging/changelog)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${_wcan_changelog})
 execute_process(COMMAND gzip -9n -c ${_wcan_changelog}
@@ -26,12 +28,13 @@ if(NOT _wcan_gzip_status EQUAL 0)
 endif()
 foreach(component IN LISTS WCAN_DEB_COMPONENTS)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${PROJECT_BINARY_DIR}/changelog.gz
-    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${WCAN_DEB_${component}} COMPONENT ${component})
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${WCAN_DEB_${component}} COMPONENT ${component}
+    EXCLUDE_FROM_ALL)
 endforeach()
 
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/libwcan/lintian-overrides
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides RENAME ${WCAN_DEB_runtime}
-  COMPONENT runtime)
+  COMPONENT runtime EXCLUDE_FROM_ALL)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_VERBATIM_VARIABLES ON)

@@ -23,11 +23,14 @@ configure_file(${PROJECT_SOURCE_DIR}/wcan.pc.in ${PROJECT_BINARY_DIR}/wcan.pc @O
 install(FILES ${PROJECT_BINARY_DIR}/wcan.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT dev)
 
-# The tool loads libwcan.so.1 and libwcan-sim.so through the dynamic loader,
-# which searches the caller's run path: one relative to the binary lets an
-# installed tree run from wherever it was installed or moved.
+# The tool loads libwcan.so.1 and libwcan-sim.so through the dynamic loader:
+# a run path relative to the binary lets an installed tree run from wherever it
+# was installed or moved. It is an old-style DT_RPATH, which the loader also
+# searches when the dlopen call reaches it through a sanitizer's interceptor
+# (a DT_RUNPATH only counts for the calling object, then the sanitizer runtime).
 if(TARGET wcan_tool)
   file(RELATIVE_PATH _wcan_bin_to_lib "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
   set_target_properties(wcan_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${_wcan_bin_to_lib}")
+  target_link_options(wcan_tool PRIVATE -Wl,--disable-new-dtags)
   install(TARGETS wcan_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 endif()

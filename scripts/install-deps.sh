@@ -7,4 +7,5 @@ $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends \
   cmake make g++ pkg-config libusb-1.0-0-dev libgtest-dev libgmock-dev libbenchmark-dev \
   can-utils python3 python3-can clang libclang-rt-dev umockdev libumockdev-dev \
-  help2man gzip dpkg-dev file lintian man-db >/dev/null
+  help2man gzip dpkg-dev file lintian man-db \
+  libasio-dev python3-pytest python3-pytest-timeout >/dev/null

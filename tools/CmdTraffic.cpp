@@ -4,13 +4,17 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <random>
 #include <thread>
 
 #include "Commands.h"
 #include "Device.h"
 #include "Generator.h"
+#include "net/Client.h"
+#include "net/Protocol.h"
 
 namespace wcantool {
 namespace {
@@ -102,18 +106,143 @@ void sendLoopbackFrames(DeviceSession &device, unsigned dumpChannel,
   }
 }
 
+// With --connect the server's channel settings apply: options that set up a
+// local channel have no meaning.
+void rejectLocalOptions(const Args &args, std::initializer_list<const char *> names) {
+  for (const char *name : names)
+    if (args.flag(name))
+      throw UsageError{std::string(name) + " sets up a local adapter; with --connect the " +
+                       "server's settings apply"};
+}
+
+struct RemoteBus {
+  net::ServerAddress server;
+  std::string bus;
+};
+
+std::optional<RemoteBus> remoteBus(const Args &args) {
+  const std::optional<std::string> server = args.value("--connect");
+  if (!server)
+    return std::nullopt;
+  if (args.positionals().empty())
+    throw UsageError{"missing arguments: --connect HOST[:PORT] takes a BUS name"};
+  return RemoteBus{net::parseServerAddress(*server, net::kDefaultPort), args.positionals()[0]};
+}
+
+struct DumpLimits {
+  unsigned long long count = 0;
+  long timeoutMs = 0;
+};
+
+DumpLimits parseDumpLimits(const Args &args) {
+  DumpLimits limits;
+  if (auto v = args.value("--count"))
+    limits.count = parseNumber(*v, "--count", 1, ~0ull);
+  if (auto v = args.value("--timeout"))
+    limits.timeoutMs = static_cast<long>(parseNumber(*v, "--timeout", 1, 86400000));
+  return limits;
+}
+
+// Appends received frames to `batch`, waiting up to waitMs for the first.
+using FrameSource = std::function<void(std::vector<RxFrame> &batch, int waitMs)>;
+
+// Prints frames as log lines until the count, the time-out or Ctrl-C.
+int dumpFrames(const FrameSource &receive, const std::string &ifname, const DumpLimits &limits,
+               FILE *log, const std::string &logPath) {
+  unsigned long long received = 0;
+  auto lastFrame = Clock::now();
+  std::vector<RxFrame> batch;
+  while (!stopRequested() && (limits.count == 0 || received < limits.count)) {
+    int wait = kPollMs;
+    if (limits.timeoutMs > 0) {
+      long left = limits.timeoutMs - msSince(lastFrame);
+      if (left <= 0)
+        break;
+      wait = static_cast<int>(std::min<long>(wait, left));
+    }
+    batch.clear();
+    receive(batch, wait);
+    for (const RxFrame &rx : batch) {
+      if (limits.count != 0 && received == limits.count)
+        break;
+      std::string line = formatLogLine(rx.hostTime, ifname, rx.frame) + "\n";
+      std::fputs(line.c_str(), out());
+      if (log)
+        std::fputs(line.c_str(), log);
+      ++received;
+    }
+    if (!batch.empty()) {
+      std::fflush(out());
+      if (log)
+        std::fflush(log);
+      lastFrame = Clock::now();
+      if (std::ferror(out()))
+        return kExitOk; // the reader went away
+      if (log && std::ferror(log))
+        throw ToolError{"cannot write " + logPath};
+    }
+  }
+  if (limits.count != 0 && received < limits.count && !stopRequested()) {
+    std::fprintf(stderr, "wcan dump: %llu of %llu frames arrived within the time-out\n", received,
+                 limits.count);
+    return kExitFailure;
+  }
+  return kExitOk;
+}
+
+// What the server sent, as the local dump would show it: the server's time
+// stamps in place of the host's.
+void receiveRemote(net::Client &client, std::vector<RxFrame> &batch, int waitMs) {
+  constexpr size_t kMaxBatch = 256;
+  for (std::optional<net::ReceivedFrame> rx = client.nextFrame(waitMs); rx;
+       rx = batch.size() < kMaxBatch ? client.nextFrame(0) : std::nullopt)
+    batch.push_back({rx->frame, 0, rx->time});
+}
+
+int dumpRemote(const Args &args, const RemoteBus &remote) {
+  args.expectPositionals(1, 1);
+  rejectLocalOptions(args, {"--bitrate", "--dbitrate", "--fd", "--listen-only", "--tx"});
+  const DumpLimits limits = parseDumpLimits(args);
+  const std::string logPath = args.value("--log").value_or("");
+  FilePtr log = openLog(args.value("--log"));
+  net::Client client(remote.server, remote.bus);
+  client.rawMode();
+  return dumpFrames(
+      [&](std::vector<RxFrame> &batch, int wait) { receiveRemote(client, batch, wait); },
+      remote.bus, limits, log.get(), logPath);
+}
+
+std::vector<Frame> parseFrameArgs(const Args &args, size_t first) {
+  std::vector<Frame> frames;
+  for (size_t i = first; i < args.positionals().size(); ++i)
+    frames.push_back(parseFrameArg(args.positionals()[i]));
+  return frames;
+}
+
+int sendRemote(const Args &args, const RemoteBus &remote) {
+  args.expectPositionals(2, ~size_t{0});
+  rejectLocalOptions(args, {"--bitrate", "--dbitrate", "--fd"});
+  const std::vector<Frame> frames = parseFrameArgs(args, 1);
+  net::Client client(remote.server, remote.bus);
+  client.send(frames);
+  const std::vector<std::string> errors = client.sync();
+  if (!errors.empty())
+    throw ToolError{std::to_string(errors.size()) + " of " + std::to_string(frames.size()) +
+                    " frames not sent on " + client.describe() + ": " + errors.front()};
+  std::fprintf(stderr, "wcan send: %zu frame%s sent on %s\n", frames.size(),
+               frames.size() == 1 ? "" : "s", client.describe().c_str());
+  return kExitOk;
+}
+
 } // namespace
 
 int runDump(Context &ctx, const Args &args) {
+  if (std::optional<RemoteBus> remote = remoteBus(args))
+    return dumpRemote(args, *remote);
   args.expectPositionals(3, 3);
   Target target = parseTarget(args);
   ChannelSettings settings = parseSettings(args);
-  unsigned long long count = 0;
-  if (auto v = args.value("--count"))
-    count = parseNumber(*v, "--count", 1, ~0ull);
-  long timeoutMs = 0;
-  if (auto v = args.value("--timeout"))
-    timeoutMs = static_cast<long>(parseNumber(*v, "--timeout", 1, 86400000));
+  const DumpLimits limits = parseDumpLimits(args);
   std::vector<TxRequest> tx;
   for (const std::string &t : args.values("--tx"))
     tx.push_back(parseTxArg(t));
@@ -126,62 +255,25 @@ int runDump(Context &ctx, const Args &args) {
   checkChannelUse(type, target.channel, settings);
   for (const TxRequest &r : tx)
     checkChannelUse(type, r.channel, settings, {r.frame});
+  const std::string logPath = args.value("--log").value_or("");
   FilePtr log = openLog(args.value("--log"));
 
   DeviceSession device(ctx.runtime(), target.type, target.index);
   device.startChannel(target.channel, settings);
   if (!tx.empty())
     sendLoopbackFrames(device, target.channel, tx, settings);
-
-  const std::string ifname = interfaceName(target.type, target.index, target.channel);
-  unsigned long long received = 0;
-  auto lastFrame = Clock::now();
-  std::vector<RxFrame> batch;
-  while (!stopRequested() && (count == 0 || received < count)) {
-    int wait = kPollMs;
-    if (timeoutMs > 0) {
-      long left = timeoutMs - msSince(lastFrame);
-      if (left <= 0)
-        break;
-      wait = static_cast<int>(std::min<long>(wait, left));
-    }
-    batch.clear();
-    device.receive(target.channel, batch, wait);
-    for (const RxFrame &rx : batch) {
-      if (count != 0 && received == count)
-        break;
-      std::string line = formatLogLine(rx.hostTime, ifname, rx.frame) + "\n";
-      std::fputs(line.c_str(), out());
-      if (log)
-        std::fputs(line.c_str(), log.get());
-      ++received;
-    }
-    if (!batch.empty()) {
-      std::fflush(out());
-      if (log)
-        std::fflush(log.get());
-      lastFrame = Clock::now();
-      if (std::ferror(out()))
-        return kExitOk; // the reader went away
-      if (log && std::ferror(log.get()))
-        throw ToolError{"cannot write " + *args.value("--log")};
-    }
-  }
-  if (count != 0 && received < count && !stopRequested()) {
-    std::fprintf(stderr, "wcan dump: %llu of %llu frames arrived within the time-out\n", received,
-                 count);
-    return kExitFailure;
-  }
-  return kExitOk;
+  return dumpFrames(
+      [&](std::vector<RxFrame> &batch, int wait) { device.receive(target.channel, batch, wait); },
+      interfaceName(target.type, target.index, target.channel), limits, log.get(), logPath);
 }
 
 int runSend(Context &ctx, const Args &args) {
+  if (std::optional<RemoteBus> remote = remoteBus(args))
+    return sendRemote(args, *remote);
   args.expectPositionals(4, ~size_t{0});
   Target target = parseTarget(args);
   ChannelSettings settings = parseSettings(args);
-  std::vector<Frame> frames;
-  for (size_t i = 3; i < args.positionals().size(); ++i)
-    frames.push_back(parseFrameArg(args.positionals()[i]));
+  std::vector<Frame> frames = parseFrameArgs(args, 3);
   if (std::any_of(frames.begin(), frames.end(), [](const Frame &f) { return f.fd; }))
     settings.fd = true;
   checkChannelUse(checkedDeviceType(target.type), target.channel, settings, frames);
@@ -226,62 +318,82 @@ unsigned long long framesDue(const GenProgress &p, unsigned rate) {
 
 } // namespace
 
-int runGen(Context &ctx, const Args &args) {
-  args.expectPositionals(3, 3);
-  Target target = parseTarget(args);
-  ChannelSettings settings = parseSettings(args);
-  GenSpec spec;
-  spec.fd = settings.fd;
-  spec.brs = args.flag("--brs");
-  spec.extended = args.flag("--extended");
-  if (spec.brs && !spec.fd)
-    throw UsageError{"--brs needs --fd"};
-  parseGenId(args.value("--id").value_or("r"), spec);
-  parseGenLen(args.value("--len").value_or("r"), spec);
-  unsigned long long count = 0;
-  if (auto v = args.value("--count"))
-    count = parseNumber(*v, "--count", 1, ~0ull);
-  unsigned rate = 0;
-  if (auto v = args.value("--rate"))
-    rate = parseUnsigned(*v, "--rate", 1, 10000000);
-  checkChannelUse(checkedDeviceType(target.type), target.channel, settings);
+namespace {
 
-  DeviceSession device(ctx.runtime(), target.type, target.index);
-  device.startChannel(target.channel, settings);
-  FrameGenerator generator(spec, std::random_device{}());
+struct GenPlan {
+  GenSpec spec;
+  unsigned long long count = 0;
+  unsigned rate = 0;
+};
+
+GenPlan parseGenPlan(const Args &args) {
+  GenPlan plan;
+  plan.spec.fd = args.flag("--fd");
+  plan.spec.brs = args.flag("--brs");
+  plan.spec.extended = args.flag("--extended");
+  if (plan.spec.brs && !plan.spec.fd)
+    throw UsageError{"--brs needs --fd"};
+  parseGenId(args.value("--id").value_or("r"), plan.spec);
+  parseGenLen(args.value("--len").value_or("r"), plan.spec);
+  if (auto v = args.value("--count"))
+    plan.count = parseNumber(*v, "--count", 1, ~0ull);
+  if (auto v = args.value("--rate"))
+    plan.rate = parseUnsigned(*v, "--rate", 1, 10000000);
+  return plan;
+}
+
+// Where generated frames go: a local channel or a bus of a server.
+struct GenOutlet {
+  // Sends a batch; returns how many frames were taken.
+  std::function<size_t(const std::vector<Frame> &)> send;
+  // Frames counted as taken that were refused after all (a server answers
+  // later); with `finish` it waits for the last answers.
+  std::function<size_t(bool finish)> refusedLater = [](bool) { return size_t{0}; };
+  // Throws the reason of a run that broke off.
+  std::function<void()> fail;
+};
+
+int generate(const GenPlan &plan, const GenOutlet &outlet) {
+  FrameGenerator generator(plan.spec, std::random_device{}());
   const bool live = isatty(STDERR_FILENO) != 0;
   const size_t maxBatch = 64;
   GenProgress progress;
   auto lastShown = Clock::now();
   bool broken = false;
+  auto countRefused = [&](bool finish) {
+    const size_t refused = outlet.refusedLater(finish);
+    progress.sent -= std::min<unsigned long long>(progress.sent, refused);
+    progress.failed += refused;
+    broken = broken || refused > 0;
+  };
   std::vector<Frame> batch;
-  while (!stopRequested() && (count == 0 || progress.sent + progress.failed < count)) {
+  while (!stopRequested() && !broken &&
+         (plan.count == 0 || progress.sent + progress.failed < plan.count)) {
     unsigned long long want = maxBatch;
-    if (rate != 0) {
-      want = framesDue(progress, rate);
+    if (plan.rate != 0) {
+      want = framesDue(progress, plan.rate);
       if (want == 0) {
         std::this_thread::sleep_for(std::chrono::microseconds(
-            std::clamp<long>(static_cast<long>(1000000 / rate), 50, 100000)));
+            std::clamp<long>(static_cast<long>(1000000 / plan.rate), 50, 100000)));
         continue;
       }
     }
-    if (count != 0)
-      want = std::min(want, count - progress.sent - progress.failed);
+    if (plan.count != 0)
+      want = std::min(want, plan.count - progress.sent - progress.failed);
     batch.clear();
     for (unsigned long long i = 0; i < std::min<unsigned long long>(want, maxBatch); ++i)
       batch.push_back(generator.next());
-    size_t n = device.send(target.channel, batch);
+    size_t n = outlet.send(batch);
     progress.sent += n;
     progress.failed += batch.size() - n;
-    if (n == 0) {
-      broken = true;
-      break;
-    }
+    broken = n == 0;
+    countRefused(false);
     if (live && msSince(lastShown) >= 200) {
       showProgress(progress);
       lastShown = Clock::now();
     }
   }
+  countRefused(true);
   if (live) {
     showProgress(progress);
     std::fputc('\n', stderr);
@@ -290,8 +402,50 @@ int runGen(Context &ctx, const Args &args) {
                progress.sent, progress.failed, progress.seconds(), progress.rate());
   std::fflush(out());
   if (broken)
-    device.fail("sending");
+    outlet.fail();
   return kExitOk;
+}
+
+int genRemote(const Args &args, const RemoteBus &remote) {
+  args.expectPositionals(1, 1);
+  rejectLocalOptions(args, {"--bitrate", "--dbitrate"});
+  const GenPlan plan = parseGenPlan(args);
+  net::Client client(remote.server, remote.bus);
+  std::string firstError;
+  GenOutlet outlet;
+  outlet.send = [&](const std::vector<Frame> &frames) {
+    client.send(frames);
+    return frames.size();
+  };
+  outlet.refusedLater = [&](bool finish) {
+    const std::vector<std::string> errors = finish ? client.sync() : client.takeErrors();
+    if (firstError.empty() && !errors.empty())
+      firstError = errors.front();
+    return errors.size();
+  };
+  outlet.fail = [&] { throw ToolError{"sending on " + client.describe() + ": " + firstError}; };
+  return generate(plan, outlet);
+}
+
+} // namespace
+
+int runGen(Context &ctx, const Args &args) {
+  if (std::optional<RemoteBus> remote = remoteBus(args))
+    return genRemote(args, *remote);
+  args.expectPositionals(3, 3);
+  Target target = parseTarget(args);
+  ChannelSettings settings = parseSettings(args);
+  const GenPlan plan = parseGenPlan(args);
+  checkChannelUse(checkedDeviceType(target.type), target.channel, settings);
+
+  DeviceSession device(ctx.runtime(), target.type, target.index);
+  device.startChannel(target.channel, settings);
+  GenOutlet outlet;
+  outlet.send = [&](const std::vector<Frame> &frames) {
+    return device.send(target.channel, frames);
+  };
+  outlet.fail = [&] { device.fail("sending"); };
+  return generate(plan, outlet);
 }
 
 } // namespace wcantool

@@ -37,10 +37,13 @@ const char kInfoUsage[] = "usage: wcan info TYPE INDEX\n"
 
 const char kDumpUsage[] =
     "usage: wcan dump TYPE INDEX CHANNEL [options]\n"
+    "       wcan dump --connect HOST[:PORT] BUS [options]\n"
     "\n"
     "Initialises and starts a channel and prints every received frame as a\n"
     "candump -L log line, e.g. (1700000000.123456) wcan41-0-1 123#DEADBEEF,\n"
-    "until Ctrl-C, --count or --timeout ends it.\n"
+    "until Ctrl-C, --count or --timeout ends it. With --connect the frames\n"
+    "come from bus BUS (e.g. wcan41-0-1) of a 'wcan serve' server (port 29536\n"
+    "unless given), with the server's time stamps and channel settings.\n"
     "\n"
     "Options:\n"
     "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
@@ -53,13 +56,15 @@ const char kDumpUsage[] =
     "  --log FILE       also write the lines to FILE\n"
     "  --tx CH:FRAME    once the channel runs, start channel CH of the same adapter\n"
     "                   alike and send FRAME on it (repeatable): a loopback test\n"
-    "                   through a cable between two ports, or the simulation\n";
+    "                   through a cable between two ports, or the simulation\n"
+    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
 
 const char kSendUsage[] =
     "usage: wcan send TYPE INDEX CHANNEL FRAME... [options]\n"
+    "       wcan send --connect HOST[:PORT] BUS FRAME...\n"
     "\n"
     "Initialises and starts a channel and sends the frames, given in cansend\n"
-    "syntax:\n"
+    "syntax, or sends them on bus BUS of a 'wcan serve' server:\n"
     "  123#DEADBEEF     standard id, up to 8 data bytes ('.' may separate bytes)\n"
     "  12345678#0102    extended id (8 hex digits)\n"
     "  123#R  123#R4    remote frame, optional length\n"
@@ -69,13 +74,16 @@ const char kSendUsage[] =
     "Options:\n"
     "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
     "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
-    "  --fd             open the channel for CAN FD even without CAN FD frames\n";
+    "  --fd             open the channel for CAN FD even without CAN FD frames\n"
+    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
 
 const char kGenUsage[] =
     "usage: wcan gen TYPE INDEX CHANNEL [options]\n"
+    "       wcan gen --connect HOST[:PORT] BUS [options]\n"
     "\n"
     "Sends generated frames until Ctrl-C or --count, showing the progress on a\n"
-    "terminal and a summary line at the end.\n"
+    "terminal and a summary line at the end; with --connect on bus BUS of a\n"
+    "'wcan serve' server.\n"
     "\n"
     "Options:\n"
     "  --count N        stop after N frames (default: run until Ctrl-C)\n"
@@ -86,7 +94,8 @@ const char kGenUsage[] =
     "  --id ID|r|i      fixed hex id, r random (default), i incrementing\n"
     "  --len N|r|i      fixed length, r random (default), i incrementing\n"
     "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
-    "  --dbitrate N     CAN FD data bit rate, default 2000000\n";
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
 
 const char kRecordUsage[] =
     "usage: wcan record TYPE INDEX CHANNEL ACTION [ARGS] [ACTION [ARGS]]...\n"
@@ -119,6 +128,27 @@ const char kDemoUsage[] =
     "  --rounds N       send the burst N times (default 1)\n"
     "  --quiet          do not print the received frames\n";
 
+const char kServeUsage[] =
+    "usage: wcan serve [options]\n"
+    "\n"
+    "Serves every channel of every attached adapter as a bus of the socketcand\n"
+    "text protocol, named wcan<TYPE>-<INDEX>-<CHANNEL> (wcan41-0-1). A client's\n"
+    "'< open BUS >' opens the adapter once for all clients and starts the\n"
+    "channel with the server's bit rates; it stops when its last client leaves\n"
+    "and the adapter closes with its last channel. Clients on one bus each get\n"
+    "every frame, the others' sent frames included. Runs until Ctrl-C or\n"
+    "SIGTERM. The protocol has no authentication: reach a remote server\n"
+    "through an SSH tunnel rather than with --bind.\n"
+    "\n"
+    "Options:\n"
+    "  --bind ADDR      listen on this IP address (default 127.0.0.1)\n"
+    "  --port N         TCP port (default 29536; 0 picks a free one)\n"
+    "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --fd             open the channels of CAN FD adapters for CAN FD\n"
+    "  --client-buffer N  bytes of output a client may leave unread before it\n"
+    "                   misses frames (default 1048576)\n";
+
 const std::vector<Command> &commands() {
   static const std::vector<Command> table = {
       {"list", "list the attached adapters", kListUsage, {}, runList},
@@ -133,12 +163,13 @@ const std::vector<Command> &commands() {
         {"--count", true},
         {"--timeout", true},
         {"--log", true},
-        {"--tx", true}},
+        {"--tx", true},
+        {"--connect", true}},
        runDump},
       {"send",
        "send frames given in cansend syntax",
        kSendUsage,
-       {{"--bitrate", true}, {"--dbitrate", true}, {"--fd", false}},
+       {{"--bitrate", true}, {"--dbitrate", true}, {"--fd", false}, {"--connect", true}},
        runSend},
       {"gen",
        "generate traffic",
@@ -151,9 +182,20 @@ const std::vector<Command> &commands() {
         {"--id", true},
         {"--len", true},
         {"--bitrate", true},
-        {"--dbitrate", true}},
+        {"--dbitrate", true},
+        {"--connect", true}},
        runGen},
       {"record", "configure a CAN recorder", kRecordUsage, {{"--id-type", true}}, runRecord},
+      {"serve",
+       "serve the adapters' channels over TCP",
+       kServeUsage,
+       {{"--bind", true},
+        {"--port", true},
+        {"--bitrate", true},
+        {"--dbitrate", true},
+        {"--fd", false},
+        {"--client-buffer", true}},
+       runServe},
       {"demo",
        "run the demonstration on simulated adapters",
        kDemoUsage,

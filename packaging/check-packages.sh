@@ -18,12 +18,12 @@ for deb in "$debs"/*.deb; do
   [ -f "$deb" ] || { echo "no .deb files in $debs" >&2; exit 1; }
   packages="$packages $(dpkg-deb -f "$deb" Package)"
 done
-cleanup() {
+purge() {
   # shellcheck disable=SC2086 # one word per package
   $sudo apt-get purge -y -qq $packages >/dev/null 2>&1 || true
-  rm -rf "$work"
 }
-trap cleanup EXIT
+trap 'purge; rm -rf "$work"' EXIT
+purge # left over from an interrupted run
 echo "packages:$packages"
 if [ -f "$src/python/CMakeLists.txt" ] && ! echo "$packages" | grep -qw python3-wcan; then
   echo "python/ installs a Python package but there is no python3-wcan package" >&2
@@ -44,6 +44,10 @@ echo "-- apt-get install"
 $sudo apt-get install -y -qq "$debs"/*.deb >/dev/null
 
 cd "$work"
+# A tree installed from source under /usr/local comes first on the paths.
+[ "$(command -v wcan)" = /usr/bin/wcan ] || { echo "wcan is $(command -v wcan), not the package's" >&2; exit 1; }
+[ "$(pkg-config --variable=pcfiledir wcan)" = "$(dirname "$(dpkg -L libwcan-dev | grep '/wcan\.pc$')")" ] ||
+  { echo "pkg-config finds $(pkg-config --path wcan), not the package's wcan.pc" >&2; exit 1; }
 echo "-- wcan --sim 41,4 demo"
 wcan --sim 41,4 demo --quiet 2>/dev/null
 wcan list >/dev/null 2>&1 || { wcan list; exit 1; }

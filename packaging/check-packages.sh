@@ -48,6 +48,16 @@ cd "$work"
 [ "$(command -v wcan)" = /usr/bin/wcan ] || { echo "wcan is $(command -v wcan), not the package's" >&2; exit 1; }
 [ "$(pkg-config --variable=pcfiledir wcan)" = "$(dirname "$(dpkg -L libwcan-dev | grep '/wcan\.pc$')")" ] ||
   { echo "pkg-config finds $(pkg-config --path wcan), not the package's wcan.pc" >&2; exit 1; }
+echo "-- one version"
+version=$(dpkg-query -W -f '${Version}' libwcan1)
+soname=$(objdump -p "$(pkg-config --variable=libdir wcan)/libwcan.so" | awk '/SONAME/ {print $2}')
+found="$(wcan --version), wcan.pc $(pkg-config --modversion wcan), $soname"
+expected="wcan $version, wcan.pc $version, libwcan.so.${version%%.*}"
+if echo "$packages" | grep -qw python3-wcan; then
+  found="$found, python $(/usr/bin/python3 -c 'import importlib.metadata as m; print(m.version("wcan"))')"
+  expected="$expected, python $version"
+fi
+[ "$found" = "$expected" ] || { echo "package $version, but $found" >&2; exit 1; }
 echo "-- wcan --sim 41,4 demo"
 wcan --sim 41,4 demo --quiet 2>/dev/null
 wcan list >/dev/null 2>&1 || { wcan list; exit 1; }

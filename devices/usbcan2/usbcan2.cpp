@@ -204,7 +204,7 @@ uint32_t usbcan2IsOpen(uint32_t type, uint32_t index) {
   if (!usbcan2DevParaIsValid(type, index, 0)) {
     return 0;
   }
-  return devInfoList[index].usbDev ? 1 : 0;
+  return usbcan2Device(&devInfoList[index]) ? 1 : 0;
 }
 
 // A channel beyond the table is never initialised.

@@ -26,6 +26,9 @@ public:
   uint16_t productId() const override { return productId_; }
   unsigned channelCount() const override { return kChannels; }
   EndpointShape endpointShape(uint8_t inEp) const override;
+  // The adapter reports its serial number only through the board-information
+  // command, never as a USB string.
+  bool hasUsbSerialNumber() const override { return false; }
 
   int onHostWrite(ModelHost &host, uint8_t ep, const uint8_t *data, size_t len) override;
   void onBusFrame(ModelHost &host, unsigned channel, const CanFrame &frame,

@@ -36,12 +36,26 @@ uint8_t nextBusAddress() {
   return static_cast<uint8_t>(1 + counter.fetch_add(1) % 127);
 }
 
+uint64_t nextReplugOrder() {
+  static std::atomic<uint64_t> counter{0};
+  return counter.fetch_add(1) + 1;
+}
+
+// Sixteen sockets per bus: root port 1 feeds a four-port hub, each of whose
+// ports feeds another four-port hub. Ids past 4,079 share sockets again.
+UsbSocket socketOf(AdapterId id) {
+  const auto n = static_cast<unsigned>(id);
+  return {static_cast<uint8_t>(1 + n / 16 % 255),
+          {1, static_cast<uint8_t>(1 + n / 4 % 4), static_cast<uint8_t>(1 + n % 4)}};
+}
+
 } // namespace
 
 Adapter::Adapter(AdapterId id, unsigned devType, std::unique_ptr<DeviceModel> model)
     : id_(id), devType_(devType), model_(std::move(model)), vendorId_(model_->vendorId()),
       productId_(model_->productId()),
       channelCount_(std::min<unsigned>(model_->channelCount(), kMaxChannels)),
+      hasUsbSerialNumber_(model_->hasUsbSerialNumber()), socket_(socketOf(id)),
       address_(nextBusAddress()), pluggedAt_(std::chrono::steady_clock::now()) {}
 
 uint32_t Adapter::deviceTimeUs() const {
@@ -215,6 +229,7 @@ void Adapter::replug() {
     return;
   generation_.fetch_add(1, std::memory_order_acq_rel);
   address_.store(nextBusAddress(), std::memory_order_release);
+  replugOrder_.store(nextReplugOrder(), std::memory_order_release);
   pluggedAt_ = std::chrono::steady_clock::now();
   clearQueues();
   model_->onReset();

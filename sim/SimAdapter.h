@@ -29,6 +29,13 @@ struct BusFrame {
 };
 using BusFrames = std::vector<BusFrame>;
 
+// Where an adapter is cabled into the host: its bus and the port path from
+// the root hub. An adapter keeps its socket across unplug and replug.
+struct UsbSocket {
+  uint8_t bus;
+  std::array<uint8_t, 3> ports;
+};
+
 class Adapter final : public ModelHost {
 public:
   Adapter(AdapterId id, unsigned devType, std::unique_ptr<DeviceModel> model);
@@ -38,6 +45,7 @@ public:
   uint16_t vendorId() const { return vendorId_; }
   uint16_t productId() const { return productId_; }
   unsigned channelCount() const { return channelCount_; }
+  bool hasUsbSerialNumber() const { return hasUsbSerialNumber_; }
 
   // Each plug-in is a new generation; handles of an older one keep failing.
   uint32_t generation() const { return generation_.load(std::memory_order_acquire); }
@@ -47,6 +55,10 @@ public:
   }
   // USB bus address, new at every plug-in as on a real bus.
   uint8_t address() const { return address_.load(std::memory_order_acquire); }
+  const UsbSocket &socket() const { return socket_; }
+  // 0 until the first replug, then rising with every replug of any adapter:
+  // the host lists the most recently attached device first.
+  uint64_t replugOrder() const { return replugOrder_.load(std::memory_order_acquire); }
 
   // ModelHost (called by the model with the lock held).
   uint32_t deviceTimeUs() const override;
@@ -101,12 +113,15 @@ private:
   const uint16_t vendorId_;
   const uint16_t productId_;
   const unsigned channelCount_;
+  const bool hasUsbSerialNumber_;
+  const UsbSocket socket_;
 
   mutable std::mutex mutex_;
   std::condition_variable dataOrGone_;
   std::atomic<uint32_t> generation_{1};
   std::atomic<bool> plugged_{true};
   std::atomic<uint8_t> address_{0};
+  std::atomic<uint64_t> replugOrder_{0};
   bool removed_ = false;
   bool silent_ = false;
   std::chrono::steady_clock::time_point pluggedAt_;

@@ -3,6 +3,7 @@
 // NULL default one) sees the same adapters.
 #include <libusb-1.0/libusb.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -196,7 +197,7 @@ int stringDescriptor(const Adapter &a, uint8_t index, unsigned char *data, uint1
       text = "wcan simulation";
     else if (index == 2)
       text = "Simulated CAN adapter type " + std::to_string(a.devType());
-    else if (index == kSerialStringIndex)
+    else if (index == kSerialStringIndex && a.hasUsbSerialNumber())
       text = serialNumberOf(a);
     else
       return LIBUSB_ERROR_PIPE;
@@ -224,7 +225,7 @@ void fillDeviceDescriptor(const Adapter &a, libusb_device_descriptor *desc) {
   desc->bcdDevice = 0x0100;
   desc->iManufacturer = 1;
   desc->iProduct = 2;
-  desc->iSerialNumber = kSerialStringIndex;
+  desc->iSerialNumber = a.hasUsbSerialNumber() ? kSerialStringIndex : 0;
   desc->bNumConfigurations = 1;
 }
 
@@ -295,7 +296,23 @@ int libusb_get_device_descriptor(libusb_device *dev, struct libusb_device_descri
   return LIBUSB_SUCCESS;
 }
 
-uint8_t libusb_get_bus_number(libusb_device *dev) { return dev != nullptr ? 1 : 0; }
+uint8_t libusb_get_bus_number(libusb_device *dev) {
+  return dev != nullptr ? dev->adapter->socket().bus : 0;
+}
+
+int libusb_get_port_numbers(libusb_device *dev, uint8_t *port_numbers, int port_numbers_len) {
+  if (dev == nullptr || port_numbers == nullptr || port_numbers_len <= 0)
+    return LIBUSB_ERROR_INVALID_PARAM;
+  const auto &ports = dev->adapter->socket().ports;
+  if (static_cast<size_t>(port_numbers_len) < ports.size())
+    return LIBUSB_ERROR_OVERFLOW;
+  std::copy(ports.begin(), ports.end(), port_numbers);
+  return static_cast<int>(ports.size());
+}
+
+uint8_t libusb_get_port_number(libusb_device *dev) {
+  return dev != nullptr ? dev->adapter->socket().ports.back() : 0;
+}
 
 uint8_t libusb_get_device_address(libusb_device *dev) { return dev != nullptr ? dev->address : 0; }
 

@@ -58,6 +58,8 @@ public:
   virtual uint16_t productId() const = 0;
   virtual unsigned channelCount() const = 0;
   virtual EndpointShape endpointShape(uint8_t inEp) const = 0;
+  // Whether the device descriptor names a serial number string.
+  virtual bool hasUsbSerialNumber() const { return true; }
 
   // The host wrote `len` bytes to OUT endpoint `ep`. Returns the number of
   // bytes accepted (normally len) or a negative libusb error.

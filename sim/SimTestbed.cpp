@@ -1,5 +1,6 @@
 #include "SimTestbed.h"
 
+#include <algorithm>
 #include <new>
 
 namespace wcansim {
@@ -61,6 +62,9 @@ std::vector<std::shared_ptr<Adapter>> Testbed::pluggedAdapters() const {
   for (const auto &a : adapters_)
     if (a->isPlugged())
       plugged.push_back(a);
+  std::stable_sort(plugged.begin(), plugged.end(), [](const auto &x, const auto &y) {
+    return x->replugOrder() > y->replugOrder();
+  });
   return plugged;
 }
 

@@ -20,7 +20,8 @@ public:
   void reset();
   AdapterId plugIn(unsigned devType);
   std::shared_ptr<Adapter> adapter(AdapterId id) const;
-  // Plugged adapters in the order they were first plugged in.
+  // Plugged adapters as the host lists them: the replugged ones first, most
+  // recent first, then the others in the order they were plugged in.
   std::vector<std::shared_ptr<Adapter>> pluggedAdapters() const;
   bool anyPlugged() const;
 

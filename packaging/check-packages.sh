@@ -1,0 +1,82 @@
+#!/bin/sh
+# Usage: packaging/check-packages.sh DIR
+#
+# Checks the Debian packages in DIR (made by cpack -G DEB) as a user meets
+# them: lintian, install with apt, use from outside the source tree (the tool
+# and its man page, README's example built with pkg-config, the python-can
+# interface), then purge, after which nothing of them may be left.
+# Needs root or sudo; the packages are purged again on any failure.
+set -eu
+src=$(cd "$(dirname "$0")/.." && pwd)
+debs=$(cd "$1" && pwd)
+if [ "$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+
+work=$(mktemp -d)
+packages=""
+for deb in "$debs"/*.deb; do
+  [ -f "$deb" ] || { echo "no .deb files in $debs" >&2; exit 1; }
+  packages="$packages $(dpkg-deb -f "$deb" Package)"
+done
+cleanup() {
+  # shellcheck disable=SC2086 # one word per package
+  $sudo apt-get purge -y -qq $packages >/dev/null 2>&1 || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+echo "packages:$packages"
+if [ -f "$src/python/CMakeLists.txt" ] && ! echo "$packages" | grep -qw python3-wcan; then
+  echo "python/ installs a Python package but there is no python3-wcan package" >&2
+  exit 1
+fi
+
+echo "-- lintian"
+lintian --fail-on error "$debs"/*.deb
+
+# Every path the packages hold, and which of them the system had before.
+for deb in "$debs"/*.deb; do
+  dpkg-deb --fsys-tarfile "$deb" | tar -t
+done | sed -e 's,^\./,/,' -e 's,/$,,' | grep -v '^$' | sort -u >"$work/paths"
+existing() { while read -r path; do [ ! -e "$path" ] && [ ! -L "$path" ] || echo "$path"; done; }
+existing <"$work/paths" >"$work/before"
+
+echo "-- apt-get install"
+$sudo apt-get install -y -qq "$debs"/*.deb >/dev/null
+
+cd "$work"
+echo "-- wcan --sim 41,4 demo"
+wcan --sim 41,4 demo --quiet 2>/dev/null
+wcan list >/dev/null 2>&1 || { wcan list; exit 1; }
+echo "-- man -w wcan: $(man -w wcan)"
+
+echo "-- README's example with pkg-config"
+awk '/^```c$/ {inside = 1; next} /^```$/ {if (inside) exit} inside' "$src/README.md" >example.c
+# shellcheck disable=SC2046 # pkg-config prints separate flags
+cc -std=c99 -Wall -Wextra -Werror example.c -o example $(pkg-config --cflags --libs wcan libusb-1.0)
+WCAN_SIM=41 LD_PRELOAD="$(pkg-config --variable=libdir wcan)/libwcan-sim.so" ./example
+
+if echo "$packages" | grep -qw python3-wcan; then
+  echo "-- python-can interface wcan"
+  WCAN_SIM=41 /usr/bin/python3 -c '
+import can
+with can.Bus(interface="wcan", channel="wcan41-0-0") as bus:
+    print("opened", bus.channel_info)
+'
+fi
+
+echo "-- apt-get purge"
+# shellcheck disable=SC2086 # one word per package
+$sudo apt-get purge -y -qq $packages >/dev/null
+for package in $packages; do
+  if dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qv not-installed; then
+    echo "$package is still known to dpkg after purge" >&2
+    exit 1
+  fi
+done
+existing <"$work/paths" | comm -13 "$work/before" - >"$work/left"
+if [ -s "$work/left" ]; then
+  echo "left behind after purge:" >&2
+  cat "$work/left" >&2
+  exit 1
+fi
+echo "packages: installed, used and removed without a trace"

@@ -316,13 +316,6 @@ uint8_t libusb_get_port_number(libusb_device *dev) {
 
 uint8_t libusb_get_device_address(libusb_device *dev) { return dev != nullptr ? dev->address : 0; }
 
-int libusb_get_port_numbers(libusb_device *dev, uint8_t *port_numbers, int port_numbers_len) {
-  if (dev == nullptr || port_numbers == nullptr || port_numbers_len < 1)
-    return LIBUSB_ERROR_INVALID_PARAM;
-  port_numbers[0] = static_cast<uint8_t>(dev->adapter->id() + 1);
-  return 1;
-}
-
 int libusb_open(libusb_device *dev, libusb_device_handle **dev_handle) {
   if (dev == nullptr || dev_handle == nullptr)
     return LIBUSB_ERROR_INVALID_PARAM;

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <array>
 
-#include "platform/DeviceTypes.h"
+// The library's own table, shared as a header.
+#include "../platform/DeviceTypes.h"
 
 namespace wcantool {
 namespace {

@@ -2,6 +2,8 @@
 // families (CAN FD adapter and recorder). The slot order is fixed.
 #pragma once
 
+#include <atomic>
+
 #include "wcan.h"
 
 class QDevice {
@@ -39,4 +41,12 @@ public:
   // Written by WCAN_OpenDevice after a successful openDevice; unset before.
   unsigned int devType = 0;
   unsigned int devIndex = 0;
+
+  // Set by WCAN_CloseDevice before it closes the driver: calls that still
+  // hold the object (on other threads) then answer "Device Not Opened!".
+  bool retired() const { return retired_.load(std::memory_order_acquire); }
+  void retire() { retired_.store(true, std::memory_order_release); }
+
+private:
+  std::atomic<bool> retired_{false};
 };

@@ -2,14 +2,23 @@
 // passes its arguments and result through unchanged. The only errors set
 // here are 6, 7, 8 and the 0 after a successful object open; everything else
 // comes from the drivers.
+//
+// Beyond that, every export is safe for a careless host: a null record or
+// buffer pointer is refused with "Parameter Error!" before anything runs, a
+// receive for no frames returns at once, opens and closes are serialised, and
+// a call racing a close of its device on another thread holds the driver
+// until it returns and then reports "Device Not Opened!".
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <type_traits>
 
 #include "api/DriverFactory.h"
 #include "api/QErrMgr.h"
 #include "api/QWCANDevMgr.h"
 #include "devices/usbcan2/usbcan2.h"
+#include "platform/DeviceTypes.h"
 #include "wcan.h"
 
 #define WCAN_EXPORT extern "C" __attribute__((visibility("default")))
@@ -19,32 +28,21 @@ namespace {
 enum class Family { ClassicCore, ClassicSilent, Fd, Recorder, Unsupported };
 
 Family familyOf(unsigned int type) {
-  switch (type) {
-  case 3:
-  case 4:
-    return Family::ClassicCore;
-  case 63:
-  case 68:
-  case 69:
-  case 70:
-  case 71:
-  case 72:
-  case 73:
-    return Family::ClassicSilent;
-  case 41:
-  case 42:
-  case 43:
-  case 64:
-  case 65:
-  case 66:
-  case 67:
-    return Family::Fd;
-  case 61:
-  case 62:
-    return Family::Recorder;
-  default:
+  const wcan::DeviceTypeInfo *entry = wcan::findDeviceType(type);
+  if (entry == nullptr) {
     return Family::Unsupported;
   }
+  switch (entry->family) {
+  case wcan::DeviceFamily::Classic:
+    return Family::ClassicCore;
+  case wcan::DeviceFamily::ClassicRefused:
+    return Family::ClassicSilent;
+  case wcan::DeviceFamily::CanFd:
+    return Family::Fd;
+  case wcan::DeviceFamily::Recorder:
+    return Family::Recorder;
+  }
+  return Family::Unsupported;
 }
 
 bool isObjectFamily(Family f) { return f == Family::Fd || f == Family::Recorder; }
@@ -55,13 +53,25 @@ int fail(int code) {
   return 0;
 }
 
+// Opens and closes never run side by side: two threads opening one adapter
+// must not both create a driver for it.
+std::mutex openClose;
+
+template <typename... Ptr> bool anyNull(Ptr... pointers) { return ((pointers == nullptr) || ...); }
+
 // Runs `call` on the registered driver, or fails with "Device Not Opened!".
+// The driver is held for the whole call; a failure of a driver closed
+// meanwhile is reported as "Device Not Opened!".
 template <typename Call> int withDevice(unsigned int type, unsigned int index, Call call) {
-  QDevice *device = wcanDevMgr.deviceFind(type, index);
-  if (device == nullptr) {
+  const std::shared_ptr<QDevice> device = wcanDevMgr.deviceRef(type, index);
+  if (!device || device->retired()) {
     return fail(WCAN_ERR_DEVICE_NOT_OPENED);
   }
-  return call(*device);
+  const int result = call(*device);
+  if (result == 0 && device->retired()) {
+    setLastError(WCAN_ERR_DEVICE_NOT_OPENED);
+  }
+  return result;
 }
 
 // The same for the record calls, which leave the last error alone when
@@ -70,8 +80,8 @@ template <typename Call> int withRecorderQuiet(unsigned int type, unsigned int i
   if (familyOf(type) != Family::Recorder) {
     return 0;
   }
-  QDevice *device = wcanDevMgr.deviceFind(type, index);
-  return device == nullptr ? 0 : call(*device);
+  const std::shared_ptr<QDevice> device = wcanDevMgr.deviceRef(type, index);
+  return !device || device->retired() ? 0 : call(*device);
 }
 
 // Fd-only operations: classic, recorder and unknown types are unsupported.
@@ -93,7 +103,7 @@ std::unique_ptr<QDevice> makeDriver(Family family) {
 }
 
 int openObjectDevice(unsigned int type, unsigned int index) {
-  if (wcanDevMgr.deviceFind(type, index) != nullptr) {
+  if (wcanDevMgr.deviceRef(type, index) != nullptr) {
     return 1;
   }
   std::unique_ptr<QDevice> driver = makeDriver(familyOf(type));
@@ -105,25 +115,58 @@ int openObjectDevice(unsigned int type, unsigned int index) {
   }
   driver->devType = type;
   driver->devIndex = index;
-  // The registry does not own drivers; WCAN_CloseDevice takes this one back.
-  wcanDevMgr.deviceAdd(type, index, driver.release());
+  wcanDevMgr.deviceAdd(type, index, std::shared_ptr<QDevice>(std::move(driver)));
   setLastError(WCAN_ERR_OK);
   return 1;
 }
 
+// The driver goes when the last call still using it returns.
 int closeObjectDevice(unsigned int type, unsigned int index) {
-  std::unique_ptr<QDevice> driver(wcanDevMgr.deviceFind(type, index));
+  const std::shared_ptr<QDevice> driver = wcanDevMgr.deviceRef(type, index);
   if (!driver) {
     return 1;
   }
+  driver->retire();
   const int result = driver->closeDevice();
   wcanDevMgr.deviceDel(type, index);
   return result;
 }
 
+// Receives into the caller's records; asking for no frames returns at once.
+template <typename Obj>
+int receiveInto(QDevice &device, unsigned int channel, Obj *objs, unsigned int count,
+                int waitTime) {
+  if (count == 0) {
+    return 0;
+  }
+  if (anyNull(objs)) {
+    return fail(WCAN_ERR_PARAMETER);
+  }
+  if constexpr (std::is_same_v<Obj, _WCAN_CANFD_OBJ>) {
+    return device.receiveFD(channel, objs, count, waitTime);
+  } else {
+    return device.receive(channel, objs, count, waitTime);
+  }
+}
+
+// Which record each recorder command writes or reads.
+bool recordCommandLacksItsRecord(unsigned int cmd, const _WCAN_FLITER_INFO *info,
+                                 const _WCAN_FLITER_CONFIG *config) {
+  switch (cmd) {
+  case WCAN_RECORD_FILTER_ADD:
+  case WCAN_RECORD_FILTER_SETTING_GET:
+    return config == nullptr;
+  case WCAN_RECORD_FILTER_INFO_GET:
+    return info == nullptr;
+  default:
+    return false;
+  }
+}
+
 } // namespace
 
 WCAN_EXPORT int WCAN_OpenDevice(unsigned int devType, unsigned int devIndex) {
+  std::lock_guard<std::mutex> serialised(openClose);
   const Family family = familyOf(devType);
   if (isClassic(family)) {
     return static_cast<int>(usbcan2OpenDevice(devType, devIndex, 0));
@@ -135,6 +178,7 @@ WCAN_EXPORT int WCAN_OpenDevice(unsigned int devType, unsigned int devIndex) {
 }
 
 WCAN_EXPORT int WCAN_CloseDevice(unsigned int devType, unsigned int devIndex) {
+  std::lock_guard<std::mutex> serialised(openClose);
   const Family family = familyOf(devType);
   if (isClassic(family)) {
     return static_cast<int>(usbcan2CloseDevice(devType, devIndex));
@@ -148,6 +192,9 @@ WCAN_EXPORT int WCAN_CloseDevice(unsigned int devType, unsigned int devIndex) {
 WCAN_EXPORT int WCAN_BoardInfoGet(unsigned int devType, unsigned int devIndex,
                                   _WCAN_BOARD_INFO *pInfo) {
   const Family family = familyOf(devType);
+  if ((family == Family::ClassicCore || isObjectFamily(family)) && anyNull(pInfo)) {
+    return fail(WCAN_ERR_PARAMETER);
+  }
   if (family == Family::ClassicCore) {
     return static_cast<int>(usbcan2ReadBoardInfo(devType, devIndex, pInfo));
   }
@@ -164,8 +211,8 @@ WCAN_EXPORT int WCAN_ClearBuffer(unsigned int devType, unsigned int devIndex,
     return static_cast<int>(usbcan2ClearBuffer(devType, devIndex, channel));
   }
   if (family == Family::Fd) {
-    QDevice *device = wcanDevMgr.deviceFind(devType, devIndex);
-    return device == nullptr ? 0 : device->clearBuffer(channel);
+    const std::shared_ptr<QDevice> device = wcanDevMgr.deviceRef(devType, devIndex);
+    return !device || device->retired() ? 0 : device->clearBuffer(channel);
   }
   return fail(WCAN_ERR_DEVICE_TYPE_NOT_SUPPORTED);
 }
@@ -173,6 +220,9 @@ WCAN_EXPORT int WCAN_ClearBuffer(unsigned int devType, unsigned int devIndex,
 WCAN_EXPORT int WCAN_DataDirectTransfer(unsigned int devType, unsigned int devIndex,
                                         unsigned char *pData, int dataLen) {
   const Family family = familyOf(devType);
+  if ((family == Family::ClassicCore || isObjectFamily(family)) && anyNull(pData)) {
+    return fail(WCAN_ERR_PARAMETER);
+  }
   if (family == Family::ClassicCore) {
     return usbcan2DevDataTransfer(devType, devIndex, pData, dataLen);
   }
@@ -186,7 +236,9 @@ WCAN_EXPORT int WCAN_DataDirectTransfer(unsigned int devType, unsigned int devIn
 
 WCAN_EXPORT int WCAN_SetFliter(unsigned int devType, unsigned int devIndex, unsigned int channel,
                                _WCAN_FLITER_CONFIG *pConfig) {
-  return fdOnly(devType, devIndex, [&](QDevice &d) { return d.setFliter(channel, pConfig); });
+  return fdOnly(devType, devIndex, [&](QDevice &d) {
+    return anyNull(pConfig) ? fail(WCAN_ERR_PARAMETER) : d.setFliter(channel, pConfig);
+  });
 }
 
 WCAN_EXPORT int WCAN_GetReceiveNum(unsigned int devType, unsigned int devIndex,
@@ -203,6 +255,9 @@ WCAN_EXPORT int WCAN_InitCAN(unsigned int devType, unsigned int devIndex, unsign
   // The channel is started even when its initialisation failed; the result
   // is the initialisation's.
   return classicCoreOnly(devType, [&] {
+    if (anyNull(pConfig)) {
+      return fail(WCAN_ERR_PARAMETER);
+    }
     const int result = usbcan2InitCAN(devType, devIndex, channel, pConfig);
     usbcan2StartCAN(devType, devIndex, channel);
     return result;
@@ -241,17 +296,18 @@ WCAN_EXPORT int WCAN_Receive(unsigned int devType, unsigned int devIndex, unsign
     return 0;
   }
   if (family == Family::ClassicCore) {
-    return count == 0 ? fail(WCAN_ERR_PARAMETER)
-                      : usbcan2Receive(devType, devIndex, channel, pObjs, count, waitTime);
+    return count == 0 || anyNull(pObjs)
+               ? fail(WCAN_ERR_PARAMETER)
+               : usbcan2Receive(devType, devIndex, channel, pObjs, count, waitTime);
   }
   return fdOnly(devType, devIndex,
-                [&](QDevice &d) { return d.receive(channel, pObjs, count, waitTime); });
+                [&](QDevice &d) { return receiveInto(d, channel, pObjs, count, waitTime); });
 }
 
 WCAN_EXPORT int WCAN_ReceiveFD(unsigned int devType, unsigned int devIndex, unsigned int channel,
                                _WCAN_CANFD_OBJ *pObjs, unsigned int count, int waitTime) {
   return fdOnly(devType, devIndex,
-                [&](QDevice &d) { return d.receiveFD(channel, pObjs, count, waitTime); });
+                [&](QDevice &d) { return receiveInto(d, channel, pObjs, count, waitTime); });
 }
 
 WCAN_EXPORT int WCAN_Transmit(unsigned int devType, unsigned int devIndex, unsigned int channel,
@@ -261,15 +317,22 @@ WCAN_EXPORT int WCAN_Transmit(unsigned int devType, unsigned int devIndex, unsig
     return 0;
   }
   if (family == Family::ClassicCore) {
-    return count == 0 ? fail(WCAN_ERR_PARAMETER)
-                      : static_cast<int>(usbcan2Transmit(devType, devIndex, channel, pObjs, count));
+    return count == 0 || anyNull(pObjs)
+               ? fail(WCAN_ERR_PARAMETER)
+               : static_cast<int>(usbcan2Transmit(devType, devIndex, channel, pObjs, count));
   }
-  return fdOnly(devType, devIndex, [&](QDevice &d) { return d.transmit(channel, pObjs, count); });
+  return fdOnly(devType, devIndex, [&](QDevice &d) {
+    return count != 0 && anyNull(pObjs) ? fail(WCAN_ERR_PARAMETER)
+                                        : d.transmit(channel, pObjs, count);
+  });
 }
 
 WCAN_EXPORT int WCAN_TransmitFD(unsigned int devType, unsigned int devIndex, unsigned int channel,
                                 _WCAN_CANFD_OBJ *pObjs, unsigned int count) {
-  return fdOnly(devType, devIndex, [&](QDevice &d) { return d.transmitFD(channel, pObjs, count); });
+  return fdOnly(devType, devIndex, [&](QDevice &d) {
+    return count != 0 && anyNull(pObjs) ? fail(WCAN_ERR_PARAMETER)
+                                        : d.transmitFD(channel, pObjs, count);
+  });
 }
 
 WCAN_EXPORT int WCAN_RecordSettingSet(unsigned int devType, unsigned int devIndex,
@@ -277,12 +340,18 @@ WCAN_EXPORT int WCAN_RecordSettingSet(unsigned int devType, unsigned int devInde
   if (familyOf(devType) != Family::Recorder) {
     return 0;
   }
+  if (anyNull(pConfig)) {
+    return fail(WCAN_ERR_PARAMETER);
+  }
   return withDevice(devType, devIndex,
                     [&](QDevice &d) { return d.RecordSettingSet(channel, pConfig); });
 }
 
 WCAN_EXPORT int WCAN_RecordSettingGet(unsigned int devType, unsigned int devIndex,
                                       unsigned int channel, _WCAN_RECORD_CONFIG *pConfig) {
+  if (familyOf(devType) == Family::Recorder && anyNull(pConfig)) {
+    return fail(WCAN_ERR_PARAMETER);
+  }
   return withRecorderQuiet(devType, devIndex,
                            [&](QDevice &d) { return d.RecordSettingGet(channel, pConfig); });
 }
@@ -291,6 +360,10 @@ WCAN_EXPORT int WCAN_RecordCmdExecute(unsigned int devType, unsigned int devInde
                                       unsigned int channel, unsigned int cmd,
                                       _WCAN_FLITER_INFO *pFliterInfo,
                                       _WCAN_FLITER_CONFIG *pFliterConfig) {
+  if (familyOf(devType) == Family::Recorder &&
+      recordCommandLacksItsRecord(cmd, pFliterInfo, pFliterConfig)) {
+    return fail(WCAN_ERR_PARAMETER);
+  }
   return withRecorderQuiet(devType, devIndex, [&](QDevice &d) {
     return d.RecordCmdExecute(channel, cmd, pFliterInfo, pFliterConfig);
   });
@@ -348,16 +421,21 @@ WCAN_EXPORT int WCAN_DevRelayStatusSet(unsigned int devType, unsigned int devInd
 
 WCAN_EXPORT int WCAN_DevRelayStatusGet(unsigned int devType, unsigned int devIndex,
                                        unsigned char *pValue0, unsigned char *pValue1) {
-  return classicCoreOnly(
-      devType, [&] { return usbcan2DevRelayStatusGet(devType, devIndex, pValue0, pValue1); });
+  return classicCoreOnly(devType, [&] {
+    return anyNull(pValue0, pValue1)
+               ? fail(WCAN_ERR_PARAMETER)
+               : usbcan2DevRelayStatusGet(devType, devIndex, pValue0, pValue1);
+  });
 }
 
 WCAN_EXPORT int WCAN_DevBaudParaGet(unsigned int devType, unsigned int devIndex,
                                     unsigned int channel, unsigned char *pValue0,
                                     unsigned char *pValue1) {
   return classicCoreOnly(devType, [&] {
-    return usbcan2DevBaudParaGet(devType, devIndex, static_cast<uint8_t>(channel), pValue0,
-                                 pValue1);
+    return anyNull(pValue0, pValue1)
+               ? fail(WCAN_ERR_PARAMETER)
+               : usbcan2DevBaudParaGet(devType, devIndex, static_cast<uint8_t>(channel), pValue0,
+                                       pValue1);
   });
 }
 
@@ -365,8 +443,10 @@ WCAN_EXPORT int WCAN_DevChStateGet(unsigned int devType, unsigned int devIndex,
                                    unsigned int channel, unsigned char *pValue0,
                                    unsigned char *pValue1, unsigned char *pValue2) {
   return classicCoreOnly(devType, [&] {
-    return usbcan2DevChStateGet(devType, devIndex, static_cast<uint8_t>(channel), pValue0, pValue1,
-                                pValue2);
+    return anyNull(pValue0, pValue1, pValue2)
+               ? fail(WCAN_ERR_PARAMETER)
+               : usbcan2DevChStateGet(devType, devIndex, static_cast<uint8_t>(channel), pValue0,
+                                      pValue1, pValue2);
   });
 }
 

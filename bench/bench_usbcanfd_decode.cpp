@@ -5,8 +5,8 @@
 
 #include <vector>
 
-#include "devices/usbcanfd/UsbCanFdRxQueues.h"
 #include "devices/usbcanfd/UsbCanFdWire.h"
+#include "platform/FrameQueues.h"
 
 using namespace usbcanfd;
 
@@ -40,7 +40,7 @@ std::vector<uint8_t> makeStream(bool fd, size_t frames) {
   return stream;
 }
 
-void drain(RxQueues &queues) {
+void drain(FrameQueues &queues) {
   for (unsigned ch = 0; ch < kChannelSlots; ++ch) {
     queues.clear(ch);
   }
@@ -49,13 +49,13 @@ void drain(RxQueues &queues) {
 void BM_ReceiveStream(benchmark::State &state, bool fd) {
   const std::vector<uint8_t> stream = makeStream(fd, 2000);
   const size_t recordsPerStream = 2000 * kMaxBatch;
-  RxQueues queues;
+  FrameQueues queues(kChannelSlots);
   StreamAssembler assembler;
   size_t records = 0;
   for (auto _ : state) {
     for (size_t pos = 0; pos < stream.size(); pos += kStreamBufferLen) {
       const size_t n = std::min(kStreamBufferLen, stream.size() - pos);
-      RxQueues::Producer producer(queues);
+      FrameQueues::Producer producer(queues);
       assembler.feed(stream.data() + pos, n, producer);
     }
     records += recordsPerStream;
@@ -73,14 +73,14 @@ void BM_ReceiveClassic(benchmark::State &state) { BM_ReceiveStream(state, false)
 // The consumer side: moving queued records out to the caller in batches.
 void BM_TakeCanFd(benchmark::State &state) {
   const std::vector<uint8_t> stream = makeStream(true, 200);
-  RxQueues queues;
+  FrameQueues queues(kChannelSlots);
   StreamAssembler assembler;
   std::vector<_WCAN_CANFD_OBJ> out(256);
   size_t records = 0;
   for (auto _ : state) {
     state.PauseTiming();
     {
-      RxQueues::Producer producer(queues);
+      FrameQueues::Producer producer(queues);
       assembler.feed(stream.data(), stream.size(), producer);
     }
     state.ResumeTiming();

@@ -5,6 +5,23 @@
  * calls. The reason for a failure is read with WCAN_GetLastError() or
  * WCAN_GetLastErrorStr(). The record layouts below are part of the binary
  * interface: little-endian, natural alignment, no packing.
+ *
+ * Safe use from several threads:
+ * - A null record or buffer pointer is refused: the call returns 0 and the
+ *   last error is 8 ("Parameter Error!"). Nothing is sent or lost.
+ * - WCAN_Receive and WCAN_ReceiveFD with a count of 0 return 0 at once; a
+ *   waitTime of -1 waits without limit, 0 does not wait.
+ * - WCAN_CloseDevice returns promptly and wakes every thread blocked in a
+ *   receive on that adapter; the receive returns what was queued, or 0. A
+ *   call racing a close of its adapter on another thread either completes
+ *   or fails with last error 7 ("Device Not Opened!").
+ * - One adapter is opened once per process. Opening it again under another
+ *   type number or index (types 41, 42 and 43 share USB ids) fails with last
+ *   error 8; opening the same type and index again succeeds and changes
+ *   nothing.
+ * - An adapter that drops off the USB bus is reopened by the library (the
+ *   same adapter, found by its serial number or its USB port) and its
+ *   running channels are started again.
  */
 #ifndef WCAN_H
 #define WCAN_H
@@ -159,6 +176,9 @@ int WCAN_OpenDevice(unsigned int devType, unsigned int devIndex);
 int WCAN_CloseDevice(unsigned int devType, unsigned int devIndex);
 int WCAN_BoardInfoGet(unsigned int devType, unsigned int devIndex, _WCAN_BOARD_INFO *pInfo);
 int WCAN_ClearBuffer(unsigned int devType, unsigned int devIndex, unsigned int channel);
+/* Sends up to 62 bytes of pData as a raw command and copies the adapter's
+ * reply payload over pData, which must therefore hold 62 bytes whatever
+ * dataLen is. Returns the length of the reply payload, 0 on failure. */
 int WCAN_DataDirectTransfer(unsigned int devType, unsigned int devIndex, unsigned char *pData,
                             int dataLen);
 int WCAN_SetFliter(unsigned int devType, unsigned int devIndex, unsigned int channel,

@@ -3,17 +3,36 @@
 #include <algorithm>
 #include <array>
 
+// The library's own table, shared as a header.
+#include "../platform/DeviceTypes.h"
+
 namespace wcantool {
 namespace {
 
-const std::vector<DeviceType> kDeviceTypes = {
-    {41, Family::CanFd, 0x3068, 0x0009, 2},    {42, Family::CanFd, 0x3068, 0x0009, 2},
-    {43, Family::CanFd, 0x3068, 0x0009, 2},    {64, Family::CanFd, 0x0471, 0x3014, 4},
-    {65, Family::CanFd, 0x0471, 0x2014, 4},    {66, Family::CanFd, 0x0471, 0x2018, 8},
-    {67, Family::CanFd, 0x0471, 0x3018, 8},    {3, Family::Classic, 0x0471, 0x1200, 2},
-    {4, Family::Classic, 0x0471, 0x1200, 2},   {61, Family::Recorder, 0x0471, 0x2601, 2},
-    {62, Family::Recorder, 0x0471, 0x2602, 2},
-};
+Family familyOf(wcan::DeviceFamily family) {
+  switch (family) {
+  case wcan::DeviceFamily::CanFd:
+    return Family::CanFd;
+  case wcan::DeviceFamily::Recorder:
+    return Family::Recorder;
+  default:
+    return Family::Classic;
+  }
+}
+
+// The library's device table, less the type numbers it routes but refuses.
+std::vector<DeviceType> supportedTypes() {
+  std::vector<DeviceType> types;
+  for (const wcan::DeviceTypeInfo &entry : wcan::kDeviceTypes) {
+    if (entry.family != wcan::DeviceFamily::ClassicRefused) {
+      types.push_back(
+          {entry.type, familyOf(entry.family), entry.vendorId, entry.productId, entry.channels});
+    }
+  }
+  return types;
+}
+
+const std::vector<DeviceType> kDeviceTypes = supportedTypes();
 
 struct ClassicRate {
   unsigned bitRate;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/ByteOrder.h"
+#include "platform/DeviceTypes.h"
 #include "wcan.h"
 
 namespace canrecord {
@@ -54,19 +55,13 @@ struct UsbIdentity {
   uint16_t productId;
 };
 
-constexpr std::array<UsbIdentity, 2> kUsbIdentities{{
-    {61, 0x0471, 0x2601},
-    {62, 0x0471, 0x2602},
-}};
-
-// Ids 0/0 for a type the table does not know.
+// From the library's device table; ids 0/0 for a type that is no recorder.
 constexpr UsbIdentity usbIdentityFor(unsigned devType) {
-  for (const UsbIdentity &identity : kUsbIdentities) {
-    if (identity.devType == devType) {
-      return identity;
-    }
+  const wcan::DeviceTypeInfo *entry = wcan::findDeviceType(devType);
+  if (entry == nullptr || entry->family != wcan::DeviceFamily::Recorder) {
+    return {devType, 0, 0};
   }
-  return {devType, 0, 0};
+  return {devType, entry->vendorId, entry->productId};
 }
 
 using wcan::ByteReader;

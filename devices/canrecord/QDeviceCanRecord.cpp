@@ -31,8 +31,12 @@ int QDeviceCanRecord::openDevice(unsigned int devType, unsigned int devIndex, un
   }
   deviceIndex = devIndex;
   const UsbIdentity identity = usbIdentityFor(devType);
-  if (usb.OpenUSBDevice(identity.vendorId, identity.productId, static_cast<int>(deviceIndex)) !=
-      1) {
+  const int result = usb.OpenUSBDevice(identity.vendorId, identity.productId, deviceIndex);
+  if (result != 1) {
+    // An adapter this process already holds is not opened a second time.
+    if (result == QUserLibUsb::kOpenedElsewhere) {
+      setLastError(WCAN_ERR_PARAMETER);
+    }
     return 0;
   }
   opened = 1;

@@ -6,16 +6,17 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 
+#include "devices/usbcan2/Usbcan2Wire.h"
+#include "platform/AdapterWorker.h"
+#include "platform/FrameQueues.h"
 #include "platform/QUserLibUsb.h"
 #include "wcan.h"
 
 // A pthread mutex, recursive with priority inheritance, usable both with
-// QUserMutex and with the standard lock and condition-variable templates.
+// QUserMutex and with the standard lock templates.
 class Usbcan2Mutex {
 public:
   Usbcan2Mutex();
@@ -30,35 +31,42 @@ private:
   pthread_mutex_t mutex_;
 };
 
-inline constexpr uint32_t kLinkFaulted = 0xFFFFFFFF;
-
-struct devInfo {
-  pthread_t threadId{};
-  bool threadRunning = false; // whether threadId names a worker
-  std::atomic<uint8_t> threadStopReq{0};
-  std::atomic<uint8_t> threadExited{0};
-  Usbcan2Mutex threadMutex; // stop/exit flags, the worker's look at usbDev, savedInit
-  std::condition_variable_any threadExitCond;
-  Usbcan2Mutex rxMutex; // both receive queues
-  std::condition_variable_any rxCond;
-  Usbcan2Mutex cmdMutex; // serialises usbCmdSend
+// One record of the table: the device open under that index, its worker
+// thread (the receive side and link recovery, which it runs through the
+// AdapterDuties below) and its queues.
+struct devInfo final : AdapterDuties {
+  AdapterWorker worker{"DRV Tip:USBCAN OK..."};
+  Usbcan2Mutex threadMutex; // usbDev and savedInit
+  Usbcan2Mutex cmdMutex;    // serialises usbCmdSend
   std::atomic<uint32_t> chInit[2] = {{0}, {0}};
-  std::deque<_WCAN_CAN_OBJ> rxQueue[2];
+  FrameQueues rxQueue{2};
   std::atomic<uint32_t> cmdFailed{0};
-  std::unique_ptr<QUserLibUsb> usbDev;
+  // Shared with every call working on the device, so a close on another
+  // thread never frees it under a transfer.
+  std::shared_ptr<QUserLibUsb> usbDev;
   uint32_t devIndex = 0;
   _WCAN_INIT_CONFIG savedInit[2] = {};
-  std::atomic<uint32_t> linkFault{0};
-  std::atomic<uint32_t> faultTime{0};
   std::atomic<uint8_t> txAckMode{1};
-  std::atomic<uint8_t> cmdIdle{1};
+  std::atomic<int> exchangesInFlight{0};
+  // The worker's reassembly of the receive stream, new at every open.
+  std::unique_ptr<usbcan2wire::RxReassembler> reassembler;
+
+  bool linkFaulted() const { return worker.recovery().faulted(); }
+
+  // AdapterDuties, run by the worker.
+  bool commandIdle() const override {
+    return exchangesInFlight.load(std::memory_order_relaxed) == 0;
+  }
+  bool anyChannelInitialised() const override { return chInit[0] != 0 || chInit[1] != 0; }
+  bool replayChannels() override;
+  void readOnce(QUserThreadObj &thread) override;
 };
 
 devInfo &usbcan2Record(uint32_t index);
-// The record's device, read under threadMutex; null while closed.
-QUserLibUsb *usbcan2Device(devInfo *info);
+// The record's device, taken under threadMutex; null while closed.
+std::shared_ptr<QUserLibUsb> usbcan2Device(devInfo *info);
 // Takes the device out of the record: from then on it counts as closed.
-std::unique_ptr<QUserLibUsb> usbcan2DetachDevice(devInfo *info);
+std::shared_ptr<QUserLibUsb> usbcan2DetachDevice(devInfo *info);
 
 uint32_t usbcan2Init();
 uint32_t usbcan2Exit();
@@ -80,9 +88,8 @@ uint32_t usbcan2CmdInitSend(uint32_t type, uint32_t index, uint32_t channel,
                             const _WCAN_INIT_CONFIG *config, bool direct);
 int32_t usbcan2Start(uint32_t type, uint32_t index, uint32_t channel, bool direct);
 
-void usbcan2ThreadStart(devInfo *info);
+void usbcan2ThreadStart(devInfo *info, QUserLibUsb &dev);
 void usbcan2ThreadStop(devInfo *info);
-void *usbcan2ThreadMainLoop(void *arg);
 void usbcan2FaultTimeHandle(devInfo *info);
 
 int usbcan2DevRelayStatusSetExcute(devInfo *info, uint8_t relay1, uint8_t relay2);

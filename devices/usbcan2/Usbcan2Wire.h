@@ -9,11 +9,13 @@
 #include <optional>
 
 #include "platform/ByteOrder.h"
+#include "platform/DeviceTypes.h"
 #include "wcan.h"
 
 namespace usbcan2wire {
 
-// Everything that identifies the family and sizes its tables.
+// Everything that identifies the family and sizes its tables; the USB
+// identity and channel count come from the library's device table.
 struct FamilyTraits {
   uint32_t types[2];
   uint16_t vendorId;
@@ -21,10 +23,14 @@ struct FamilyTraits {
   uint32_t channelCount;
   uint32_t tableSize;
 };
-inline constexpr FamilyTraits kFamily{{3, 4}, 0x0471, 0x1200, 2, 32};
+inline constexpr FamilyTraits kFamily{{3, 4},
+                                      wcan::findDeviceType(3)->vendorId,
+                                      wcan::findDeviceType(3)->productId,
+                                      wcan::findDeviceType(3)->channels,
+                                      32};
 
 constexpr bool isFamilyType(uint32_t type) {
-  return type == kFamily.types[0] || type == kFamily.types[1];
+  return wcan::isFamily(type, wcan::DeviceFamily::Classic);
 }
 
 inline constexpr uint8_t kCmdOutEp = 0x01;

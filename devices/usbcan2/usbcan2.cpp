@@ -55,10 +55,12 @@ void paceAttempt(uint32_t attemptStart, uint32_t loopStart, uint32_t budgetUs) {
 }
 
 // The write-then-read exchange shared by the locked and the direct command
-// paths; the whole pair is repeated until a reply comes or time runs out.
+// paths; the whole pair is repeated until a reply comes or time runs out. A
+// read never waits past the budget, and a vanished device ends the exchange
+// at once (its handle never works again).
 int32_t commandExchange(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply, int *replyLen,
                         uint8_t outEp, uint8_t inEp, uint32_t timeoutMs, AttemptTimeouts attempt) {
-  QUserLibUsb *dev = usbcan2Device(info);
+  const std::shared_ptr<QUserLibUsb> dev = usbcan2Device(info);
   if (timeoutMs == 0) {
     const int written = dev ? dev->WriteUSBDevice(cmd, cmdLen, outEp, kSingleWriteMs) : -1;
     return written > 0 ? 0 : -1;
@@ -69,15 +71,22 @@ int32_t commandExchange(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply,
   do {
     const uint32_t attemptStart = getCurMicroSec();
     const int written = dev ? dev->WriteUSBDevice(cmd, cmdLen, outEp, attempt.writeMs) : -1;
+    int failure = written;
     if (written > 0) {
-      const int got = dev->ReadUSBDevice(reply, *replyLen, inEp, attempt.readMs);
+      const uint32_t leftMs = (budgetUs - std::min(budgetUs, getLapseMicroSec(start))) / 1000u;
+      const int got =
+          dev->ReadUSBDevice(reply, *replyLen, inEp, std::clamp(leftMs, 1u, attempt.readMs));
       if (got > 0) {
         *replyLen = got;
         return 0;
       }
       result = -2;
+      failure = got;
     } else {
       result = -1;
+    }
+    if (!dev || failure == LIBUSB_ERROR_NO_DEVICE) {
+      break;
     }
     paceAttempt(attemptStart, start, budgetUs);
   } while (getLapseMicroSec(start) < budgetUs);
@@ -86,13 +95,13 @@ int32_t commandExchange(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply,
 }
 
 // Marks a transfer in progress for the worker, which runs fault handling
-// only between transfers.
+// only while none is.
 class BusyMark {
 public:
   explicit BusyMark(devInfo *info) : info_(info) {
-    info_->cmdIdle.store(0, std::memory_order_relaxed);
+    info_->exchangesInFlight.fetch_add(1, std::memory_order_relaxed);
   }
-  ~BusyMark() { info_->cmdIdle.store(1, std::memory_order_relaxed); }
+  ~BusyMark() { info_->exchangesInFlight.fetch_sub(1, std::memory_order_relaxed); }
   BusyMark(const BusyMark &) = delete;
   BusyMark &operator=(const BusyMark &) = delete;
 
@@ -101,15 +110,10 @@ private:
 };
 
 void resetRecord(devInfo &info, uint32_t index) {
-  info.threadRunning = false;
-  info.threadId = pthread_t{};
   info.usbDev.reset();
   info.cmdFailed = 0;
   info.devIndex = index;
-  info.threadStopReq = 0;
-  info.threadExited = 0;
   info.txAckMode = 1;
-  info.cmdIdle = 1;
   info.chInit[0] = 0;
   info.chInit[1] = 0;
 }
@@ -157,9 +161,9 @@ int32_t query(devInfo *info, Code code, uint8_t (&reply)[100], int &len) {
 
 devInfo &usbcan2Record(uint32_t index) { return devInfoList[index]; }
 
-QUserLibUsb *usbcan2Device(devInfo *info) {
+std::shared_ptr<QUserLibUsb> usbcan2Device(devInfo *info) {
   QUserMutex guard(info->threadMutex.native());
-  return info->usbDev.get();
+  return info->usbDev;
 }
 
 uint32_t usbcan2Init() {
@@ -173,12 +177,10 @@ uint32_t usbcan2Init() {
 // here all the same, so its device is not released under it.
 uint32_t usbcan2Exit() {
   for (devInfo &info : devInfoList) {
-    if (info.usbDev) {
-      std::unique_ptr<QUserLibUsb> dev = usbcan2DetachDevice(&info);
+    if (std::shared_ptr<QUserLibUsb> dev = usbcan2DetachDevice(&info)) {
+      info.rxQueue.close();
       usbcan2ThreadStop(&info);
-      dev.reset();
     }
-    info.threadId = pthread_t{};
     info.cmdFailed = 0;
     info.chInit[0] = 0;
     info.chInit[1] = 0;
@@ -202,7 +204,7 @@ uint32_t usbcan2IsOpen(uint32_t type, uint32_t index) {
   if (!usbcan2DevParaIsValid(type, index, 0)) {
     return 0;
   }
-  return devInfoList[index].usbDev ? 1 : 0;
+  return usbcan2Device(&devInfoList[index]) ? 1 : 0;
 }
 
 // A channel beyond the table is never initialised.
@@ -213,9 +215,9 @@ uint32_t usbcan2IsInit(uint32_t type, uint32_t index, uint32_t channel) {
   return devInfoList[index].chInit[channel] != 0 ? 1 : 0;
 }
 
-int32_t usbcan2IsReady(const devInfo *info) { return info->linkFault != 0 ? -1 : 0; }
+int32_t usbcan2IsReady(const devInfo *info) { return info->linkFaulted() ? -1 : 0; }
 
-std::unique_ptr<QUserLibUsb> usbcan2DetachDevice(devInfo *info) {
+std::shared_ptr<QUserLibUsb> usbcan2DetachDevice(devInfo *info) {
   QUserMutex guard(info->threadMutex.native());
   return std::move(info->usbDev);
 }
@@ -243,7 +245,7 @@ int32_t usbCmdSendDirect(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply
 int32_t usbDataSend(devInfo *info, uint8_t *data, int dataLen, uint8_t *reply, int *replyLen,
                     uint8_t outEp, uint8_t inEp, uint32_t timeoutMs) {
   BusyMark busy(info);
-  QUserLibUsb *dev = usbcan2Device(info);
+  const std::shared_ptr<QUserLibUsb> dev = usbcan2Device(info);
   const int written =
       (timeoutMs != 0 && dev) ? dev->bulkWriteUSBDevice(data, dataLen, outEp, timeoutMs) : 0;
   if (written > 0) {
@@ -268,25 +270,30 @@ uint32_t usbcan2OpenDevice(uint32_t type, uint32_t index, uint32_t /*reserved*/)
     return 1;
   }
   devInfo &info = devInfoList[index];
-  auto dev = std::make_unique<QUserLibUsb>();
-  if (dev->OpenUSBDevice(kFamily.vendorId, kFamily.productId, static_cast<int>(index)) != 1) {
+  auto dev = std::make_shared<QUserLibUsb>();
+  const int opened = dev->OpenUSBDevice(kFamily.vendorId, kFamily.productId, index);
+  if (opened != 1) {
     QUserLog::GetInstance().Error("USBCAN Open Fail...");
+    // An adapter this process already holds (found under another index
+    // after an unplug) is not opened a second time.
+    if (opened == QUserLibUsb::kOpenedElsewhere) {
+      setLastError(WCAN_ERR_PARAMETER);
+    }
     return 0;
   }
   {
     QUserMutex guard(info.threadMutex.native());
-    info.usbDev = std::move(dev);
+    info.usbDev = dev;
   }
-  // A fresh device has a good link, whatever the previous one ended with.
-  info.linkFault = 0;
   info.txAckMode = 0;
-  usbcan2ThreadStart(&info);
+  info.rxQueue.open();
+  usbcan2ThreadStart(&info, *dev);
   info.cmdFailed = 0;
   return 1;
 }
 
-// The worker is stopped before the device is released: it may be inside a
-// read on it.
+// Receivers waiting on the queues are woken first. The worker is stopped
+// before the device is released: it may be inside a read on it.
 uint32_t usbcan2CloseDevice(uint32_t type, uint32_t index) {
   if (!usbcan2DevParaIsValid(type, index, 0)) {
     return 0;
@@ -295,12 +302,13 @@ uint32_t usbcan2CloseDevice(uint32_t type, uint32_t index) {
     return 1;
   }
   devInfo &info = devInfoList[index];
+  info.rxQueue.close();
   for (uint32_t channel = 0; channel < kFamily.channelCount; ++channel) {
     Command cmd = encodeReset(channel);
     uint8_t reply[100] = {};
     exchangeCommand(&info, cmd, reply, 100);
   }
-  std::unique_ptr<QUserLibUsb> dev = usbcan2DetachDevice(&info);
+  std::shared_ptr<QUserLibUsb> dev = usbcan2DetachDevice(&info);
   info.chInit[0] = 0;
   info.chInit[1] = 0;
   usbcan2ThreadStop(&info);
@@ -384,31 +392,28 @@ uint32_t usbcan2ResetCAN(uint32_t type, uint32_t index, uint32_t channel) {
 
 namespace {
 
-// Applies `use` to an initialised channel's receive queue under its lock;
-// 0 with the error set for any other channel.
-template <class Use>
-uint32_t withRxQueue(uint32_t type, uint32_t index, uint32_t channel, Use use) {
+// Whether the channel's queue may be used: 0 with the error set for a
+// channel that is not initialised.
+bool queueUsable(uint32_t type, uint32_t index, uint32_t channel) {
   if (!usbcan2IsInit(type, index, channel)) {
     setLastError(WCAN_ERR_CAN_NOT_INITIALIZED);
-    return 0;
+    return false;
   }
-  devInfo &info = devInfoList[index];
-  QUserMutex guard(info.rxMutex.native());
-  return use(info.rxQueue[channel]);
+  return true;
 }
 
 } // namespace
 
 uint32_t usbcan2ClearBuffer(uint32_t type, uint32_t index, uint32_t channel) {
-  return withRxQueue(type, index, channel, [](auto &queue) {
-    queue.clear();
-    return 1u;
-  });
+  if (!queueUsable(type, index, channel)) {
+    return 0;
+  }
+  devInfoList[index].rxQueue.clear(channel);
+  return 1;
 }
 
 uint32_t usbcan2GetReceiveNum(uint32_t type, uint32_t index, uint32_t channel) {
-  return withRxQueue(type, index, channel,
-                     [](auto &queue) { return static_cast<uint32_t>(queue.size()); });
+  return queueUsable(type, index, channel) ? devInfoList[index].rxQueue.count(channel, 0) : 0;
 }
 
 // Only the first reply is checked; a later query that fails leaves the zeros

@@ -74,7 +74,7 @@ uint32_t usbcan2Transmit(uint32_t type, uint32_t index, uint32_t channel,
     return 0;
   }
   devInfo *info = &usbcan2Record(index);
-  if (info->linkFault != 0) {
+  if (info->linkFaulted()) {
     return 0;
   }
   const uint16_t total = static_cast<uint16_t>(count);

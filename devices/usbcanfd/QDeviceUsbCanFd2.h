@@ -1,38 +1,29 @@
 // Driver of the USB CAN FD adapter family (device types 41, 42, 43, 64, 65,
-// 66, 67): command channel, channel set-up, transmit, the receive thread with
-// its queues, fault recovery, acceptance filters and key/value settings.
+// 66, 67). The class is implemented by concern, one file each:
+//   UsbCanFdCommand.cpp    command exchanges and the raw pass-through
+//   UsbCanFdLifecycle.cpp  construction, open, close, versions, board info
+//   UsbCanFdChannel.cpp    bit timing, channel init, start, stop, buffers
+//   UsbCanFdTransmit.cpp   transmit batches
+//   UsbCanFdReceive.cpp    the receive thread's reads, the queues
+//   UsbCanFdRecovery.cpp   fault recovery and channel status
+//   UsbCanFdFilters.cpp    acceptance filters
+//   UsbCanFdSettings.cpp   key/value settings
 #pragma once
-
-#include <algorithm>
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <mutex>
 
-#include "UsbCanFdRxQueues.h"
 #include "UsbCanFdWire.h"
 #include "api/QDevice.h"
+#include "platform/AdapterWorker.h"
+#include "platform/FrameQueues.h"
 #include "platform/QUserLibUsb.h"
-
-// One driver thread: a stop request the thread polls each pass, an exited
-// flag it sets last, and a condition variable that wakes both sides.
-struct QUserThreadObj {
-  std::atomic<uint8_t> stopRequest{0};
-  std::atomic<uint8_t> exited{0};
-  std::mutex lock;
-  std::condition_variable wake;
-  pthread_t handle{};
-  bool running = false;
-
-  // Sleeps up to `duration`; returns early (false) once a stop is requested.
-  bool sleepUnlessStopped(std::chrono::microseconds duration);
-  template <class Pass> void runUntilStopped(Pass pass);
-};
+#include "platform/QUserThread.h"
 
 // One read of the (never started) message thread.
 struct MSG_OBJ {
@@ -40,7 +31,7 @@ struct MSG_OBJ {
   int32_t length;
 };
 
-class QDeviceUsbCanFd2 : public QDevice {
+class QDeviceUsbCanFd2 : public QDevice, private AdapterDuties {
 public:
   QDeviceUsbCanFd2();
   ~QDeviceUsbCanFd2() override;
@@ -84,7 +75,8 @@ public:
   // --- lifecycle ---
   int canGetDeviceVer();
   int getDeviceInf(_WCAN_BOARD_INFO *info);
-  int isDeviceReady() const { return deviceFault.load(std::memory_order_relaxed) == 0 ? 0 : -1; }
+  int isDeviceReady() const { return worker.recovery().faulted() ? -1 : 0; }
+  bool isOpen() const { return openFlag.load(std::memory_order_relaxed) == 1; }
   uint16_t firstVersion() const { return version1; }
   uint16_t secondVersion() const { return version2; }
   unsigned channelCount() const { return chCount; }
@@ -148,10 +140,30 @@ public:
   uint32_t dbitPreset(unsigned channel) const { return presetDbitTiming[channel]; }
 
 private:
-  friend void *dataRxThreadTask(void *device);
-  friend void *msgRxThreadTask(void *device);
+  // Marks a USB exchange in flight for the receive thread, which runs fault
+  // recovery only when none is.
+  class ExchangeMark {
+  public:
+    explicit ExchangeMark(QDeviceUsbCanFd2 &device) : count_(device.exchangesInFlight) {
+      count_.fetch_add(1, std::memory_order_relaxed);
+    }
+    ~ExchangeMark() { count_.fetch_sub(1, std::memory_order_relaxed); }
+    ExchangeMark(const ExchangeMark &) = delete;
+    ExchangeMark &operator=(const ExchangeMark &) = delete;
 
-  const usbcanfd::UsbCanFdVariant &variant() const { return usbcanfd::variantFor(deviceType); }
+  private:
+    std::atomic<int> &count_;
+  };
+
+  // AdapterDuties, run by the receive thread.
+  bool commandIdle() const override {
+    return exchangesInFlight.load(std::memory_order_relaxed) == 0;
+  }
+  bool anyChannelInitialised() const override;
+  bool replayChannels() override;
+  void readOnce(QUserThreadObj &thread) override;
+
+  usbcanfd::UsbCanFdVariant variant() const { return usbcanfd::variantFor(deviceType); }
   int sendCommand(const usbcanfd::CmdFrame &frame, uint8_t *reply, int *replyLength,
                   uint32_t timeoutMs, bool skipReadyCheck = false);
   int sendFilter(usbcanfd::FilterSub sub, uint8_t channel, uint32_t firstId, uint32_t lastId);
@@ -161,37 +173,31 @@ private:
   int transmitInBatches(Obj *frames, unsigned int count, SendBatch sendBatch);
   uint8_t txHeader(unsigned int channel) const;
   int sendTxFrame(usbcanfd::TxFrame &frame, size_t length, unsigned int count);
-  bool linkDown() { return usbDevice.GetUSBDeviceLinkStatus() == 0; }
-  bool anyChannelInitialised() const;
-  bool reinitialiseChannels();
-  void waitForNextRecoveryAttempt();
 
   void taskThreadCreate();
-  int taskThreadStart(QUserThreadObj *thread, void *(*entry)(void *));
-  void taskThreadStop(QUserThreadObj *thread);
-  void taskThreadShutdown() { taskThreadStop(&dataThread); }
-  void dataReceiveTask();
+  void taskThreadStop(QUserThreadObj *thread) { thread->stop(); }
+  void taskThreadShutdown() { worker.stop(); }
   void msgReceiveTask();
 
-  QUserThreadObj dataThread;
+  AdapterWorker worker{"DRV Tip:USBCANFD OK..."};
   QUserThreadObj msgThread;
   unsigned deviceType = 0;
   unsigned deviceIndex = 0;
   unsigned chCount = 0;
   std::atomic<uint32_t> openFlag{0};
-  uint32_t lastRecoveryAttempt = 0;
   uint16_t version1 = 0;
   uint16_t version2 = 0;
-  std::atomic<int32_t> deviceFault{0};
   std::atomic<uint8_t> txAckWait{1};
   usbcanfd::StreamAssembler stream;
   std::atomic<bool> streamResetRequested{false};
   std::deque<MSG_OBJ> msgQueue;
-  usbcanfd::RxQueues rxQueues; // holds the data queue mutex
+  FrameQueues rxQueues{usbcanfd::kChannelSlots}; // holds the data queue mutex
   pthread_mutex_t msgQueueMutex;
+  // Held for a whole command exchange, so two threads never take each
+  // other's replies.
   pthread_mutex_t cmdMutex;
   QUserLibUsb usbDevice;
-  std::atomic<uint8_t> cmdIdle{1};
+  std::atomic<int> exchangesInFlight{0};
   // Saved configurations and kept mode bytes are written by the caller's
   // thread and read by fault recovery on the receive thread.
   std::mutex configMutex;

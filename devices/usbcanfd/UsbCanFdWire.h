@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "platform/ByteOrder.h"
+#include "platform/DeviceTypes.h"
 #include "wcan.h"
 
 namespace usbcanfd {
@@ -113,6 +114,8 @@ inline constexpr ClockTables kClock80{80,
                                         {100000, 0x09C0030E},
                                         {50000, 0x13C0030E}}}};
 
+// What a device type of the family needs: its USB identity and channel
+// count (from the library's device table) and its clock's timing tables.
 struct UsbCanFdVariant {
   uint16_t vendorId;
   uint16_t productId;
@@ -120,27 +123,18 @@ struct UsbCanFdVariant {
   const ClockTables *clock;
 };
 
-struct VariantEntry {
-  unsigned devType;
-  UsbCanFdVariant variant;
-};
+constexpr UsbCanFdVariant variantOf(const wcan::DeviceTypeInfo &entry) {
+  return {entry.vendorId, entry.productId, entry.channels,
+          entry.clockMHz == kClock80.clockMHz ? &kClock80 : &kClock60};
+}
 
-inline constexpr VariantEntry kVariants[] = {
-    {64, {0x0471, 0x3014, 4, &kClock60}},
-    {65, {0x0471, 0x2014, 4, &kClock60}},
-    {66, {0x0471, 0x2018, 8, &kClock80}},
-    {67, {0x0471, 0x3018, 8, &kClock80}},
-};
-// Types 41, 42 and 43 (and anything else routed here).
-inline constexpr UsbCanFdVariant kDefaultVariant{0x3068, 0x0009, 2, &kClock60};
-
-constexpr const UsbCanFdVariant &variantFor(unsigned devType) {
-  for (const auto &entry : kVariants) {
-    if (entry.devType == devType) {
-      return entry.variant;
-    }
+// Anything routed here that is not a CAN FD type is treated as type 41.
+constexpr UsbCanFdVariant variantFor(unsigned devType) {
+  const wcan::DeviceTypeInfo *entry = wcan::findDeviceType(devType);
+  if (entry == nullptr || entry->family != wcan::DeviceFamily::CanFd) {
+    entry = wcan::findDeviceType(41);
   }
-  return kDefaultVariant;
+  return variantOf(*entry);
 }
 
 // First exact match of the rate; false for rate 0 or an unknown rate.
@@ -259,8 +253,9 @@ inline HeaderScan scanHeader(ByteReader in, size_t p) {
 // Parses the data frames in buf[0..length) and hands every record to the
 // sink (sink.can(queue, obj) / sink.canFd(queue, obj)). Returns the bytes
 // consumed; an incomplete frame at the end stays unconsumed. Records are
-// stepped by their fixed sizes; a record that would run past the data is not
-// decoded and scanning resumes at its first byte.
+// stepped by their fixed sizes and stay inside their frame's payload: a
+// record that would end beyond it is not decoded, and scanning goes on after
+// the payload whatever the record count said.
 template <class Sink> size_t parseStream(const uint8_t *buf, size_t length, Sink &sink) {
   const ByteReader in(buf, length);
   size_t p = 0;
@@ -277,14 +272,16 @@ template <class Sink> size_t parseStream(const uint8_t *buf, size_t length, Sink
       continue;
     }
     const unsigned count = in.u8(p + 6);
+    const size_t payloadEnd = p + kDataHeaderLen + in.u16le(p + 4);
+    const ByteReader payload = in.sub(0, payloadEnd);
     p += kDataHeaderLen;
     for (unsigned i = 0; i < count; ++i) {
-      const bool fd = (in.u8(p + 1) & kWireFd) != 0;
+      const bool fd = (payload.u8(p + 1) & kWireFd) != 0;
       const size_t recordLen = fd ? kCanFdRecordLen : kCanRecordLen;
-      if (!in.has(p, recordLen)) {
+      if (!payload.has(p, recordLen)) {
         break;
       }
-      const ByteReader record = in.sub(p, recordLen);
+      const ByteReader record = payload.sub(p, recordLen);
       if (fd) {
         _WCAN_CANFD_OBJ obj;
         decodeCanFdRecord(record, obj);
@@ -296,30 +293,47 @@ template <class Sink> size_t parseStream(const uint8_t *buf, size_t length, Sink
       }
       p += recordLen;
     }
+    p = payloadEnd;
   }
   return p;
 }
 
-// The stream buffer: accumulates bulk reads and parses them in place,
-// keeping the unparsed rest (an incomplete frame) for the next read.
+// The stream buffer: bulk reads land straight in its free space and are
+// parsed in place; the unparsed rest (an incomplete frame) stays for the next
+// read.
 class StreamAssembler {
 public:
+  // Where the next read goes and how much fits.
+  uint8_t *space() { return buf_.data() + fill_; }
+  size_t room() const { return kStreamBufferLen - fill_; }
+  // Parses `length` bytes just read into space().
+  template <class Sink> void commit(size_t length, Sink &sink) {
+    fill_ += std::min(length, room());
+    size_t used = parseStream(buf_.data(), fill_, sink);
+    if (used == 0 && fill_ == kStreamBufferLen) {
+      used = 1; // cannot happen with the header rules above; never stall
+    }
+    std::memmove(buf_.data(), buf_.data() + used, fill_ - used);
+    fill_ -= used;
+  }
+  // Copies data in (in as many steps as it needs) and parses it.
   template <class Sink> void feed(const uint8_t *data, size_t length, Sink &sink) {
     while (length > 0) {
-      const size_t take = std::min(length, kStreamBufferLen - fill_);
-      std::memcpy(buf_.data() + fill_, data, take);
-      fill_ += take;
+      const size_t take = std::min(length, room());
+      std::memcpy(space(), data, take);
       data += take;
       length -= take;
-      size_t used = parseStream(buf_.data(), fill_, sink);
-      if (used == 0 && fill_ == kStreamBufferLen) {
-        used = 1; // cannot happen with the header rules above; never stall
-      }
-      std::memmove(buf_.data(), buf_.data() + used, fill_ - used);
-      fill_ -= used;
+      commit(take, sink);
     }
   }
   void reset() { fill_ = 0; }
+  // Drops what is buffered but keeps `justRead` bytes that a read put into
+  // space() and that are not committed yet.
+  void resetKeepingRead(size_t justRead) {
+    justRead = std::min(justRead, room());
+    std::memmove(buf_.data(), buf_.data() + fill_, justRead);
+    fill_ = 0;
+  }
   size_t pending() const { return fill_; }
 
 private:

@@ -70,13 +70,19 @@ const Layout &layoutOf(unsigned devType) {
   }
 }
 
+// String descriptor index of the serial number. The classic adapters have
+// none; the other families answer it.
+constexpr uint8_t kSerialIndex = 3;
+bool hasSerial(const Layout &layout) { return &layout != &kClassicLayout; }
+
 // Device descriptor, one configuration with one vendor-specific interface
 // holding the family's endpoints, as sysfs shows them in "descriptors".
 Bytes descriptorsOf(uint16_t vid, uint16_t pid, const Layout &layout) {
   const auto lo = [](unsigned v) { return static_cast<uint8_t>(v & 0xFF); };
   const auto hi = [](unsigned v) { return static_cast<uint8_t>(v >> 8); };
-  Bytes d = {18,      1,       0x00,    0x02, 0,    0, 0, 64, lo(vid),
-             hi(vid), lo(pid), hi(pid), 0x00, 0x01, 0, 0, 0,  1};
+  const uint8_t serial = hasSerial(layout) ? kSerialIndex : 0;
+  Bytes d = {18,      1,       0x00,    0x02, 0,    0, 0, 64,     lo(vid),
+             hi(vid), lo(pid), hi(pid), 0x00, 0x01, 0, 0, serial, 1};
   const unsigned total = 9 + 9 + 7 * static_cast<unsigned>(layout.count);
   const Bytes config = {9, 2, lo(total), hi(total), 1, 1, 0, 0x80, 50};
   const Bytes interface = {9, 4, 0, 0, static_cast<uint8_t>(layout.count), 0xFF, 0, 0, 0};
@@ -196,6 +202,7 @@ public:
 
   // usbfs requests; each returns 0 or an errno value.
   int submit(UMockdevIoctlClient *client, DataRef urb, DataRef buffer);
+  int controlIn(const Urb &urb) const;
   int discard(UMockdevIoctlClient *client, unsigned long urbAddress);
   // The next finished URB of the client, or an errno value.
   int reap(UMockdevIoctlClient *client, Urb &out);
@@ -290,8 +297,8 @@ int EmulatedAdapter::submit(UMockdevIoctlClient *client, DataRef urbData, DataRe
   const usbdevfs_urb &f = urb.fields();
   urb.endpoint = f.endpoint;
   if (f.type == USBDEVFS_URB_TYPE_CONTROL) {
-    // No control request of the adapters is modelled: the device stalls it.
-    urb.finish(-EPIPE, 0);
+    const int answered = controlIn(urb);
+    urb.finish(answered < 0 ? -EPIPE : 0, std::max(answered, 0));
     done_.push_back(std::move(urb));
     return 0;
   }
@@ -313,6 +320,38 @@ int EmulatedAdapter::submit(UMockdevIoctlClient *client, DataRef urbData, DataRe
   }
   fillPending();
   return 0;
+}
+
+// The one control request modelled is GET_DESCRIPTOR of a string (the
+// language list and the serial number); any other stalls (-1). The reply
+// goes after the 8-byte setup packet; returns its length.
+int EmulatedAdapter::controlIn(const Urb &urb) const {
+  const size_t room = urb.buffer ? static_cast<size_t>(urb.fields().buffer_length) : 0;
+  if (room < 8)
+    return -1;
+  uint8_t *setup = urb.buffer->data;
+  const uint16_t value = static_cast<uint16_t>(setup[2] | setup[3] << 8);
+  const size_t wanted = std::min<size_t>(static_cast<size_t>(setup[6] | setup[7] << 8), room - 8);
+  if (setup[0] != USB_DIR_IN || setup[1] != USB_REQ_GET_DESCRIPTOR || (value >> 8) != USB_DT_STRING)
+    return -1;
+  Bytes desc;
+  const uint8_t index = static_cast<uint8_t>(value);
+  if (index == 0) {
+    desc = {4, USB_DT_STRING, 0x09, 0x04};
+  } else if (index == kSerialIndex && hasSerial(layout_)) {
+    char text[16];
+    std::snprintf(text, sizeof text, "WU%04X%04X", model_->productId(), bus_);
+    desc = {static_cast<uint8_t>(2 + 2 * std::strlen(text)), USB_DT_STRING};
+    for (const char *c = text; *c != '\0'; ++c) {
+      desc.push_back(static_cast<uint8_t>(*c));
+      desc.push_back(0);
+    }
+  } else {
+    return -1;
+  }
+  const size_t n = std::min(desc.size(), wanted);
+  std::memcpy(setup + 8, desc.data(), n);
+  return static_cast<int>(n);
 }
 
 int EmulatedAdapter::hostWrite(const Urb &urb) {

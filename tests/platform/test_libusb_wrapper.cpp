@@ -2,6 +2,8 @@
 // devices, the link flag, the once-per-condition log lines and restart.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <initializer_list>
 #include <string>
 
 #include "platform/QUserLibUsb.h"
@@ -140,6 +142,57 @@ TEST_F(Wrapper, SecondDeviceRecoversAfterTheFirstIsClosed) {
   logOf([&] { other.RestartUSBDevice(); });
   EXPECT_EQ(other.GetUSBDeviceLinkStatus(), 1);
   EXPECT_EQ(other.WriteUSBDevice(buffer, 4, kCmdOut, 100), 4);
+}
+
+TEST(AdapterIdentity, SerialNumbersWinOverPathsAndPathsMustBeKnown) {
+  const auto id = [](const char *serial, uint8_t bus, std::initializer_list<uint8_t> ports,
+                     uint16_t pid = kPid) {
+    UsbAdapterIdentity i;
+    i.vendorId = kVid;
+    i.productId = pid;
+    i.serial = serial;
+    i.bus = bus;
+    i.portCount = static_cast<int>(ports.size());
+    std::copy(ports.begin(), ports.end(), i.ports);
+    return i;
+  };
+  UsbAdapterIdentity unknownPath = id("", 1, {});
+  unknownPath.portCount = -1;
+  const struct {
+    const char *name;
+    UsbAdapterIdentity a, b;
+    bool same;
+  } cases[] = {
+      {"same serial, moved to another socket", id("S1", 1, {2}), id("S1", 3, {1, 4}), true},
+      {"other serial, same socket", id("S1", 1, {2}), id("S2", 1, {2}), false},
+      {"no serial, same socket", id("", 1, {2, 3}), id("", 1, {2, 3}), true},
+      {"no serial, other port", id("", 1, {2, 3}), id("", 1, {2, 4}), false},
+      {"no serial, other bus", id("", 1, {2}), id("", 2, {2}), false},
+      {"one serial missing, same socket", id("S1", 1, {2}), id("", 1, {2}), true},
+      {"root of its own bus", id("", 5, {}), id("", 5, {}), true},
+      {"path unknown", unknownPath, unknownPath, false},
+      {"other product, same serial", id("S1", 1, {2}), id("S1", 1, {2}, 0x1200), false},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(c.a.sameAdapter(c.b), c.same) << c.name;
+    EXPECT_EQ(c.b.sameAdapter(c.a), c.same) << c.name << " (the other way)";
+  }
+}
+
+TEST_F(Wrapper, OpenRemembersWhereTheAdapterIsAndWhatItIsCalled) {
+  wcansim::plugIn(41);
+  wcansim::plugIn(4);
+  QUserLibUsb fd, classic;
+  ASSERT_EQ(fd.OpenUSBDevice(kVid, kPid, 0), 1);
+  ASSERT_EQ(classic.OpenUSBDevice(0x0471, 0x1200, 0), 1);
+  EXPECT_FALSE(fd.identity().serial.empty());
+  EXPECT_TRUE(classic.identity().serial.empty()) << "the classic adapter has no USB serial";
+  EXPECT_GE(fd.identity().portCount, 1);
+  EXPECT_FALSE(fd.identity().samePath(classic.identity()));
+  QUserLibUsb again;
+  EXPECT_EQ(again.OpenUSBDevice(kVid, kPid, 0), QUserLibUsb::kOpenedElsewhere);
+  fd.CloseUSBDevice();
+  EXPECT_EQ(again.OpenUSBDevice(kVid, kPid, 0), 1) << "free again once closed";
 }
 
 } // namespace

@@ -13,10 +13,13 @@ TEST(Clock, LapseAcrossTheWrapIsOneShort) {
   // Pretend the reading was taken just before the 32-bit clock wrapped: the
   // distance counts one less than the true one (host programs rely on it).
   const uint32_t now = getCurMicroSec();
-  const uint32_t beforeWrap = now + 0x10u; // "start" is above "now": a wrap happened
+  // "start" is far above "now" (1000 s), so a busy machine reading the
+  // clock again a little later still sees the wrap.
+  constexpr uint32_t kAhead = 1'000'000'000u;
+  const uint32_t beforeWrap = now + kAhead;
   const uint32_t lapse = getLapseMicroSec(beforeWrap);
-  EXPECT_GE(lapse, 0xFFFFFFFFu - 0x10u - 1'000'000u);
-  EXPECT_LE(lapse, 0xFFFFFFFFu - 0x10u);
+  EXPECT_GE(lapse, 0xFFFFFFFFu - kAhead);
+  EXPECT_LE(lapse, 0xFFFFFFFFu - kAhead + 1'000'000u);
 }
 
 TEST(Clock, LapseMeasuresElapsedTime) {

@@ -85,9 +85,9 @@ protected:
 
   // Unplugs an adapter, leaves it away long enough for the library to find
   // it missing, and plugs it back. Returns the adapter the library reopened
-  // and started both channels on again (-1 if none). Among equal adapters that
-  // need not be the replugged one: the library reopens by index, and libusb
-  // lists a device it learns of by hot-plug before the others.
+  // and started both channels on again (-1 if none). libusb lists a device it
+  // learns of by hot-plug before the others, so among equal adapters the
+  // replugged one now has the other index.
   int unplugAndReplug(int adapter) {
     std::vector<unsigned> opensBefore;
     for (int id : plugged_)
@@ -306,9 +306,7 @@ TEST_P(CanFamilyOverRealLibusb, RestartsTheChannelsWhenTheAdapterComesBack) {
 }
 
 // The first adapter's libusb context is libusb's implicit default until it
-// exits; the second adapter's recovery must not depend on it. The library
-// reopens device 1 by index, and the library's context lists the replugged
-// adapter first, so device 1 comes back on the adapter that was device 0.
+// exits; the second adapter's recovery must not depend on it.
 TEST_P(CanFamilyOverRealLibusb, SecondAdapterRecoversAfterTheFirstWasClosed) {
   const std::vector<int> byIndex = plugInByIndex(type, 2);
   ASSERT_TRUE(open(type, 0));
@@ -316,8 +314,45 @@ TEST_P(CanFamilyOverRealLibusb, SecondAdapterRecoversAfterTheFirstWasClosed) {
   initAndStart(1);
   expectRoundTrip(1, 0x300);
   close(type, 0);
-  EXPECT_GE(unplugAndReplug(byIndex.at(1)), 0);
+  EXPECT_EQ(unplugAndReplug(byIndex.at(1)), byIndex.at(1));
   expectRoundTrip(1, 0x400);
+}
+
+// The second of two equal adapters goes away and comes back listed first:
+// each handle gets its own adapter back (the CAN FD adapter by its serial
+// number, the classic one, which has none, by bus and port path).
+TEST_P(CanFamilyOverRealLibusb, EachHandleGetsItsOwnAdapterBack) {
+  const std::vector<int> byIndex = plugInByIndex(type, 2);
+  for (unsigned index : {0u, 1u}) {
+    ASSERT_TRUE(open(type, index));
+    initAndStart(index);
+  }
+  EXPECT_EQ(unplugAndReplug(byIndex.at(1)), byIndex.at(1));
+  for (unsigned index : {0u, 1u}) {
+    const uint64_t before = bed_->framesDelivered(byIndex.at(index), 1);
+    expectRoundTrip(index, 0x500 + index);
+    EXPECT_EQ(bed_->framesDelivered(byIndex.at(index), 1), before + framesPerRoundTrip())
+        << "handle " << index << " must still drive its own adapter";
+  }
+}
+
+// Closing does not wait for the receive thread's pending read, and wakes a
+// host thread blocked in a receive without limit.
+TEST_P(CanFamilyOverRealLibusb, CloseIsPromptAndWakesABlockedReceive) {
+  plugInByIndex(type, 1);
+  ASSERT_TRUE(open(type, 0));
+  initAndStart(0);
+  std::thread receiver([&] {
+    _WCAN_CAN_OBJ in[4];
+    EXPECT_EQ(api_->Receive(type, 0, 0, in, 4, -1), 0);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const auto t0 = std::chrono::steady_clock::now();
+  close(type, 0);
+  const auto took = std::chrono::steady_clock::now() - t0;
+  receiver.join();
+  // A regression to the old pending 500 ms read shows far above this.
+  EXPECT_LT(took, std::chrono::milliseconds(200));
 }
 
 std::string nameOf(const ::testing::TestParamInfo<Family> &info) { return info.param.name; }

@@ -201,6 +201,7 @@ TEST_F(Usbcan2Device, AuxiliaryCommands) {
 TEST_F(Usbcan2Device, ParameterAndStateErrors) {
   _WCAN_INIT_CONFIG c = config();
   _WCAN_CAN_OBJ f = canFrame(1);
+  _WCAN_BOARD_INFO info{};
   const struct {
     const char *name;
     std::function<int()> call;
@@ -215,7 +216,7 @@ TEST_F(Usbcan2Device, ParameterAndStateErrors) {
       {"transmit before init", [&] { return WCAN_Transmit(kType, 0, 0, &f, 1); }, 13},
       {"count before init", [] { return WCAN_GetReceiveNum(kType, 0, 0, 0); }, 13},
       {"clear channel 5", [] { return WCAN_ClearBuffer(kType, 0, 5); }, 13},
-      {"board info closed", [] { return WCAN_BoardInfoGet(kType, 1, nullptr); }, 7},
+      {"board info closed", [&] { return WCAN_BoardInfoGet(kType, 1, &info); }, 7},
       {"init closed", [&] { return usbcan2InitCAN(kType, 1, 0, &c); }, 7},
       {"exported init closed, start overrides", [&] { return WCAN_InitCAN(kType, 1, 0, &c); }, 13},
       {"relay set closed", [] { return WCAN_DevRelayStatusSet(kType, 1, 0, 0); }, 7},

@@ -183,6 +183,22 @@ TEST(UsbCanFdWire, HostileLengthsStayInsideTheBuffer) {
   ASSERT_EQ(c.classic[1].size(), 1u) << "the stream recovers after hostile frames";
   EXPECT_EQ(c.classic[1][0].id, 3u);
 
+  // A count that runs past the payload must not read the next frames'
+  // bytes as records: B, C and D all arrive, and nothing made up.
+  StreamAssembler t;
+  const Bytes a = dataFrame({wireRecord(0, 0x00, 0, 0xA, 8, 0)}, 2);
+  const Bytes b = dataFrame({wireRecord(2, 0x00, 0, 0xB, 8, 0)});
+  const Bytes cd =
+      dataFrame({wireRecord(2, 0x00, 0, 0xC, 8, 0), wireRecord(2, 0x01, 0, 0xD, 8, 0)});
+  Collect next = feedAll({concat({a, b, cd})}, t);
+  ASSERT_EQ(next.classic[0].size(), 1u);
+  ASSERT_EQ(next.classic[2].size(), 2u);
+  EXPECT_EQ(next.classic[2][0].id, 0xBu);
+  EXPECT_EQ(next.classic[2][1].id, 0xCu);
+  ASSERT_EQ(next.fd[2].size(), 1u);
+  EXPECT_EQ(next.fd[2][0].id, 0xDu);
+  EXPECT_EQ(t.pending(), 0u);
+
   // Megabytes of hostile bytes never stall the assembler or overrun.
   Bytes noise(50000);
   for (size_t i = 0; i < noise.size(); ++i) {

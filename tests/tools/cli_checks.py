@@ -171,12 +171,21 @@ def check_usage():
         ("--sim 41 info 41 3", 1, "Device Not Exist!"),
         ("--sim 4 dump 4 1 0", 1, "failed on adapter 4/1"),
         ("--sim 4 dump 4 0 1 --count 1 --timeout 200", 1, "0 of 1 frames arrived"),
+        ("dump --connect localhost", 2, "takes a BUS name"),
+        ("dump --connect localhost:0 wcan41-0-1", 2, "the port of --connect must be between"),
+        ("send --connect localhost wcan41-0-0 123#00 --bitrate 250000", 2,
+         "--bitrate sets up a local adapter"),
+        ("send --connect 127.0.0.1:1 wcan41-0-0 123#00", 1, "cannot connect to 127.0.0.1:1"),
+        ("serve --port 70000", 2, "--port must be between"),
+        ("serve --bitrate 83333", 2, "suits no adapter"),
+        ("serve --bind localhost", 2, "--bind takes an IP address"),
+        ("serve wcan41-0-0", 2, "unexpected argument wcan41-0-0"),
     ]
     for line, code, text in cases:
         err = run(line.split(), code=code).stderr
         expect(text in err, f"wcan {line}: no {text!r} in\n{err}")
         expect(code != 2 or "usage: wcan" in err, f"wcan {line}: no usage shown")
-    for command in ["list", "info", "dump", "send", "gen", "record", "demo"]:
+    for command in ["list", "info", "dump", "send", "gen", "record", "demo", "serve"]:
         out = run([command, "--help"]).stdout
         expect(f"usage: wcan {command}" in out, f"wcan {command} --help:\n{out}")
     expect("Commands:" in run(["--help"]).stdout, "wcan --help")

@@ -1,5 +1,7 @@
 #include "serve/Bus.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -29,6 +31,12 @@ bool takeNumber(std::string_view &text, unsigned &out) {
     out = out * 10 + static_cast<unsigned>(text[n++] - '0');
   text.remove_prefix(n);
   return n > 0;
+}
+
+// "wcan66-0-3 rx": the channel and the thread's job, for top -H and debuggers.
+void nameThisThread(const std::string &channel, const char *job) {
+  const std::string name = (channel + " " + job).substr(0, 15);
+  pthread_setname_np(pthread_self(), name.c_str());
 }
 
 bool takeChar(std::string_view &text, char c) {
@@ -143,6 +151,7 @@ void Channel::pauseAfterFailedWait() {
 }
 
 void Channel::readLoop(bool fdQueue) {
+  nameThisThread(name_, fdQueue ? "fd" : "rx");
   for (;;) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -176,6 +185,7 @@ std::vector<Channel::TxItem> Channel::nextTransmitRun() {
 }
 
 void Channel::transmitLoop() {
+  nameThisThread(name_, "tx");
   for (;;) {
     std::vector<TxItem> run = nextTransmitRun();
     if (run.empty())

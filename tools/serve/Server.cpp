@@ -1,5 +1,7 @@
 #include "serve/Server.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -39,7 +41,10 @@ Server::Server(const Runtime &runtime, const ServeOptions &options)
     throw ToolError{"cannot listen on " + options.bindAddress + ":" + std::to_string(options.port) +
                     ": " + ec.message()};
   port_ = acceptor_.local_endpoint().port();
-  deviceThread_ = std::thread([this] { deviceIo_.run(); });
+  deviceThread_ = std::thread([this] {
+    pthread_setname_np(pthread_self(), "wcan devices");
+    deviceIo_.run();
+  });
 }
 
 Server::~Server() {

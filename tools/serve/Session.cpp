@@ -9,10 +9,10 @@ namespace {
 
 // Frames a session may have queued for transmission before its requests wait.
 constexpr size_t kMaxOutstanding = 256;
-// The kernel's share of a client's unread output: without a bound, its
-// send buffer grows to megabytes before the session notices a client that
-// does not read.
-constexpr int kKernelSendBuffer = 256 * 1024;
+// The kernel's share of a client's unread output (Linux doubles it for its
+// bookkeeping): without a bound, the send buffer grows to megabytes before
+// the session notices a client that does not read.
+constexpr int kKernelSendBuffer = 128 * 1024;
 // How long a closing session waits for its last words to be read.
 constexpr auto kLinger = std::chrono::seconds(2);
 

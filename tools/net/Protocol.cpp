@@ -300,14 +300,11 @@ bool parseFrameId(std::string_view text, Frame &out) {
   return true;
 }
 
-bool parseRequest(std::string_view element, Request &out, std::string &error, bool &unknown) {
+bool parseRequest(std::string_view element, Request &out, std::string &error) {
   out = Request{};
-  unknown = false;
   Words w{splitWords(element), error};
-  if (w.size() == 0) {
-    unknown = true;
+  if (w.size() == 0)
     return w.fail("unknown command");
-  }
   const std::string_view verb = w[0];
   for (const Simple &s : kSimpleVerbs) {
     if (verb == s.name) {
@@ -346,7 +343,6 @@ bool parseRequest(std::string_view element, Request &out, std::string &error, bo
     out.intervalUs = ms * 1000;
     return true;
   }
-  unknown = true;
   return w.fail("unknown command");
 }
 

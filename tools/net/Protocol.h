@@ -81,8 +81,8 @@ struct Request {
 constexpr uint64_t kMinCycleUs = 100;
 
 // Reads one element's text. On failure returns false with the reason for the
-// error reply; `unknown` is set when the first word names no request.
-bool parseRequest(std::string_view element, Request &out, std::string &error, bool &unknown);
+// error reply ("unknown command" when the first word names no request).
+bool parseRequest(std::string_view element, Request &out, std::string &error);
 
 // Ids in requests: hex; extended when written with 8 digits or above 7FF.
 bool parseFrameId(std::string_view text, Frame &out);

@@ -20,8 +20,8 @@ constexpr unsigned kRxBatch = 256;
 // Frames of one session handed to the library in one call.
 constexpr size_t kTxBatch = 64;
 // How long a reader waits in the library before it looks at its stop flag:
-// stopping one channel must not wait for traffic, and closing the adapter
-// does not wake a receiver blocked without limit.
+// stopping one channel of an adapter that stays open must not wait for
+// traffic.
 constexpr int kReceiveWaitMs = 200;
 
 bool takeNumber(std::string_view &text, unsigned &out) {
@@ -63,28 +63,15 @@ std::optional<BusAddress> parseBusName(std::string_view name) {
   return a;
 }
 
-std::shared_lock<std::shared_mutex> LibraryGate::call() {
-  { std::lock_guard<std::mutex> queue(turnstile_); }
-  return std::shared_lock<std::shared_mutex>(calls_);
-}
-
-std::unique_lock<std::shared_mutex> LibraryGate::openOrClose() {
-  std::lock_guard<std::mutex> queue(turnstile_);
-  return std::unique_lock<std::shared_mutex>(calls_);
-}
-
 Channel::Channel(const Runtime &runtime, DeviceSession &device, unsigned channel, std::string name,
-                 ChannelSettings settings, LibraryGate &gate, DeliverySink sink)
+                 ChannelSettings settings, DeliverySink sink)
     : runtime_(runtime), device_(device), channel_(channel), name_(std::move(name)),
-      settings_(settings), gate_(gate), sink_(std::move(sink)) {}
+      settings_(settings), sink_(std::move(sink)) {}
 
-Channel::~Channel() { stop(); }
+Channel::~Channel() { join(); }
 
 void Channel::start() {
-  {
-    auto call = gate_.call();
-    device_.startChannel(channel_, settings_);
-  }
+  device_.startChannel(channel_, settings_);
   threads_.emplace_back([this] { readLoop(false); });
   if (device_.type().family == Family::CanFd)
     threads_.emplace_back([this] { readLoop(true); });
@@ -99,14 +86,20 @@ void Channel::askToStop() {
   wake_.notify_all();
 }
 
-void Channel::stop() {
+void Channel::join() {
   if (threads_.empty())
     return;
   askToStop();
   for (std::thread &t : threads_)
     t.join();
   threads_.clear();
-  auto call = gate_.call();
+  std::fprintf(stderr, "wcan serve: stopped %s\n", name_.c_str());
+}
+
+void Channel::stop() {
+  if (threads_.empty())
+    return;
+  join();
   runtime_.wcan().WCAN_Stop(device_.type().type, device_.index(), channel_);
 }
 
@@ -125,19 +118,13 @@ int Channel::receive(bool fdQueue, std::vector<TimedFrame> &out) {
   int n = 0;
   if (fdQueue) {
     _WCAN_CANFD_OBJ buf[kRxBatch];
-    {
-      auto call = gate_.call();
-      n = api.WCAN_ReceiveFD(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
-    }
+    n = api.WCAN_ReceiveFD(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
     const LogTime now = logTimeNow();
     for (int i = 0; i < n; ++i)
       out.push_back({fromCanFdObj(buf[i]), now});
   } else {
     _WCAN_CAN_OBJ buf[kRxBatch];
-    {
-      auto call = gate_.call();
-      n = api.WCAN_Receive(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
-    }
+    n = api.WCAN_Receive(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
     const LogTime now = logTimeNow();
     for (int i = 0; i < n; ++i)
       out.push_back({fromCanObj(buf[i]), now});
@@ -197,7 +184,6 @@ void Channel::transmitLoop() {
     size_t sent = 0;
     std::string failure;
     try {
-      auto call = gate_.call();
       sent = device_.send(channel_, frames);
       if (sent < frames.size())
         failure = "the adapter did not take the frame: " + runtime_.lastError();
@@ -278,7 +264,6 @@ BusHub::OpenAdapter &BusHub::openAdapter(const AdapterKey &key, const DeviceType
     return it->second;
   if (type.family == Family::Recorder)
     throw UsageError{"a CAN recorder carries no traffic for the host"};
-  auto gate = gate_.openOrClose();
   OpenAdapter adapter;
   adapter.device = std::make_unique<DeviceSession>(runtime_, type.type, index);
   std::fprintf(stderr, "wcan serve: opened adapter %s\n", adapter.device->name().c_str());
@@ -289,11 +274,14 @@ void BusHub::closeAdapter(const AdapterKey &key) {
   auto it = adapters_.find(key);
   if (it == adapters_.end())
     return;
-  const std::string name = it->second.device->name();
-  {
-    auto gate = gate_.openOrClose();
-    it->second.device.reset();
-  }
+  OpenAdapter &adapter = it->second;
+  const std::string name = adapter.device->name();
+  // The channels' threads use the adapter until they end; closing it stops
+  // the channels.
+  for (auto &c : adapter.channels)
+    c.second.channel->askToStop();
+  for (auto &c : adapter.channels)
+    c.second.channel->join();
   adapters_.erase(it);
   std::fprintf(stderr, "wcan serve: closed adapter %s\n", name.c_str());
 }
@@ -305,8 +293,8 @@ std::shared_ptr<Channel> BusHub::startChannel(OpenAdapter &adapter, const BusAdd
   if (adapter.device->type().family != Family::CanFd)
     settings.fd = false;
   checkChannelUse(adapter.device->type(), bus.channel, settings);
-  auto channel = std::make_shared<Channel>(runtime_, *adapter.device, bus.channel, busName,
-                                           settings, gate_, sink_);
+  auto channel =
+      std::make_shared<Channel>(runtime_, *adapter.device, bus.channel, busName, settings, sink_);
   channel->start();
   std::fprintf(stderr, "wcan serve: started %s\n", busName.c_str());
   return channel;
@@ -314,16 +302,18 @@ std::shared_ptr<Channel> BusHub::startChannel(OpenAdapter &adapter, const BusAdd
 
 void BusHub::release(const std::shared_ptr<Channel> &channel) {
   for (auto a = adapters_.begin(); a != adapters_.end(); ++a) {
-    for (auto c = a->second.channels.begin(); c != a->second.channels.end(); ++c) {
+    auto &channels = a->second.channels;
+    for (auto c = channels.begin(); c != channels.end(); ++c) {
       if (c->second.channel != channel)
         continue;
       if (--c->second.users > 0)
         return;
-      channel->stop();
-      std::fprintf(stderr, "wcan serve: stopped %s\n", channel->name().c_str());
-      a->second.channels.erase(c);
-      if (a->second.channels.empty())
+      if (channels.size() == 1) {
         closeAdapter(a->first);
+        return;
+      }
+      channel->stop();
+      channels.erase(c);
       return;
     }
   }
@@ -333,9 +323,6 @@ void BusHub::closeAll() {
   for (auto &a : adapters_)
     for (auto &c : a.second.channels)
       c.second.channel->askToStop();
-  for (auto &a : adapters_)
-    for (auto &c : a.second.channels)
-      c.second.channel->stop();
   while (!adapters_.empty())
     closeAdapter(adapters_.begin()->first);
 }

@@ -13,7 +13,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -30,20 +29,6 @@ struct BusAddress {
   unsigned channel = 0;
 };
 std::optional<BusAddress> parseBusName(std::string_view name);
-
-// The library's device registry takes no lock, so opening or closing an
-// adapter must not overlap any other library call; all other calls may run
-// side by side. Waiting openers and closers go first: new callers queue
-// behind them at the turnstile.
-class LibraryGate {
-public:
-  std::shared_lock<std::shared_mutex> call();
-  std::unique_lock<std::shared_mutex> openOrClose();
-
-private:
-  std::mutex turnstile_;
-  std::shared_mutex calls_;
-};
 
 struct TimedFrame {
   Frame frame;
@@ -73,7 +58,7 @@ struct BusCounters {
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
   Channel(const Runtime &runtime, DeviceSession &device, unsigned channel, std::string name,
-          ChannelSettings settings, LibraryGate &gate, DeliverySink sink);
+          ChannelSettings settings, DeliverySink sink);
   ~Channel();
   Channel(const Channel &) = delete;
   Channel &operator=(const Channel &) = delete;
@@ -85,6 +70,9 @@ public:
   // end side by side when each is asked first.
   void askToStop();
   void stop();
+  // Ends the threads only, for an adapter about to close (which stops the
+  // channel).
+  void join();
 
   const std::string &name() const { return name_; }
   // Whether the channel carries CAN FD frames (a CAN FD adapter opened with --fd).
@@ -113,7 +101,6 @@ private:
   const unsigned channel_;
   const std::string name_;
   const ChannelSettings settings_;
-  LibraryGate &gate_;
   DeliverySink sink_;
 
   std::mutex mutex_;
@@ -165,7 +152,6 @@ private:
   const Runtime &runtime_;
   const ChannelSettings settings_;
   DeliverySink sink_;
-  LibraryGate gate_;
   std::map<AdapterKey, OpenAdapter> adapters_;
 };
 

@@ -123,8 +123,7 @@ void Session::handleItem(const net::ElementReader::Item &item) {
   }
   net::Request request;
   std::string why;
-  bool unknown = false;
-  if (!net::parseRequest(item.text, request, why, unknown)) {
+  if (!net::parseRequest(item.text, request, why)) {
     replyError(why);
     return;
   }

@@ -280,6 +280,19 @@ bool UsbCan2Model::channelListenOnly(unsigned channel) const {
   return channel < kChannels && channels_[channel].listenOnly;
 }
 
+// The controller runs from a 16 MHz clock: a time quantum is 2 (BRP + 1)
+// clock periods and a bit 1 + (TSEG1 + 1) + (TSEG2 + 1) quanta, the fields
+// taken from the two timing registers.
+BitRates UsbCan2Model::bitRates(unsigned channel) const {
+  if (channel >= kChannels || !channels_[channel].initialised)
+    return {};
+  const Channel &ch = channels_[channel];
+  const unsigned prescaler = 2u * ((ch.timing0 & 0x3Fu) + 1u);
+  const unsigned quanta = 3u + (ch.timing1 & 0x0Fu) + ((ch.timing1 >> 4) & 0x07u);
+  const uint32_t rate = 16000000u / (prescaler * quanta);
+  return {rate, 0};
+}
+
 std::unique_ptr<DeviceModel> makeUsbCan2Model(unsigned devType) {
   for (const UsbCan2Identity &id : kIdentities)
     if (id.devType == devType)

@@ -29,6 +29,7 @@ public:
   // The adapter reports its serial number only through the board-information
   // command, never as a USB string.
   bool hasUsbSerialNumber() const override { return false; }
+  bool isTransmitEndpoint(uint8_t ep) const override { return ep == kDataOut; }
 
   int onHostWrite(ModelHost &host, uint8_t ep, const uint8_t *data, size_t len) override;
   void onBusFrame(ModelHost &host, unsigned channel, const CanFrame &frame,
@@ -38,6 +39,7 @@ public:
 
   bool channelStarted(unsigned channel) const override;
   bool channelListenOnly(unsigned channel) const override;
+  BitRates bitRates(unsigned channel) const override;
 
   // Acknowledge every transmit packet with the number of frames it put on
   // the bus. Off by default: an opened adapter streams without

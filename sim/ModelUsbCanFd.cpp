@@ -213,6 +213,12 @@ bool UsbCanFdModel::channelListenOnly(unsigned ch) const {
   return validChannel(ch) && channels_[ch].option0 == 1;
 }
 
+BitRates UsbCanFdModel::bitRates(unsigned ch) const {
+  if (!validChannel(ch) || !channels_[ch].configured)
+    return {};
+  return {channels_[ch].arbitration.bitRate(), channels_[ch].data.bitRate()};
+}
+
 void UsbCanFdModel::onReset() {
   channels_ = {};
   pending_.clear();

@@ -62,6 +62,7 @@ public:
   uint16_t productId() const override { return productId_; }
   unsigned channelCount() const override { return channelCount_; }
   EndpointShape endpointShape(uint8_t inEp) const override;
+  bool isTransmitEndpoint(uint8_t ep) const override { return ep == kDataOut; }
 
   int onHostWrite(ModelHost &host, uint8_t ep, const uint8_t *data, size_t len) override;
   void onBusFrame(ModelHost &host, unsigned channel, const CanFrame &frame,
@@ -71,6 +72,7 @@ public:
 
   bool channelStarted(unsigned channel) const override;
   bool channelListenOnly(unsigned channel) const override;
+  BitRates bitRates(unsigned channel) const override;
 
   const FdChannelState &channel(unsigned ch) const { return channels_.at(ch); }
   // Received records not yet packed into a data frame.

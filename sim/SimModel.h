@@ -26,6 +26,13 @@ struct CanFrame {
 
 using Bytes = std::vector<uint8_t>;
 
+// A channel's bit rates in bit/s: the nominal (arbitration) rate and the
+// CAN FD data-phase rate; 0 where the host has not set one.
+struct BitRates {
+  uint32_t nominal = 0;
+  uint32_t data = 0;
+};
+
 // What the adapter hosting a model offers it. Calls are made while the
 // adapter's own lock is held; frames given to sendToBus are routed after the
 // model call returns.
@@ -60,6 +67,10 @@ public:
   virtual EndpointShape endpointShape(uint8_t inEp) const = 0;
   // Whether the device descriptor names a serial number string.
   virtual bool hasUsbSerialNumber() const { return true; }
+  // Whether the host sends frames for the bus on OUT endpoint `ep`: such
+  // writes wait while the adapter's transmit queue is full. A fixed property
+  // of the endpoint, asked without the adapter's lock.
+  virtual bool isTransmitEndpoint(uint8_t) const { return false; }
 
   // The host wrote `len` bytes to OUT endpoint `ep`. Returns the number of
   // bytes accepted (normally len) or a negative libusb error.
@@ -82,6 +93,9 @@ public:
   // (does not send).
   virtual bool channelStarted(unsigned channel) const = 0;
   virtual bool channelListenOnly(unsigned channel) const = 0;
+  // The rates the host set the channel to; they decide how long its frames
+  // hold the bus.
+  virtual BitRates bitRates(unsigned) const { return {}; }
 };
 
 // Builds the model of a device type (3, 4, 41..43, 61, 62, 64..67); null for

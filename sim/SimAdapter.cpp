@@ -8,6 +8,8 @@
 #include <cstring>
 #include <string>
 
+#include "BusTiming.h"
+
 namespace wcansim {
 
 namespace {
@@ -58,11 +60,12 @@ Adapter::Adapter(AdapterId id, unsigned devType, std::unique_ptr<DeviceModel> mo
       hasUsbSerialNumber_(model_->hasUsbSerialNumber()), socket_(socketOf(id)),
       address_(nextBusAddress()), pluggedAt_(std::chrono::steady_clock::now()) {}
 
-uint32_t Adapter::deviceTimeUs() const {
-  const auto us = std::chrono::duration_cast<std::chrono::microseconds>(
-                      std::chrono::steady_clock::now() - pluggedAt_)
-                      .count();
-  return static_cast<uint32_t>(static_cast<uint64_t>(us));
+uint32_t Adapter::deviceTimeUs() const { return deviceTimeAt(std::chrono::steady_clock::now()); }
+
+uint32_t Adapter::deviceTimeAt(std::chrono::steady_clock::time_point at) const {
+  const auto us = std::chrono::duration_cast<std::chrono::microseconds>(at - pluggedAt_).count();
+  // A frame that ended before a replug is stamped at the plug-in.
+  return static_cast<uint32_t>(static_cast<uint64_t>(std::max<int64_t>(us, 0)));
 }
 
 void Adapter::queueIn(uint8_t ep, Bytes bytes) {
@@ -113,13 +116,28 @@ int Adapter::checkAlive(uint32_t generation) const {
 
 void Adapter::collectOutbox(BusFrames &toBus) {
   // A listen-only channel never drives the bus, whatever its model asks.
-  for (const BusFrame &f : outbox_) {
+  for (BusFrame &f : outbox_) {
     if (f.channel >= channelCount_ || model_->channelListenOnly(f.channel))
       continue;
-    sent_[f.channel].fetch_add(1, std::memory_order_relaxed);
+    f.duration = frameDurationLocked(f.channel, f.frame);
     toBus.push_back(f);
   }
   outbox_.clear();
+}
+
+std::chrono::nanoseconds Adapter::frameDurationLocked(unsigned channel,
+                                                      const CanFrame &frame) const {
+  return wcansim::frameDuration(frame, model_->bitRates(channel));
+}
+
+std::chrono::nanoseconds Adapter::frameDuration(unsigned channel, const CanFrame &frame) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return frameDurationLocked(channel, frame);
+}
+
+void Adapter::noteSent(unsigned channel) {
+  if (channel < kMaxChannels)
+    sent_[channel].fetch_add(1, std::memory_order_relaxed);
 }
 
 int Adapter::write(uint32_t generation, uint8_t ep, const uint8_t *data, int len, int *transferred,
@@ -199,11 +217,12 @@ int Adapter::resetDevice(uint32_t generation) {
   return 0;
 }
 
-bool Adapter::deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus) {
+bool Adapter::deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus,
+                      std::chrono::steady_clock::time_point at) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!isPlugged() || channel >= channelCount_ || !model_->channelStarted(channel))
     return false;
-  model_->onBusFrame(*this, channel, frame, deviceTimeUs());
+  model_->onBusFrame(*this, channel, frame, deviceTimeAt(at));
   delivered_[channel].fetch_add(1, std::memory_order_relaxed);
   collectOutbox(toBus);
   dataOrGone_.notify_all();

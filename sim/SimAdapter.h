@@ -22,10 +22,12 @@ namespace wcansim {
 
 constexpr unsigned kMaxChannels = 16;
 
-// A frame leaving an adapter channel for the bus.
+// A frame leaving an adapter channel for the bus, and how long its bits
+// take at the channel's rates.
 struct BusFrame {
   unsigned channel;
   CanFrame frame;
+  std::chrono::nanoseconds duration{};
 };
 using BusFrames = std::vector<BusFrame>;
 
@@ -74,8 +76,15 @@ public:
   int resetDevice(uint32_t generation);
   int checkAlive(uint32_t generation) const;
 
-  // A frame on the bus reached `channel`; returns whether the channel took it.
-  bool deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus);
+  // A frame whose last bit passed at `at` reached `channel`; returns whether
+  // the channel took it.
+  bool deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus,
+               std::chrono::steady_clock::time_point at);
+  // The channel put a frame on the bus.
+  void noteSent(unsigned channel);
+  // How long a frame takes on the bus at the channel's rates.
+  std::chrono::nanoseconds frameDuration(unsigned channel, const CanFrame &frame) const;
+  bool isTransmitEndpoint(uint8_t ep) const { return model_->isTransmitEndpoint(ep); }
 
   void unplug();
   void replug();
@@ -99,6 +108,8 @@ private:
     int remaining;
   };
 
+  uint32_t deviceTimeAt(std::chrono::steady_clock::time_point at) const;
+  std::chrono::nanoseconds frameDurationLocked(unsigned channel, const CanFrame &frame) const;
   void enqueue(uint8_t ep, Bytes bytes);
   void applyReplyFault(Bytes &reply);
   int takeFromQueue(uint8_t ep, uint8_t *buf, int len);

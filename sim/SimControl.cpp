@@ -20,9 +20,7 @@ void reset() { bed().reset(); }
 
 AdapterId plugIn(unsigned devType) { return bed().plugIn(devType); }
 
-void unplug(AdapterId adapter) {
-  withAdapter(adapter, [](Adapter &a) { a.unplug(); });
-}
+void unplug(AdapterId adapter) { bed().unplug(adapter); }
 
 void replug(AdapterId adapter) {
   withAdapter(adapter, [](Adapter &a) { a.replug(); });
@@ -83,6 +81,10 @@ uint64_t framesDelivered(AdapterId adapter, unsigned channel) {
   return a ? a->framesDelivered(channel) : 0;
 }
 
+void setPacing(bool on) { bed().setPacing(on); }
+
+bool pacing() { return bed().pacing(); }
+
 int64_t lastReadEndNs(AdapterId adapter, uint8_t ep) {
   auto a = bed().adapter(adapter);
   return a ? a->lastReadEndNs(ep) : 0;
@@ -96,4 +98,5 @@ int wcan_sim_plug_in(unsigned devType) { return wcansim::plugIn(devType); }
 void wcan_sim_reset(void) { wcansim::reset(); }
 void wcan_sim_unplug(int adapter) { wcansim::unplug(adapter); }
 void wcan_sim_replug(int adapter) { wcansim::replug(adapter); }
+void wcan_sim_set_pacing(int on) { wcansim::setPacing(on != 0); }
 }

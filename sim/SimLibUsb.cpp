@@ -242,10 +242,15 @@ int transfer(libusb_device_handle *handle, unsigned char ep, unsigned char *data
   Adapter &adapter = *keep;
   if ((ep & LIBUSB_ENDPOINT_IN) != 0)
     return adapter.read(handle->generation, ep, data, length, count, timeout);
+  // A full transmit queue holds the transfer back as a NAKing device does.
+  if (adapter.isTransmitEndpoint(ep)) {
+    const int rc = Testbed::instance().awaitTransmitRoom(adapter, handle->generation, timeout);
+    if (rc != 0)
+      return rc;
+  }
   wcansim::BusFrames toBus;
   const int rc = adapter.write(handle->generation, ep, data, length, count, toBus);
-  if (!toBus.empty())
-    Testbed::instance().route(adapter, toBus);
+  Testbed::instance().route(keep, toBus);
   return rc;
 }
 
@@ -333,7 +338,10 @@ void libusb_close(libusb_device_handle *dev_handle) {
 int libusb_reset_device(libusb_device_handle *dev_handle) {
   if (dev_handle == nullptr)
     return LIBUSB_ERROR_INVALID_PARAM;
-  return dev_handle->adapter->resetDevice(dev_handle->generation);
+  const int rc = dev_handle->adapter->resetDevice(dev_handle->generation);
+  if (rc == 0)
+    Testbed::instance().dropUnsent(dev_handle->adapter->id());
+  return rc;
 }
 
 int libusb_clear_halt(libusb_device_handle *dev_handle, unsigned char) {

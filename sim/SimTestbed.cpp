@@ -1,7 +1,11 @@
 #include "SimTestbed.h"
 
+#include <libusb-1.0/libusb.h>
+
 #include <algorithm>
 #include <new>
+
+#include "BusTiming.h"
 
 namespace wcansim {
 
@@ -33,6 +37,7 @@ void Testbed::reset() {
   }
   for (const auto &a : gone)
     a->remove();
+  bus_.dropAll();
 }
 
 AdapterId Testbed::plugIn(unsigned devType) {
@@ -47,6 +52,13 @@ AdapterId Testbed::plugIn(unsigned devType) {
     links_.insert(makeLink({id, ch}, {id, ch + 1}));
   adapters_.push_back(std::move(adapter));
   return id;
+}
+
+void Testbed::unplug(AdapterId id) {
+  if (auto a = adapter(id)) {
+    a->unplug();
+    bus_.drop(id);
+  }
 }
 
 std::shared_ptr<Adapter> Testbed::adapter(AdapterId id) const {
@@ -70,10 +82,10 @@ std::vector<std::shared_ptr<Adapter>> Testbed::pluggedAdapters() const {
 
 bool Testbed::anyPlugged() const { return !pluggedAdapters().empty(); }
 
-Testbed::Link Testbed::makeLink(Port a, Port b) { return b < a ? Link{b, a} : Link{a, b}; }
+Testbed::Link Testbed::makeLink(BusPort a, BusPort b) { return b < a ? Link{b, a} : Link{a, b}; }
 
 void Testbed::connect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB) {
-  const Port pa{a, channelA}, pb{b, channelB};
+  const BusPort pa{a, channelA}, pb{b, channelB};
   if (pa == pb)
     return;
   std::lock_guard<std::mutex> lock(mutex_);
@@ -95,9 +107,9 @@ void Testbed::disconnectAll(AdapterId adapter) {
   }
 }
 
-std::vector<Testbed::Destination> Testbed::linkedTo(Port from, bool includeSelf) const {
+std::vector<Testbed::Destination> Testbed::linkedTo(BusPort from, bool includeSelf) const {
   std::vector<Destination> to;
-  auto add = [&](Port p) {
+  auto add = [&](BusPort p) {
     if (p.adapter >= 0 && static_cast<size_t>(p.adapter) < adapters_.size())
       to.push_back({adapters_[static_cast<size_t>(p.adapter)], p.channel});
   };
@@ -112,37 +124,84 @@ std::vector<Testbed::Destination> Testbed::linkedTo(Port from, bool includeSelf)
   return to;
 }
 
-void Testbed::deliverAll(const std::vector<Destination> &to, const CanFrame &frame) {
+// Cables are not transitive for delivery (a frame reaches the channels
+// cabled to its own), but every channel reachable over cables shares the
+// bus's time.
+std::vector<BusPort> Testbed::busOf(BusPort port) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<BusPort> bus{port};
+  for (size_t i = 0; i < bus.size(); ++i) {
+    for (const Link &l : links_) {
+      const BusPort *other = l.first == bus[i]    ? &l.second
+                             : l.second == bus[i] ? &l.first
+                                                  : nullptr;
+      if (other != nullptr && std::find(bus.begin(), bus.end(), *other) == bus.end())
+        bus.push_back(*other);
+    }
+  }
+  return bus;
+}
+
+bool Testbed::isCurrent(const Adapter &adapter) const {
+  const auto id = static_cast<size_t>(adapter.id());
+  return id < adapters_.size() && adapters_[id].get() == &adapter;
+}
+
+int Testbed::awaitTransmitRoom(const Adapter &adapter, uint32_t generation, unsigned timeoutMs) {
+  if (!pacing())
+    return 0;
+  switch (bus_.awaitRoom(adapter.id(), timeoutMs, [&] { return adapter.isCurrent(generation); })) {
+  case PacedBus::Room::Free:
+    return 0;
+  case PacedBus::Room::TimedOut:
+    return LIBUSB_ERROR_TIMEOUT;
+  case PacedBus::Room::Gone:
+    break;
+  }
+  return LIBUSB_ERROR_NO_DEVICE;
+}
+
+void Testbed::carry(const Transmission &t, std::chrono::steady_clock::time_point end) {
+  std::vector<Destination> to;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // An adapter removed by a reset is cabled to nothing any more.
+    if (t.sender && !isCurrent(*t.sender))
+      return;
+    to = linkedTo(t.from.cable(), t.sender == nullptr);
+  }
+  if (t.sender) {
+    if (!t.sender->isPlugged())
+      return;
+    t.sender->noteSent(t.from.channel);
+  }
   for (const Destination &d : to) {
     BusFrames answers;
-    d.adapter->deliver(d.channel, frame, answers);
-    if (!answers.empty())
-      route(*d.adapter, answers);
+    d.adapter->deliver(d.channel, t.frame, answers, end);
+    route(d.adapter, answers);
   }
 }
 
-void Testbed::route(const Adapter &from, const BusFrames &frames) {
+void Testbed::route(const std::shared_ptr<Adapter> &from, const BusFrames &frames) {
   for (const BusFrame &f : frames) {
-    std::vector<Destination> to;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      const auto id = static_cast<size_t>(from.id());
-      // An adapter removed by a reset is cabled to nothing any more.
-      if (id >= adapters_.size() || adapters_[id].get() != &from)
-        return;
-      to = linkedTo({from.id(), f.channel}, false);
-    }
-    deliverAll(to, f.frame);
+    Transmission t{{from->id(), f.channel}, from, f.frame, f.duration};
+    if (pacing())
+      bus_.send(std::move(t));
+    else
+      carry(t, std::chrono::steady_clock::now());
   }
 }
 
 void Testbed::inject(AdapterId adapter, unsigned channel, const CanFrame &frame) {
-  std::vector<Destination> to;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    to = linkedTo({adapter, channel}, true);
+  const auto at = this->adapter(adapter);
+  Transmission t{{adapter, channel, true}, nullptr, frame, {}};
+  if (!pacing()) {
+    carry(t, std::chrono::steady_clock::now());
+    return;
   }
-  deliverAll(to, frame);
+  // The foreign node keeps the rates of the channel it shares the bus with.
+  t.duration = at ? at->frameDuration(channel, frame) : frameDuration(frame, {});
+  bus_.sendAndWait(std::move(t));
 }
 
 } // namespace wcansim

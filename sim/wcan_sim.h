@@ -7,6 +7,12 @@
 // libusb_init: WCAN_SIM=41,41,4,61 plugs in two CAN FD adapters of type 41,
 // one classic adapter of type 4 and one recorder of type 61.
 // WCAN_SIM_TRACE=1 logs every transfer as hex on standard error.
+//
+// Frames take the time their bits take at the channels' bit rates, one at a
+// time per bus, and a write of frames waits while the adapter's transmit
+// queue is full. WCAN_SIM_PACE=0 in the environment, or setPacing(false),
+// turns this off: a frame then reaches its receivers before the write that
+// sent it returns.
 #pragma once
 
 #include <cstdint>
@@ -56,7 +62,8 @@ void disconnect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
 void disconnectAll(AdapterId adapter);
 
 // Put a frame on the bus of a channel as if a foreign node had sent it: the
-// channel and the channels linked to it receive it (if started).
+// channel and the channels linked to it receive it (if started). Returns once
+// the frame has crossed the bus.
 void injectFrame(AdapterId adapter, unsigned channel, const CanFrame &frame);
 
 // The model behind an adapter, for assertions on its state. Use only while no
@@ -66,6 +73,11 @@ DeviceModel *model(AdapterId adapter);
 // Frames each adapter channel put on the bus / received from it.
 uint64_t framesSent(AdapterId adapter, unsigned channel);
 uint64_t framesDelivered(AdapterId adapter, unsigned channel);
+
+// Whether frames take their time on the bus (on unless WCAN_SIM_PACE=0).
+// Turning pacing off carries the frames still queued at once.
+void setPacing(bool on);
+bool pacing();
 
 // When a read on IN endpoint `ep` last returned data: nanoseconds of
 // std::chrono::steady_clock since its epoch (0 if never). Benchmarks time
@@ -81,4 +93,5 @@ int wcan_sim_plug_in(unsigned devType);
 void wcan_sim_reset(void);
 void wcan_sim_unplug(int adapter);
 void wcan_sim_replug(int adapter);
+void wcan_sim_set_pacing(int on);
 }

@@ -1,102 +1,15 @@
 // The libusb simulation layer and the virtual bus, seen through libusb calls.
-#include <gtest/gtest.h>
-#include <libusb-1.0/libusb.h>
-#include <time.h>
-
 #include <chrono>
 #include <future>
 #include <thread>
 
+#include "SimUsbHost.h"
 #include "sim/ModelUsbCanFd.h"
-#include "sim/wcan_sim.h"
 
 namespace wcansim {
 namespace {
 
-constexpr uint8_t kCmd = 0x01, kReply = 0x81, kData = 0x02, kStream = 0x83;
-
-double threadCpuMs() {
-  timespec ts{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
-}
-
-class SimCore : public ::testing::Test {
-protected:
-  libusb_context *ctx = nullptr;
-  std::vector<libusb_device_handle *> handles;
-
-  void SetUp() override {
-    reset();
-    ASSERT_EQ(libusb_init(&ctx), 0);
-  }
-  void TearDown() override {
-    for (auto *h : handles)
-      libusb_close(h);
-    libusb_exit(ctx);
-    reset();
-  }
-
-  // The devices with these ids, in list order; opened (and closed at the end)
-  // when `open` is set.
-  std::vector<uint8_t> find(libusb_context *c, uint16_t vid, uint16_t pid,
-                            libusb_device_handle **open = nullptr, int index = 0) {
-    libusb_device **list = nullptr;
-    const ssize_t n = libusb_get_device_list(c, &list);
-    std::vector<uint8_t> found;
-    for (ssize_t i = 0; i < n; ++i) {
-      libusb_device_descriptor d{};
-      EXPECT_EQ(libusb_get_device_descriptor(list[i], &d), 0);
-      if (d.idVendor != vid || d.idProduct != pid)
-        continue;
-      if (open != nullptr && index-- == 0 && libusb_open(list[i], open) == 0)
-        handles.push_back(*open);
-      found.push_back(libusb_get_device_address(list[i]));
-    }
-    libusb_free_device_list(list, 1);
-    return found;
-  }
-  libusb_device_handle *openFd(int index = 0) {
-    libusb_device_handle *h = nullptr;
-    find(ctx, 0x3068, 0x0009, &h, index);
-    return h;
-  }
-
-  static int send(libusb_device_handle *h, uint8_t ep, Bytes bytes) {
-    int n = -1;
-    const int rc =
-        libusb_interrupt_transfer(h, ep, bytes.data(), static_cast<int>(bytes.size()), &n, 1000);
-    return rc == 0 ? n : rc;
-  }
-  static Bytes receive(libusb_device_handle *h, uint8_t ep, int room = 64,
-                       unsigned timeoutMs = 200) {
-    Bytes buf(static_cast<size_t>(room));
-    int n = -1;
-    const int rc = libusb_bulk_transfer(h, ep, buf.data(), room, &n, timeoutMs);
-    EXPECT_TRUE(rc == 0 || n == 0);
-    buf.resize(rc == 0 ? static_cast<size_t>(n) : 0);
-    return buf;
-  }
-  static Bytes command(libusb_device_handle *h, Bytes cmd) {
-    EXPECT_EQ(send(h, kCmd, cmd), static_cast<int>(cmd.size()));
-    return receive(h, kReply);
-  }
-  static void startChannel(libusb_device_handle *h, uint8_t ch) {
-    ASSERT_EQ(command(h, {0x55, 0x0E, 0x02, 0x00, static_cast<uint8_t>(ch << 4)}).at(3), 0);
-  }
-  static void makeListenOnly(libusb_device_handle *h, uint8_t ch) {
-    Bytes init{0x55, 0x03, ch, 0x01, 0x00, 0x01, 60, 0, 5, 0, 0, 6,
-               0,    1,    0,  60,   0,    5,    0,  0, 6, 0, 1, 0};
-    ASSERT_EQ(command(h, init).at(3), 0);
-  }
-  // One classic data frame with one record, id `id`, on channel `ch`.
-  static Bytes dataFrame(uint8_t ch, uint8_t id) {
-    Bytes f{0x55, 0xF2, 0, 0, 19, 0,    1,   static_cast<uint8_t>(ch << 4), 0, 0, 0, 0, 0,
-            id,   0,    0, 0, 2,  0x11, 0x22};
-    f.resize(7 + 19, 0);
-    return f;
-  }
-};
+using SimCore = SimUsbHost;
 
 TEST_F(SimCore, EnumeratesAdaptersWithEqualIdsInPlugOrder) {
   for (unsigned type : {41u, 64u, 42u, 43u})

@@ -75,15 +75,19 @@ struct AdapterResult {
   double seconds = 0;
 };
 
-// Frames sent that did not arrive, whatever the arrival order.
+// Frames sent that did not arrive, whatever the arrival order. They mostly
+// arrive in the order sent, so each search starts after the last match.
 size_t countLost(const std::vector<Frame> &sent, const std::vector<RxFrame> &received) {
   std::vector<bool> used(received.size(), false);
   size_t lost = 0;
+  size_t next = 0;
   for (const Frame &f : sent) {
     bool found = false;
-    for (size_t i = 0; i < received.size() && !found; ++i) {
+    for (size_t k = 0; k < received.size() && !found; ++k) {
+      const size_t i = (next + k) % received.size();
       if (!used[i] && received[i].frame == f) {
         used[i] = true;
+        next = i + 1;
         found = true;
       }
     }

@@ -44,8 +44,9 @@ DEFAULT_QUEUE_SIZE = 200_000
 
 _FDF = 0x10  # _WCAN_CANFD_OBJ.fdFlags
 _BRS = 0x08
-_FD_LENGTHS = (0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 12, 12, 12, 16, 16, 16, 16, 20, 20, 20, 20, 24)
-_FD_LENGTHS += (24,) * 3 + (32,) * 8 + (48,) * 16 + (64,) * 16
+_FD_FRAME_LENGTHS = (0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64)
+# The CAN FD frame length that holds n bytes, by n.
+_FD_LENGTHS = tuple(min(n for n in _FD_FRAME_LENGTHS if n >= size) for size in range(65))
 
 # id, time stamp, flags, remote, extended, length, data: both records alike.
 _CLASSIC_RECORD = struct.Struct("<IIBx??B3x8s")
@@ -61,16 +62,16 @@ class Settings(NamedTuple):
     listen_only: bool
 
 
-DEFAULTS = Settings(bitrate=500000, data_bitrate=2000000, fd=None, listen_only=False)
+DEFAULT_BITRATE = 500000
+DEFAULT_DATA_BITRATE = 2000000
 
 
 def resolve_settings(kind, asked):
     """Settings with the defaults filled in; ValueError for what the adapter cannot do."""
-    fd = asked.fd if asked.fd is not None else kind.family == _adapters.CAN_FD
     settings = Settings(
-        bitrate=asked.bitrate or DEFAULTS.bitrate,
-        data_bitrate=asked.data_bitrate or DEFAULTS.data_bitrate,
-        fd=fd,
+        bitrate=asked.bitrate or DEFAULT_BITRATE,
+        data_bitrate=asked.data_bitrate or DEFAULT_DATA_BITRATE,
+        fd=asked.fd if asked.fd is not None else kind.family == _adapters.CAN_FD,
         listen_only=bool(asked.listen_only),
     )
     if kind.family == _adapters.CLASSIC:

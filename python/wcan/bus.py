@@ -37,12 +37,16 @@ def _flag(value):
 
 
 def _number(name, value):
+    """A positive count that fits the library's 32-bit fields, or None."""
     if value is None:
         return None
     try:
-        return int(value)
+        number = int(value)
     except (TypeError, ValueError):
-        raise CanInitializationError(f"{name} must be a number of bit/s, not {value!r}") from None
+        number = 0
+    if not 0 < number < 2**32:
+        raise CanInitializationError(f"{name} must be a positive whole number, not {value!r}")
+    return number
 
 
 class WcanBus(BusABC):
@@ -90,7 +94,7 @@ class WcanBus(BusABC):
             _flag(fd),
             _flag(listen_only),
         )
-        self._inbox = _channels.Inbox(int(receive_queue_size))
+        self._inbox = _channels.Inbox(_number("receive_queue_size", receive_queue_size))
         self._subscriber = _channels.Subscriber(self._inbox, bool(_flag(receive_own_messages)))
         try:
             self._channel = _channels.attach(lib, name, asked, self._subscriber)

@@ -111,6 +111,8 @@ def test_shutdown_from_another_thread_wakes_a_blocked_recv(open_bus):
         ("wcan4-0-0", {"fd": True}, "classic CAN adapter without CAN FD"),
         ("wcan4-0-0", {"bitrate": 300000}, "300000 is not available on the classic adapter"),
         ("wcan41-0-0", {"bitrate": 300000}, "Baud Rate Parameter Not Supported!"),
+        ("wcan41-0-0", {"bitrate": 2**32 + 500000}, "bitrate must be a positive whole number"),
+        ("wcan41-0-0", {"receive_queue_size": 0}, "receive_queue_size must be a positive"),
     ],
 )
 def test_a_bus_that_cannot_open_says_why_and_leaves_nothing_open(channel, kwargs, reason):

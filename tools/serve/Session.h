@@ -118,7 +118,6 @@ private:
 
   uint64_t missed_ = 0;      // frames dropped because the client did not read
   uint64_t missedInRun_ = 0; // since the client last kept up
-  uint64_t cycleOverruns_ = 0;
 
   std::map<uint32_t, std::unique_ptr<Cycle>> cycles_;
   std::map<uint32_t, std::unique_ptr<Subscription>> subscriptions_;

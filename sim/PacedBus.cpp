@@ -1,5 +1,7 @@
 #include "PacedBus.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -56,8 +58,10 @@ void PacedBus::setEnabled(bool on) {
 }
 
 uint64_t PacedBus::enqueueLocked(Transmission t) {
-  if (!thread_.joinable())
+  if (!thread_.joinable()) {
     thread_ = std::thread([this] { run(); });
+    pthread_setname_np(thread_.native_handle(), "wcansim-bus");
+  }
   const uint64_t ticket = nextTicket_++;
   const Clock::time_point now = Clock::now();
   queues_[t.from].push_back({std::move(t), now, ticket});
@@ -125,7 +129,7 @@ void PacedBus::dropLocked(bool all, AdapterId adapter) {
 // Puts every queued frame whose turn on its bus has come by `now` on the
 // schedule, and notes when the next one's turn comes.
 void PacedBus::advance(Clock::time_point now) {
-  bool moved = false;
+  bool roomMade = false;
   for (bool progress = true; progress;) {
     progress = false;
     nextStart_ = Clock::time_point::max();
@@ -138,22 +142,51 @@ void PacedBus::advance(Clock::time_point now) {
       buses.push_back(wiring_.busOf(cable));
       seen.insert(seen.end(), buses.back().begin(), buses.back().end());
     }
-    for (const auto &bus : buses)
-      progress = startNext(bus, now) || progress;
-    moved = moved || progress;
+    for (const auto &bus : buses) {
+      const std::optional<BusPort> from = startNext(bus, now);
+      progress = progress || from.has_value();
+      roomMade = roomMade ||
+                 (from && !from->foreign && queuedFrom(from->adapter) + 1 == kTransmitQueueFrames);
+    }
   }
-  if (moved)
-    changed_.notify_all(); // the senders' queues have room again
+  if (roomMade)
+    changed_.notify_all();
 }
 
-// The next frame on `bus`, if the bus is free by `now` and a frame waits.
-bool PacedBus::startNext(const std::vector<BusPort> &bus, Clock::time_point now) {
+// The earliest moment the adapter's transmit queue can have room: each bus
+// takes the adapter's frames one after another from when it comes free, and
+// other senders can only hold them back further.
+PacedBus::Clock::time_point PacedBus::earliestRoom(AdapterId adapter) const {
+  const size_t queued = queuedFrom(adapter);
+  if (queued < kTransmitQueueFrames)
+    return Clock::time_point::min();
+  std::vector<Clock::time_point> starts;
+  for (auto it = queues_.lower_bound({adapter, 0, false});
+       it != queues_.end() && it->first.adapter == adapter; ++it) {
+    if (it->first.foreign)
+      continue;
+    const auto free = freeAt_.find(it->first);
+    Clock::time_point t = free != freeAt_.end() ? free->second : Clock::time_point::min();
+    for (const Queued &q : it->second) {
+      t = std::max(t, q.queuedAt);
+      starts.push_back(t);
+      t += q.tx.duration;
+    }
+  }
+  const auto nth = starts.begin() + static_cast<std::ptrdiff_t>(queued - kTransmitQueueFrames);
+  std::nth_element(starts.begin(), nth, starts.end());
+  return *nth;
+}
+
+// Puts the next frame on `bus` if the bus is free by `now` and a frame
+// waits; returns where it came from.
+std::optional<BusPort> PacedBus::startNext(const std::vector<BusPort> &bus, Clock::time_point now) {
   std::vector<QueueIt> waiting;
   for (auto it = queues_.begin(); it != queues_.end(); ++it)
     if (onBus(bus, it->first))
       waiting.push_back(it);
   if (waiting.empty())
-    return false;
+    return std::nullopt;
   Clock::time_point start = Clock::time_point::max();
   for (QueueIt q : waiting)
     start = std::min(start, q->second.front().queuedAt);
@@ -162,7 +195,7 @@ bool PacedBus::startNext(const std::vector<BusPort> &bus, Clock::time_point now)
       start = std::max(start, it->second);
   if (start > now) {
     nextStart_ = std::min(nextStart_, start);
-    return false;
+    return std::nullopt;
   }
   const QueueIt queue = arbitrate(waiting, start);
   Queued q = std::move(queue->second.front());
@@ -172,8 +205,9 @@ bool PacedBus::startNext(const std::vector<BusPort> &bus, Clock::time_point now)
   const Clock::time_point end = start + (enabled() ? q.tx.duration : std::chrono::nanoseconds(0));
   for (const BusPort &p : bus)
     freeAt_[p] = end;
+  const BusPort from = q.tx.from;
   scheduled_.emplace(end, std::move(q));
-  return true;
+  return from;
 }
 
 // Arbitration as the bus runs it: the frames waiting when the bus comes free

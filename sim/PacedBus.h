@@ -21,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <thread>
 #include <tuple>
@@ -111,7 +112,8 @@ private:
 
   uint64_t enqueueLocked(Transmission t);
   void advance(Clock::time_point now);
-  bool startNext(const std::vector<BusPort> &bus, Clock::time_point now);
+  std::optional<BusPort> startNext(const std::vector<BusPort> &bus, Clock::time_point now);
+  Clock::time_point earliestRoom(AdapterId adapter) const;
   QueueIt arbitrate(const std::vector<QueueIt> &waiting, Clock::time_point start) const;
   void run();
   void deliverFinished(std::unique_lock<std::mutex> &lock, Clock::time_point now);
@@ -149,8 +151,9 @@ PacedBus::Room PacedBus::awaitRoom(AdapterId adapter, unsigned timeoutMs, Alive 
       return Room::Free;
     if (now >= deadline)
       return Room::TimedOut;
-    // Room comes when the bus takes the next queued frame.
-    const Clock::time_point until = std::min(deadline, nextStart_);
+    // No room before the bus takes enough of the adapter's frames, nor
+    // before it takes the next frame at all.
+    const Clock::time_point until = std::min(deadline, std::max(nextStart_, earliestRoom(adapter)));
     if (until == Clock::time_point::max())
       changed_.wait(lock);
     else

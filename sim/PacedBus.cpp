@@ -115,8 +115,10 @@ void PacedBus::dropLocked(bool all, AdapterId adapter) {
       awaited_.erase(q.ticket);
     it = queues_.erase(it);
   }
+  // Frames already through stay on the schedule: they reach their receivers.
+  const Clock::time_point now = Clock::now();
   for (auto it = scheduled_.begin(); it != scheduled_.end();) {
-    if (!gone(it->second.tx.from)) {
+    if (!gone(it->second.tx.from) || (!all && it->first <= now)) {
       ++it;
       continue;
     }
@@ -234,7 +236,7 @@ void PacedBus::run() {
     const Clock::time_point now = Clock::now();
     advance(now);
     const bool due = !scheduled_.empty() && scheduled_.begin()->first <= now;
-    if (due && (now >= nextRound || !enabled())) {
+    if (due && (now >= nextRound || !enabled() || scheduled_.begin()->first <= catchUpTo_)) {
       deliverFinished(lock, now);
       nextRound = now + kRound;
     } else if (scheduled_.empty()) {
@@ -245,6 +247,16 @@ void PacedBus::run() {
       work_.wait_until(lock, wake);
     }
   }
+}
+
+void PacedBus::catchUp() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  const Clock::time_point now = Clock::now();
+  catchUpTo_ = std::max(catchUpTo_, now);
+  work_.notify_all();
+  changed_.wait(lock, [&] {
+    return (scheduled_.empty() || scheduled_.begin()->first > now) && carrying_ == 0;
+  });
 }
 
 // Hands every frame whose last bit is through by `now` to its receivers, in

@@ -97,7 +97,11 @@ public:
   // waits without limit.
   template <class Alive> Room awaitRoom(AdapterId adapter, unsigned timeoutMs, Alive alive);
 
-  // The adapter's queued and travelling frames vanish (unplug, USB reset).
+  // Returns once every frame whose last bit went out by now reached its
+  // receivers, however far the delivery thread lags. Not for that thread.
+  void catchUp();
+  // The adapter's queued frames and the one it is sending vanish (unplug,
+  // USB reset); the frames it finished sending still arrive.
   void drop(AdapterId adapter);
   void dropAll();
 
@@ -129,8 +133,9 @@ private:
   Schedule scheduled_;                                     // on the bus or through, not carried yet
   std::map<BusPort, Clock::time_point> freeAt_;            // when the last frame heard there ends
   Clock::time_point nextStart_ = Clock::time_point::max(); // of the next queued frame
-  std::set<uint64_t> awaited_;                             // tickets of sendAndWait callers
-  size_t carrying_ = 0;                                    // frames being handed to receivers
+  Clock::time_point catchUpTo_{}; // deliver what ended by then without waiting for a round
+  std::set<uint64_t> awaited_;    // tickets of sendAndWait callers
+  size_t carrying_ = 0;           // frames being handed to receivers
   uint64_t nextTicket_ = 1;
   bool stopping_ = false;
   std::thread thread_; // started by the first frame

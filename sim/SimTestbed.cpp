@@ -54,8 +54,11 @@ AdapterId Testbed::plugIn(unsigned devType) {
   return id;
 }
 
+// What the bus finished before the unplug still reaches the adapter and
+// leaves it; what it was still carrying is cut off.
 void Testbed::unplug(AdapterId id) {
   if (auto a = adapter(id)) {
+    bus_.catchUp();
     a->unplug();
     bus_.drop(id);
   }
@@ -170,11 +173,8 @@ void Testbed::carry(const Transmission &t, std::chrono::steady_clock::time_point
       return;
     to = linkedTo(t.from.cable(), t.sender == nullptr);
   }
-  if (t.sender) {
-    if (!t.sender->isPlugged())
-      return;
+  if (t.sender)
     t.sender->noteSent(t.from.channel);
-  }
   for (const Destination &d : to) {
     BusFrames answers;
     d.adapter->deliver(d.channel, t.frame, answers, end);
@@ -183,6 +183,8 @@ void Testbed::carry(const Transmission &t, std::chrono::steady_clock::time_point
 }
 
 void Testbed::route(const std::shared_ptr<Adapter> &from, const BusFrames &frames) {
+  if (!from->isPlugged())
+    return; // unplugged after taking the write
   for (const BusFrame &f : frames) {
     Transmission t{{from->id(), f.channel}, from, f.frame, f.duration};
     if (pacing())

@@ -191,3 +191,18 @@ def test_control_mode_reports_the_bus_counters_and_the_frames_a_client_missed(se
     assert rx.silent(0.2)
     tx_stats = server.connect("wcan41-0-0", "controlmode")
     tx_stats.request("statistics 10", "stat 0 0 10 3 0")
+
+
+@pytest.mark.parametrize("setup,request_text,reply", [
+    ([f"add 1 0 {i:03X} 0" for i in range(256)], "add 1 0 7FF 0",
+     "error at most 256 cyclic transmissions per client"),
+    ([f"add 0 100 {i:03X} 0" for i in range(5)], "add 0 100 7FF 0",
+     "error cyclic transmissions of one client add up to at most 50000 frames/s"),
+    ([f"subscribe 0 0 {i:08X}" for i in range(4096)], "subscribe 0 0 7FF",
+     "error at most 4096 subscriptions per client"),
+], ids=["cycles", "cyclic-rate", "subscriptions"])
+def test_the_broadcast_manager_work_of_one_client_is_bounded(shared, setup, request_text, reply):
+    c = shared.connect("wcan41-0-0")
+    c.send("".join(f"< {r} >" for r in setup))
+    c.request("echo", "echo")
+    c.request(request_text, reply)

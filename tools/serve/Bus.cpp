@@ -103,11 +103,11 @@ void Channel::stop() {
   runtime_.wcan().WCAN_Stop(device_.type().type, device_.index(), channel_);
 }
 
-void Channel::transmit(uint64_t origin, const std::vector<Frame> &frames) {
+void Channel::transmit(uint64_t origin, bool cyclic, const std::vector<Frame> &frames) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     for (const Frame &f : frames)
-      txQueue_.push_back({origin, f});
+      txQueue_.push_back({origin, cyclic, f});
   }
   wake_.notify_all();
 }
@@ -149,7 +149,7 @@ void Channel::readLoop(bool fdQueue) {
     const auto before = Clock::now();
     const int n = receive(fdQueue, frames);
     if (n > 0) {
-      deliver(0, std::move(frames), 0, {});
+      deliver(0, false, std::move(frames), 0, {});
     } else if (Clock::now() - before < std::chrono::milliseconds(kReceiveWaitMs / 2)) {
       // The library returned without waiting (an error): do not spin on it.
       pauseAfterFailedWait();
@@ -164,7 +164,9 @@ std::vector<Channel::TxItem> Channel::nextTransmitRun() {
   if (stopping_)
     return run;
   const uint64_t origin = txQueue_.front().origin;
-  while (!txQueue_.empty() && run.size() < kTxBatch && txQueue_.front().origin == origin) {
+  const bool cyclic = txQueue_.front().cyclic;
+  while (!txQueue_.empty() && run.size() < kTxBatch && txQueue_.front().origin == origin &&
+         txQueue_.front().cyclic == cyclic) {
     run.push_back(txQueue_.front());
     txQueue_.pop_front();
   }
@@ -197,15 +199,17 @@ void Channel::transmitLoop() {
       echoed.push_back({frames[i], now});
     if (!failure.empty())
       std::fprintf(stderr, "wcan serve: %s: %s\n", name_.c_str(), failure.c_str());
-    deliver(run.front().origin, std::move(echoed), frames.size() - sent, failure);
+    deliver(run.front().origin, run.front().cyclic, std::move(echoed), frames.size() - sent,
+            failure);
   }
 }
 
-void Channel::deliver(uint64_t origin, std::vector<TimedFrame> frames, size_t failed,
+void Channel::deliver(uint64_t origin, bool cyclic, std::vector<TimedFrame> frames, size_t failed,
                       const std::string &failure) {
   auto d = std::make_unique<Delivery>();
   d->channel = shared_from_this();
   d->origin = origin;
+  d->cyclic = cyclic;
   d->failed = failed;
   if (failed > 0)
     d->failure = "could not send " + std::to_string(failed) + " frame" + (failed == 1 ? "" : "s") +

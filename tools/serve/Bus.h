@@ -43,6 +43,7 @@ class Channel;
 struct Delivery {
   std::shared_ptr<Channel> channel;
   uint64_t origin = 0;
+  bool cyclic = false; // sent by the origin's cyclic transmissions
   std::vector<TimedFrame> frames;
   std::string rawText; // the frames as raw-mode elements, written once for every session
   size_t failed = 0;   // frames of `origin` the adapter did not take
@@ -80,11 +81,12 @@ public:
 
   // Queues frames of one session for transmission, in order; the outcome
   // comes back through the sink. Any thread.
-  void transmit(uint64_t origin, const std::vector<Frame> &frames);
+  void transmit(uint64_t origin, bool cyclic, const std::vector<Frame> &frames);
 
 private:
   struct TxItem {
     uint64_t origin;
+    bool cyclic;
     Frame frame;
   };
 
@@ -92,7 +94,7 @@ private:
   int receive(bool fdQueue, std::vector<TimedFrame> &out);
   void transmitLoop();
   std::vector<TxItem> nextTransmitRun();
-  void deliver(uint64_t origin, std::vector<TimedFrame> frames, size_t failed,
+  void deliver(uint64_t origin, bool cyclic, std::vector<TimedFrame> frames, size_t failed,
                const std::string &failure);
   void pauseAfterFailedWait();
 

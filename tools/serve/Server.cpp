@@ -179,7 +179,7 @@ void Server::deliver(std::unique_ptr<Delivery> d) {
   if (d->origin != 0) {
     auto origin = sessions_.find(d->origin);
     if (origin != sessions_.end())
-      origin->second->transmitted(d->frames.size(), d->failed, d->failure);
+      origin->second->transmitted(*d);
   }
 }
 

@@ -13,6 +13,12 @@ constexpr size_t kMaxOutstanding = 256;
 // bookkeeping): without a bound, the send buffer grows to megabytes before
 // the session notices a client that does not read.
 constexpr int kKernelSendBuffer = 128 * 1024;
+// What one client may ask of the broadcast manager: no CAN bus carries more
+// than about 25,000 frames/s, so more cyclic frames than that only load the
+// server.
+constexpr size_t kMaxCycles = 256;
+constexpr double kMaxCyclicFramesPerSecond = 50000;
+constexpr size_t kMaxSubscriptions = 4096;
 // How long a closing session waits for its last words to be read.
 constexpr auto kLinger = std::chrono::seconds(2);
 
@@ -76,7 +82,7 @@ void Session::close() {
 
 bool Session::inputBlocked() const {
   return closed_ || closing_ || mode_ == Mode::Opening || echoHeld_ ||
-         txOutstanding_ >= kMaxOutstanding || queuedOutput() > outputLimit_;
+         sendsOutstanding_ >= kMaxOutstanding || queuedOutput() > outputLimit_;
 }
 
 void Session::processInput() {
@@ -188,7 +194,7 @@ void Session::handleRequest(const net::Request &request) {
     return;
   case Verb::Echo:
     // Answered once everything sent before it has reached the adapter.
-    if (txOutstanding_ > 0)
+    if (sendsOutstanding_ > 0)
       echoHeld_ = true;
     else
       reply("echo");
@@ -236,8 +242,8 @@ void Session::handleSend(const Frame &frame) {
     replyError("CAN FD frames need a CAN FD adapter and a server started with --fd");
     return;
   }
-  ++txOutstanding_;
-  channel_->transmit(id_, {frame});
+  ++sendsOutstanding_;
+  channel_->transmit(id_, false, {frame});
 }
 
 void Session::handleBcmRequest(const net::Request &request) {
@@ -303,15 +309,14 @@ void Session::receive(const Delivery &delivery) {
   }
 }
 
-void Session::transmitted(size_t sent, size_t failed, const std::string &why) {
+void Session::transmitted(const Delivery &d) {
   if (closed_)
     return;
-  txOutstanding_ -= std::min(txOutstanding_, sent + failed);
-  if (failed > 0) {
-    const std::string text = net::errorElement(why);
-    writeBounded(text, 0);
-  }
-  if (echoHeld_ && txOutstanding_ == 0) {
+  size_t &outstanding = d.cyclic ? cyclesOutstanding_ : sendsOutstanding_;
+  outstanding -= std::min(outstanding, d.frames.size() + d.failed);
+  if (d.failed > 0)
+    writeBounded(net::errorElement(d.failure), 0);
+  if (echoHeld_ && sendsOutstanding_ == 0) {
     echoHeld_ = false;
     reply("echo");
   }
@@ -324,8 +329,26 @@ uint32_t Session::keyOf(const Frame &frame) {
   return frame.id | (frame.extended ? 0x80000000u : 0u);
 }
 
+double Session::cyclicFramesPerSecond(uint32_t except) const {
+  double rate = 0;
+  for (const auto &c : cycles_)
+    if (c.first != except)
+      rate += 1.0 / std::chrono::duration<double>(c.second->interval).count();
+  return rate;
+}
+
 void Session::addCycle(const net::Request &request) {
   const uint32_t key = keyOf(request.frame);
+  if (cycles_.count(key) == 0 && cycles_.size() >= kMaxCycles) {
+    replyError("at most " + std::to_string(kMaxCycles) + " cyclic transmissions per client");
+    return;
+  }
+  if (cyclicFramesPerSecond(key) + 1e6 / static_cast<double>(request.intervalUs) >
+      kMaxCyclicFramesPerSecond) {
+    replyError("cyclic transmissions of one client add up to at most " +
+               std::to_string(static_cast<int>(kMaxCyclicFramesPerSecond)) + " frames/s");
+    return;
+  }
   auto &slot = cycles_[key];
   // A new add of the same id replaces the old transmission.
   slot = std::make_unique<Cycle>(
@@ -340,9 +363,9 @@ void Session::armCycle(Cycle *cycle, uint32_t key) {
     if (ec || self->closed_ || it == self->cycles_.end() || it->second.get() != cycle)
       return;
     // A session that cannot keep up skips cycles rather than queueing them.
-    if (self->txOutstanding_ < kMaxOutstanding) {
-      ++self->txOutstanding_;
-      self->channel_->transmit(self->id_, {cycle->frame});
+    if (self->cyclesOutstanding_ < kMaxOutstanding) {
+      ++self->cyclesOutstanding_;
+      self->channel_->transmit(self->id_, true, {cycle->frame});
     }
     const auto now = Clock::now();
     auto next = cycle->timer.expiry() + cycle->interval;
@@ -354,6 +377,11 @@ void Session::armCycle(Cycle *cycle, uint32_t key) {
 }
 
 void Session::subscribe(const net::Request &request) {
+  const uint32_t key = keyOf(request.frame);
+  if (subscriptions_.count(key) == 0 && subscriptions_.size() >= kMaxSubscriptions) {
+    replyError("at most " + std::to_string(kMaxSubscriptions) + " subscriptions per client");
+    return;
+  }
   auto sub =
       std::make_unique<Subscription>(Subscription{micros(request.intervalUs),
                                                   std::nullopt,
@@ -364,7 +392,7 @@ void Session::subscribe(const net::Request &request) {
                                                   asio::steady_timer(socket_.get_executor())});
   if (request.verb == net::Verb::Filter)
     sub->mask = request.frame;
-  subscriptions_[keyOf(request.frame)] = std::move(sub);
+  subscriptions_[key] = std::move(sub);
 }
 
 void Session::forwardSubscribed(const TimedFrame &f) {

@@ -38,7 +38,7 @@ public:
   // Frames on the bus (the session's own are not among them).
   void receive(const Delivery &delivery);
   // The outcome of frames this session queued for transmission.
-  void transmitted(size_t sent, size_t failed, const std::string &why);
+  void transmitted(const Delivery &delivery);
 
 private:
   using Clock = std::chrono::steady_clock;
@@ -74,6 +74,7 @@ private:
 
   // Broadcast manager.
   void addCycle(const net::Request &request);
+  double cyclicFramesPerSecond(uint32_t except) const;
   void armCycle(Cycle *cycle, uint32_t key);
   void subscribe(const net::Request &request);
   void forwardSubscribed(const TimedFrame &frame);
@@ -108,7 +109,10 @@ private:
   std::array<char, 4096> readBuffer_;
   bool reading_ = false;
 
-  size_t txOutstanding_ = 0;
+  // Frames queued for transmission and not yet taken or refused: those of
+  // requests hold back the next requests (and an echo), cyclic ones skip cycles.
+  size_t sendsOutstanding_ = 0;
+  size_t cyclesOutstanding_ = 0;
   bool echoHeld_ = false;
 
   std::string pending_;

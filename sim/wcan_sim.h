@@ -27,14 +27,15 @@ using AdapterId = int;
 // Remove every adapter and every bus link; the next plugIn starts afresh.
 void reset();
 
-// Attach an adapter of a device type with that type's USB ids. Its channel
-// 2k is joined to channel 2k+1, as by a cable between the two ports. Returns
-// -1 for a type without a model.
+// Attach an adapter of a device type with that type's USB ids, on a USB port
+// (bus and port path) of its own. Its channel 2k is joined to channel 2k+1,
+// as by a cable between the two ports. Returns -1 for a type without a model.
 AdapterId plugIn(unsigned devType);
 
 // Unplug: every transfer fails with LIBUSB_ERROR_NO_DEVICE and the adapter
-// leaves the device list. Replug: it comes back in its reset state, with its
-// device clock restarted.
+// leaves the device list; the frames it still had to send are lost. Replug:
+// it comes back on the same port with a new address, first in the device
+// list, in its reset state, with its device clock restarted.
 void unplug(AdapterId adapter);
 void replug(AdapterId adapter);
 bool isPlugged(AdapterId adapter);

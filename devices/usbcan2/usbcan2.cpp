@@ -386,6 +386,8 @@ uint32_t usbcan2ResetCAN(uint32_t type, uint32_t index, uint32_t channel) {
   uint8_t reply[100] = {};
   exchangeCommand(&info, cmd, reply, 0);
   usbcan2ClearBuffer(type, index, channel);
+  // Readers waiting on the reset channel return.
+  info.rxQueue.interrupt(channel == 0 ? 0 : 1);
   info.cmdFailed = 0;
   return 1;
 }

@@ -145,12 +145,18 @@ int QDeviceUsbCanFd2::canStop(uint8_t channel) {
              : 0;
 }
 
+// Readers waiting on the stopped channel return (with nothing: the queues
+// are cleared).
 int QDeviceUsbCanFd2::stop(unsigned int channel) {
   if (channelInitialised(channel)) {
     canStop(static_cast<uint8_t>(channel));
     chInit[channel].store(0, std::memory_order_relaxed);
   }
-  return clearBuffer(channel);
+  const int result = clearBuffer(channel);
+  if (channel < kChannelSlots) {
+    rxQueues.interrupt(channel);
+  }
+  return result;
 }
 
 int QDeviceUsbCanFd2::clearBuffer(unsigned int channel) {

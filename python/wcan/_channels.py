@@ -33,10 +33,9 @@ from ._records import (
 
 log = logging.getLogger("can.wcan")
 
-# How long one library receive call waits. It bounds how long stopping a
-# channel takes, because closing an adapter does not yet wake a receive that
-# waits in the library.
-READ_WAIT_MS = 100
+# How long one library receive call waits. Stopping the channel ends a wait
+# at once; the bound only covers a reader that was between two waits then.
+READ_WAIT_MS = 1000
 # Frames taken from the library per call.
 BATCH = 512
 # Frames a Bus holds before it drops new ones (and says so).
@@ -282,9 +281,9 @@ class Channel:
 
     def stop(self):
         self._stop.set()
+        self.lib.WCAN_Stop(*self._ids)
         for thread in self._readers:
             thread.join()
-        self.lib.WCAN_Stop(*self._ids)
 
     # -- receiving --------------------------------------------------------
 

@@ -188,4 +188,28 @@ TEST_F(CarelessHost, CloseWakesBlockedReceiversPromptly) {
   }
 }
 
+// Stopping a channel ends the waits on it, and only on it.
+TEST_F(CarelessHost, StopEndsTheWaitsOnItsChannelOnly) {
+  for (unsigned type : {41u, 4u}) {
+    std::atomic<int> onStopped{-1}, onOther{-1};
+    std::thread stoppedReader([&] {
+      _WCAN_CAN_OBJ f[4];
+      onStopped = WCAN_Receive(type, 0, 0, f, 4, -1);
+    });
+    std::thread otherReader([&] {
+      _WCAN_CAN_OBJ f[4];
+      onOther = WCAN_Receive(type, 0, 1, f, 4, -1);
+    });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(WCAN_Stop(type, 0, 0), 1) << type;
+    stoppedReader.join();
+    EXPECT_EQ(onStopped, 0) << type;
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(onOther, -1) << type << ": the other channel's reader must keep waiting";
+    EXPECT_EQ(WCAN_CloseDevice(type, 0), 1);
+    otherReader.join();
+    EXPECT_EQ(onOther, 0) << type;
+  }
+}
+
 } // namespace

@@ -96,11 +96,14 @@ void Channel::join() {
   std::fprintf(stderr, "wcan serve: stopped %s\n", name_.c_str());
 }
 
+// Stopping the channel in the library ends its readers' waits at once; the
+// bounded wait only covers a reader that was between two waits then.
 void Channel::stop() {
   if (threads_.empty())
     return;
-  join();
+  askToStop();
   runtime_.wcan().WCAN_Stop(device_.type().type, device_.index(), channel_);
+  join();
 }
 
 void Channel::transmit(uint64_t origin, bool cyclic, const std::vector<Frame> &frames) {
@@ -283,9 +286,7 @@ void BusHub::closeAdapter(const AdapterKey &key) {
   // The channels' threads use the adapter until they end; closing it stops
   // the channels.
   for (auto &c : adapter.channels)
-    c.second.channel->askToStop();
-  for (auto &c : adapter.channels)
-    c.second.channel->join();
+    c.second.channel->stop();
   adapters_.erase(it);
   std::fprintf(stderr, "wcan serve: closed adapter %s\n", name.c_str());
 }

@@ -305,4 +305,44 @@ void BM_IdleBlockedReceiveCpu(benchmark::State &state) {
 }
 BENCHMARK(BM_IdleBlockedReceiveCpu)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// WCAN_CloseDevice on a running adapter with both channels started: it must
+// not wait for the receive thread's pending read. Argument: device type.
+void BM_CloseRunningAdapter(benchmark::State &state) {
+  const unsigned type = static_cast<unsigned>(state.range(0));
+  wcansim::setPacing(false);
+  wcansim::reset();
+  wcansim::plugIn(type);
+  std::vector<double> millis;
+  for (auto _ : state) {
+    state.PauseTiming();
+    bool ok = WCAN_OpenDevice(type, 0) == 1;
+    for (unsigned ch = 0; ok && ch < 2; ++ch) {
+      _WCAN_INITFD_CONFIG fd{};
+      fd.abitRate = 500000;
+      _WCAN_INIT_CONFIG classic{};
+      classic.timing1 = 0x1C;
+      ok =
+          (type == 4 ? WCAN_InitCAN(type, 0, ch, &classic) : WCAN_InitCANFD(type, 0, ch, &fd)) == 1;
+    }
+    if (!ok) {
+      state.SkipWithError("adapter did not come up");
+      break;
+    }
+    // Let the receive thread settle into its idle read.
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    state.ResumeTiming();
+    const auto start = Clock::now();
+    WCAN_CloseDevice(type, 0);
+    millis.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+  }
+  wcansim::reset();
+  if (millis.empty()) {
+    return;
+  }
+  std::sort(millis.begin(), millis.end());
+  state.counters["p50_ms"] = millis[millis.size() / 2];
+  state.counters["max_ms"] = millis.back();
+}
+BENCHMARK(BM_CloseRunningAdapter)->Arg(41)->Arg(4)->Iterations(50)->Unit(benchmark::kMillisecond);
+
 } // namespace

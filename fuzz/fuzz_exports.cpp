@@ -40,6 +40,11 @@ constexpr uint8_t kStreamEndpoints[] = {0x82, 0x83, 0x81};
 constexpr size_t kMaxRecords = 512;
 constexpr size_t kMaxAdapters = 6;
 constexpr size_t kMaxSteps = 64;
+// No new step starts after this long. A call may wait out a command budget of
+// up to 3 s when its reply was tampered with or its adapter is gone (a
+// recorder does so on every call until it is reopened), so a run stays well
+// inside the 10 s time-out however many such calls the program makes.
+constexpr std::chrono::milliseconds kStepTime{500};
 constexpr size_t kDirectTransferBuffer = 62;
 
 template <typename T, size_t N> T pick(const T (&table)[N], unsigned selector) {
@@ -611,7 +616,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   Program program(data, size);
   Run run(program);
   run.plugInitialAdapters();
-  for (size_t n = 0; n < kMaxSteps && !program.done(); ++n) {
+  const auto deadline = std::chrono::steady_clock::now() + kStepTime;
+  for (size_t n = 0;
+       n < kMaxSteps && !program.done() && std::chrono::steady_clock::now() < deadline; ++n) {
     run.step();
   }
   return 0;

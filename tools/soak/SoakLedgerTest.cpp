@@ -99,7 +99,7 @@ TEST(SoakLedger, ReportsEveryFaultAndExcusesTheOutage) {
       {"a frame through another handle fails",
        [](Ledger &l) {
          traffic(l, 0, 10);
-         l.foreign(0);
+         l.foreign(0, at(20), "test");
        },
        0,
        {0, 0, 1, 0, 0, false}},

@@ -1,6 +1,7 @@
 #include "SoakTraffic.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -14,6 +15,7 @@ namespace {
 
 constexpr uint32_t kTrafficId = 0x200; // + the channel sent from
 constexpr uint32_t kBeaconId = 0x100;
+constexpr size_t kLossesKept = 20;
 
 // Traffic carries the channel it was sent from, its sequence number and the
 // handle it was sent through; a beacon the simulated adapter it was put on.
@@ -25,7 +27,8 @@ void putTag(uint8_t *data, const Handle &handle, unsigned from, uint32_t seq) {
 }
 
 template <typename Obj> Handle::Arrival readTag(const Obj &frame) {
-  Handle::Arrival a{Handle::Arrival::Unknown, 0, 0, 0, 0, -1};
+  Handle::Arrival a{Handle::Arrival::Unknown, 0, 0, 0, 0, -1, frame.id, frame.dataLen, {}};
+  std::memcpy(a.data, frame.data, sizeof a.data);
   if (frame.dataLen < 8) {
     return a;
   }
@@ -40,6 +43,15 @@ template <typename Obj> Handle::Arrival readTag(const Obj &frame) {
     a.senderIndex = frame.data[6];
   }
   return a;
+}
+
+std::string describe(unsigned channel, const Handle::Arrival &a) {
+  char text[96];
+  std::snprintf(text, sizeof text,
+                "on channel %u: id %03X length %u data %02X %02X %02X %02X %02X %02X %02X %02X",
+                channel, a.id, a.dataLen, a.data[0], a.data[1], a.data[2], a.data[3], a.data[4],
+                a.data[5], a.data[6], a.data[7]);
+  return text;
 }
 
 double millisBetween(Clock::time_point from, Clock::time_point to) {
@@ -131,6 +143,13 @@ bool Ledger::arrived(unsigned direction, uint32_t seq, Clock::time_point now) {
   return false;
 }
 
+void Ledger::foreign(unsigned direction, Clock::time_point at, std::string what) {
+  ++directions_[direction].foreign;
+  if (foreignFrames_.size() < kLossesKept) {
+    foreignFrames_.emplace_back(at, std::move(what));
+  }
+}
+
 void Ledger::cycle(Clock::time_point unplugAt, Clock::time_point replugAt) {
   Cycle c;
   c.unplugAt = unplugAt;
@@ -143,8 +162,10 @@ Report Ledger::analyse(const std::string &name, std::chrono::milliseconds grace)
   Report report;
   report.name = name;
   report.cycles = cycles_.size();
+  report.cycleLog = cycles_;
   report.beacons = beacons_;
   report.wrongAdapter = wrongAdapter_;
+  report.foreignFrames = foreignFrames_;
   for (const Cycle &cycle : cycles_) {
     if (!cycle.recovered) {
       ++report.failedRecoveries;
@@ -163,6 +184,10 @@ Report Ledger::analyse(const std::string &name, std::chrono::milliseconds grace)
     for (const auto &arrival : d.arrivals) {
       if (arrival.first >= d.sentAt.size()) {
         ++report.foreign;
+        if (report.foreignFrames.size() < kLossesKept) {
+          report.foreignFrames.emplace_back(
+              arrival.second, "sequence " + std::to_string(arrival.first) + " never sent");
+        }
         continue;
       }
       if (static_cast<int64_t>(arrival.first) <= last || arrived[arrival.first]) {
@@ -170,6 +195,7 @@ Report Ledger::analyse(const std::string &name, std::chrono::milliseconds grace)
       }
       last = arrival.first;
       arrived[arrival.first] = true;
+      report.latencyMs.push_back(millisBetween(d.sentAt[arrival.first], arrival.second));
     }
     // Windows in which every sent frame must arrive: from the start (or the
     // frame that showed a recovery) to `grace` before the next unplug.
@@ -181,7 +207,12 @@ Report Ledger::analyse(const std::string &name, std::chrono::milliseconds grace)
       for (size_t seq = static_cast<size_t>(std::max<int64_t>(windowFirst, 0));
            windowFirst >= 0 && seq < d.sentAt.size() && d.sentAt[seq] < windowEnd; ++seq) {
         ++report.checked;
-        report.lost += arrived[seq] ? 0 : 1;
+        if (!arrived[seq]) {
+          ++report.lost;
+          if (report.losses.size() < kLossesKept) {
+            report.losses.emplace_back(dir, d.sentAt[seq]);
+          }
+        }
       }
       if (!last) {
         windowFirst = cycles_[k].recovered ? cycles_[k].firstSeqAfter[dir] + 1 : -1;
@@ -241,7 +272,7 @@ void Rig::note(unsigned channel, const Handle::Arrival &arrival) {
   case Handle::Arrival::Unknown:
     break;
   }
-  ledger_.foreign(direction);
+  ledger_.foreign(direction, now, describe(channel, arrival));
 }
 
 void Rig::beacons(const std::atomic<bool> &stop) {

@@ -37,6 +37,9 @@ struct Handle {
     unsigned senderType;  // Traffic: the handle it was sent through
     unsigned senderIndex; //
     int adapter;          // Beacon: the simulated adapter it was put on
+    uint32_t id;          // as received, to describe a frame nobody sent
+    uint8_t dataLen;
+    uint8_t data[8];
   };
   std::vector<Arrival> receive(unsigned channel, int waitMs) const;
 };
@@ -68,6 +71,13 @@ struct Report {
   uint64_t beacons = 0;      // beacons of the handle's own adapter
   uint64_t wrongAdapter = 0; // beacons of another adapter: the handle reached the wrong one
   std::vector<double> recoveryMs;
+  std::vector<double> latencyMs; // send to the host's receive, every frame that came
+  // The first lost frames (direction, sent at), and every cycle, to tell
+  // what each loss was near.
+  std::vector<std::pair<unsigned, Clock::time_point>> losses;
+  std::vector<Cycle> cycleLog;
+  // The first frames nobody sent: when they came and what they held.
+  std::vector<std::pair<Clock::time_point, std::string>> foreignFrames;
 
   // Clean, with enough cycles, and with every check fed.
   bool passed(size_t minCycles) const;
@@ -85,7 +95,7 @@ public:
   }
   // Records a frame of `direction`; true when it completed a recovery.
   bool arrived(unsigned direction, uint32_t seq, Clock::time_point now);
-  void foreign(unsigned direction) { ++directions_[direction].foreign; }
+  void foreign(unsigned direction, Clock::time_point at, std::string what);
   void beacon(bool fromOwnAdapter) { ++(fromOwnAdapter ? beacons_ : wrongAdapter_); }
 
   // The adapter was unplugged and replugged; a recovery is awaited.
@@ -109,6 +119,7 @@ private:
   bool awaitingRecovery_ = false;
   uint64_t beacons_ = 0;
   uint64_t wrongAdapter_ = 0;
+  std::vector<std::pair<Clock::time_point, std::string>> foreignFrames_;
 };
 
 class Rig {

@@ -62,25 +62,58 @@ double percentile(std::vector<double> values, double p) {
 }
 
 bool printAndJudge(const std::vector<soak::Report> &reports, size_t minCycles) {
-  std::printf("\n%-8s %7s %7s %9s %9s %9s %6s %8s %8s %8s %6s %8s %8s %8s %8s\n", "adapter",
+  std::printf("\n%-8s %7s %7s %9s %9s %9s %6s %8s %8s %8s %6s %8s %8s %8s %8s %8s %8s\n", "adapter",
               "cycles", "failed", "sent", "received", "checked", "lost", "disorder", "foreign",
-              "beacons", "wrong", "rec.min", "rec.med", "rec.p99", "rec.max");
+              "beacons", "wrong", "rec.min", "rec.med", "rec.p99", "rec.max", "lat.p99", "lat.max");
   bool ok = true;
   for (const soak::Report &r : reports) {
     const auto &ms = r.recoveryMs;
     std::printf(
         "%-8s %7zu %7zu %9llu %9llu %9llu %6llu %8llu %8llu %8llu %6llu %7.1fms %7.1fms "
-        "%7.1fms %7.1fms\n",
+        "%7.1fms %7.1fms %7.1fms %7.1fms\n",
         r.name.c_str(), r.cycles, r.failedRecoveries, static_cast<unsigned long long>(r.sent),
         static_cast<unsigned long long>(r.received), static_cast<unsigned long long>(r.checked),
         static_cast<unsigned long long>(r.lost), static_cast<unsigned long long>(r.disorder),
         static_cast<unsigned long long>(r.foreign), static_cast<unsigned long long>(r.beacons),
         static_cast<unsigned long long>(r.wrongAdapter), percentile(ms, 0), percentile(ms, 0.5),
-        percentile(ms, 0.99), percentile(ms, 1));
+        percentile(ms, 0.99), percentile(ms, 1), percentile(r.latencyMs, 0.99),
+        percentile(r.latencyMs, 1));
     ok = ok && r.passed(minCycles);
   }
   std::printf("%s\n", ok ? "PASS" : "FAIL");
   return ok;
+}
+
+// Where each lost frame was sent relative to the nearest unplug and replug of
+// every adapter, to tell a loss on one adapter caused by another from its own.
+void explainLosses(const std::vector<soak::Report> &reports, soak::Clock::time_point start) {
+  const auto ms = [](soak::Clock::time_point from, soak::Clock::time_point to) {
+    return std::chrono::duration<double, std::milli>(to - from).count();
+  };
+  for (const soak::Report &r : reports) {
+    for (const auto &loss : r.losses) {
+      std::printf("lost: %s direction %u, sent at %.1f s;", r.name.c_str(), loss.first,
+                  ms(start, loss.second) / 1000);
+      for (const soak::Report &other : reports) {
+        const auto next =
+            std::find_if(other.cycleLog.begin(), other.cycleLog.end(),
+                         [&](const soak::Cycle &c) { return c.unplugAt > loss.second; });
+        if (next != other.cycleLog.begin()) {
+          const soak::Cycle &before = *(next - 1);
+          std::printf(" %s replugged %.1f ms before", other.name.c_str(),
+                      ms(before.replugAt, loss.second));
+        }
+        if (next != other.cycleLog.end()) {
+          std::printf(" and unplugged %.1f ms after,", ms(loss.second, next->unplugAt));
+        }
+      }
+      std::printf("\n");
+    }
+    for (const auto &frame : r.foreignFrames) {
+      std::printf("foreign: %s at %.1f s %s\n", r.name.c_str(), ms(start, frame.first) / 1000,
+                  frame.second.c_str());
+    }
+  }
 }
 
 } // namespace
@@ -172,5 +205,6 @@ int main(int argc, char **argv) {
     WCAN_CloseDevice(rig->handle().type, rig->handle().index);
   }
   wcansim::reset();
+  explainLosses(reports, start);
   return printAndJudge(reports, options.minCycles) ? 0 : 1;
 }

@@ -33,6 +33,7 @@ void traffic(Ledger &ledger, int fromMs, int toMs, const std::set<int> &missing 
 
 // Steady traffic, then an unplug at 100 ms and a replug at 150 ms; nothing
 // sent from 95 ms until 160 ms arrives, then traffic flows again until 300 ms.
+// The tests let frames be on their way for 10 ms.
 void outage(Ledger &ledger, const std::set<int> &alsoMissing = {}) {
   std::set<int> missing = alsoMissing;
   for (int ms = 95; ms < 160; ++ms) {
@@ -70,10 +71,30 @@ TEST(SoakLedger, ReportsEveryFaultAndExcusesTheOutage) {
        [](Ledger &l) { outage(l, {200}); },
        1,
        {2, 0, 0, 0, 0, false}},
-      {"a frame lost before the unplug's grace fails",
+      {"a frame dropped before later ones came fails",
        [](Ledger &l) { outage(l, {50}); },
        1,
        {2, 0, 0, 0, 0, false}},
+      {"a frame dropped just before the unplug fails",
+       [](Ledger &l) {
+         traffic(l, 0, 100, {97});
+         l.cycle(at(100), at(150));
+         traffic(l, 150, 200);
+       },
+       1,
+       {2, 0, 0, 0, 0, false}},
+      {"frames on their way longer than allowed at the unplug fail",
+       [](Ledger &l) {
+         std::set<int> missing;
+         for (int ms = 80; ms < 100; ++ms) {
+           missing.insert(ms);
+         }
+         traffic(l, 0, 100, missing);
+         l.cycle(at(100), at(150));
+         traffic(l, 150, 200);
+       },
+       1,
+       {20, 0, 0, 0, 0, false}},
       {"a duplicate fails",
        [](Ledger &l) {
          traffic(l, 0, 20);

@@ -158,7 +158,7 @@ void Ledger::cycle(Clock::time_point unplugAt, Clock::time_point replugAt) {
   awaitingRecovery_ = true;
 }
 
-Report Ledger::analyse(const std::string &name, std::chrono::milliseconds grace) const {
+Report Ledger::analyse(const std::string &name, std::chrono::milliseconds inFlight) const {
   Report report;
   report.name = name;
   report.cycles = cycles_.size();
@@ -198,14 +198,29 @@ Report Ledger::analyse(const std::string &name, std::chrono::milliseconds grace)
       report.latencyMs.push_back(millisBetween(d.sentAt[arrival.first], arrival.second));
     }
     // Windows in which every sent frame must arrive: from the start (or the
-    // frame that showed a recovery) to `grace` before the next unplug.
+    // frame that showed a recovery) to the next unplug. Frames are delivered
+    // in order, so one missing before a frame that came was dropped; the
+    // frames after the last one that came were on their way when the adapter
+    // was pulled, and go with it when they were sent at most `inFlight`
+    // before. The window after the last cycle drains: everything must come.
     int64_t windowFirst = 0;
     for (size_t k = 0; k <= cycles_.size(); ++k) {
       const bool last = k == cycles_.size();
-      const Clock::time_point windowEnd =
-          last ? Clock::time_point::max() : cycles_[k].unplugAt - grace;
-      for (size_t seq = static_cast<size_t>(std::max<int64_t>(windowFirst, 0));
-           windowFirst >= 0 && seq < d.sentAt.size() && d.sentAt[seq] < windowEnd; ++seq) {
+      const Clock::time_point unplugAt = last ? Clock::time_point::max() : cycles_[k].unplugAt;
+      size_t end = static_cast<size_t>(std::max<int64_t>(windowFirst, 0));
+      while (windowFirst >= 0 && end < d.sentAt.size() && d.sentAt[end] < unplugAt) {
+        ++end;
+      }
+      const size_t first = static_cast<size_t>(std::max<int64_t>(windowFirst, 0));
+      size_t tail = end;
+      while (!last && tail > first && !arrived[tail - 1]) {
+        --tail;
+      }
+      for (size_t seq = first; windowFirst >= 0 && seq < end; ++seq) {
+        if (seq >= tail && d.sentAt[seq] >= unplugAt - inFlight) {
+          ++report.inFlight;
+          continue;
+        }
         ++report.checked;
         if (!arrived[seq]) {
           ++report.lost;
@@ -307,9 +322,9 @@ size_t Rig::cycles() const {
   return ledger_.cycles();
 }
 
-Report Rig::analyse(std::chrono::milliseconds grace) const {
+Report Rig::analyse(std::chrono::milliseconds inFlight) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return ledger_.analyse(handle_.name, grace);
+  return ledger_.analyse(handle_.name, inFlight);
 }
 
 } // namespace soak

@@ -64,7 +64,8 @@ struct Report {
   size_t failedRecoveries = 0;
   uint64_t sent = 0;
   uint64_t received = 0;
-  uint64_t checked = 0; // frames sent after a recovery finished, before the next unplug
+  uint64_t checked = 0;  // frames sent after a recovery finished, before the next unplug
+  uint64_t inFlight = 0; // of those, still on their way when the adapter was pulled
   uint64_t lost = 0;
   uint64_t disorder = 0;     // duplicates or frames out of order
   uint64_t foreign = 0;      // frames that were never sent, or sent through another handle
@@ -104,8 +105,9 @@ public:
   void giveUpRecovery() { awaitingRecovery_ = false; }
   size_t cycles() const { return cycles_.size(); }
 
-  // Frames sent before `grace` ahead of an unplug count as delivered-or-lost.
-  Report analyse(const std::string &name, std::chrono::milliseconds grace) const;
+  // The frames still on their way when an adapter was pulled, sent at most
+  // `inFlight` before, are excused; every other frame must have come.
+  Report analyse(const std::string &name, std::chrono::milliseconds inFlight) const;
 
 private:
   struct Direction {
@@ -135,7 +137,7 @@ public:
   void chaos(const std::atomic<bool> &stop, uint32_t seed);
   size_t cycles() const;
 
-  Report analyse(std::chrono::milliseconds grace) const;
+  Report analyse(std::chrono::milliseconds inFlight) const;
 
 private:
   void note(unsigned channel, const Handle::Arrival &arrival);

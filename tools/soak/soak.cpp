@@ -62,22 +62,20 @@ double percentile(std::vector<double> values, double p) {
 }
 
 bool printAndJudge(const std::vector<soak::Report> &reports, size_t minCycles) {
-  std::printf("\n%-8s %7s %7s %9s %9s %9s %6s %8s %8s %8s %6s %8s %8s %8s %8s %8s %8s\n", "adapter",
-              "cycles", "failed", "sent", "received", "checked", "lost", "disorder", "foreign",
-              "beacons", "wrong", "rec.min", "rec.med", "rec.p99", "rec.max", "lat.p99", "lat.max");
+  std::printf("\n%-8s %7s %7s %9s %9s %9s %8s %6s %8s %8s %8s %6s %8s %8s %8s %8s %8s %8s\n",
+              "adapter", "cycles", "failed", "sent", "received", "checked", "inflight", "lost",
+              "disorder", "foreign", "beacons", "wrong", "rec.min", "rec.med", "rec.p99", "rec.max",
+              "lat.p99", "lat.max");
   bool ok = true;
   for (const soak::Report &r : reports) {
     const auto &ms = r.recoveryMs;
-    std::printf(
-        "%-8s %7zu %7zu %9llu %9llu %9llu %6llu %8llu %8llu %8llu %6llu %7.1fms %7.1fms "
-        "%7.1fms %7.1fms %7.1fms %7.1fms\n",
-        r.name.c_str(), r.cycles, r.failedRecoveries, static_cast<unsigned long long>(r.sent),
-        static_cast<unsigned long long>(r.received), static_cast<unsigned long long>(r.checked),
-        static_cast<unsigned long long>(r.lost), static_cast<unsigned long long>(r.disorder),
-        static_cast<unsigned long long>(r.foreign), static_cast<unsigned long long>(r.beacons),
-        static_cast<unsigned long long>(r.wrongAdapter), percentile(ms, 0), percentile(ms, 0.5),
-        percentile(ms, 0.99), percentile(ms, 1), percentile(r.latencyMs, 0.99),
-        percentile(r.latencyMs, 1));
+    const auto n = [](uint64_t v) { return static_cast<unsigned long long>(v); };
+    std::printf("%-8s %7zu %7zu %9llu %9llu %9llu %8llu %6llu %8llu %8llu %8llu %6llu %7.1fms "
+                "%7.1fms %7.1fms %7.1fms %7.1fms %7.1fms\n",
+                r.name.c_str(), r.cycles, r.failedRecoveries, n(r.sent), n(r.received),
+                n(r.checked), n(r.inFlight), n(r.lost), n(r.disorder), n(r.foreign), n(r.beacons),
+                n(r.wrongAdapter), percentile(ms, 0), percentile(ms, 0.5), percentile(ms, 0.99),
+                percentile(ms, 1), percentile(r.latencyMs, 0.99), percentile(r.latencyMs, 1));
     ok = ok && r.passed(minCycles);
   }
   std::printf("%s\n", ok ? "PASS" : "FAIL");
@@ -201,7 +199,7 @@ int main(int argc, char **argv) {
 
   std::vector<soak::Report> reports;
   for (const auto &rig : rigs) {
-    reports.push_back(rig->analyse(std::chrono::milliseconds(100)));
+    reports.push_back(rig->analyse(std::chrono::seconds(1)));
     WCAN_CloseDevice(rig->handle().type, rig->handle().index);
   }
   wcansim::reset();

@@ -11,13 +11,22 @@ std::chrono::microseconds LinkRecovery::untilNextAttempt() const {
 }
 
 template <class Settle>
+bool LinkRecovery::reopen(QUserLibUsb &usb, AdapterDuties &duties, Settle settle) {
+  if (!usb.ReopenUSBDevice()) {
+    return false;
+  }
+  duties.linkReopened();
+  return settle();
+}
+
+template <class Settle>
 void LinkRecovery::supervise(QUserLibUsb &usb, AdapterDuties &duties, Settle settle) {
   if (faulted()) {
     if (getLapseMicroSec(lastAttempt_.load(std::memory_order_relaxed)) < kRetryPeriodUs) {
       return;
     }
     lastAttempt_.store(getCurMicroSec(), std::memory_order_relaxed);
-    if (usb.GetUSBDeviceLinkStatus() == 0 && (!usb.ReopenUSBDevice() || !settle())) {
+    if (usb.GetUSBDeviceLinkStatus() == 0 && !reopen(usb, duties, settle)) {
       return;
     }
   } else {
@@ -26,7 +35,7 @@ void LinkRecovery::supervise(QUserLibUsb &usb, AdapterDuties &duties, Settle set
     }
     fault_.store(kFaulted, std::memory_order_relaxed);
     lastAttempt_.store(getCurMicroSec(), std::memory_order_relaxed);
-    if (!usb.ReopenUSBDevice() || !settle()) {
+    if (!reopen(usb, duties, settle)) {
       return;
     }
   }
@@ -35,8 +44,7 @@ void LinkRecovery::supervise(QUserLibUsb &usb, AdapterDuties &duties, Settle set
   }
   if (!duties.replayChannels()) {
     // Start over from a fresh reopen at the next attempt.
-    usb.ReopenUSBDevice();
-    settle();
+    reopen(usb, duties, settle);
     return;
   }
   fault_.store(0, std::memory_order_relaxed);

@@ -25,6 +25,9 @@ public:
   // Configures and starts every initialised channel again; false at the first
   // failure.
   virtual bool replayChannels() = 0;
+  // The adapter was reopened after a loss: whatever part of a record the
+  // last reads left behind belongs to a stream that is gone.
+  virtual void linkReopened() = 0;
   // One read of the receive endpoint; a read may block up to
   // AdapterWorker::kReadTimeoutMs, and the thread's sleeps end early on a
   // stop request.
@@ -53,7 +56,7 @@ public:
   std::chrono::microseconds untilNextAttempt() const;
 
 private:
-  bool reopen(QUserLibUsb &usb);
+  template <class Settle> bool reopen(QUserLibUsb &usb, AdapterDuties &duties, Settle settle);
 
   const char *recoveredLine_;
   std::atomic<uint32_t> fault_{0};

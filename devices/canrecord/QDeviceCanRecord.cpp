@@ -93,6 +93,9 @@ int QDeviceCanRecord::usbCmdSend(unsigned char *request, int requestLength, unsi
   int result = 0;
   while (getLapseMicroSec(startUs) < budgetUs) {
     result = usb.bulkReadUSBDevice(reply, replyLength, inEndpoint, timeoutMs);
+    if (result == LIBUSB_ERROR_NO_DEVICE) {
+      break; // the handle never works again; waiting out the budget helps nothing
+    }
     if (result < kMinReplyLength) {
       pauseBeforeNextRead();
       continue;
@@ -105,7 +108,12 @@ int QDeviceCanRecord::usbCmdSend(unsigned char *request, int requestLength, unsi
   return result != 0 ? result : -1;
 }
 
+// The recorder has no receive thread to watch its link: a recorder that was
+// unplugged is looked for again (the same adapter) by the next exchange.
 int QDeviceCanRecord::exchange(Request request, Reply &reply) {
+  if (usb.GetUSBDeviceLinkStatus() == 0) {
+    usb.ReopenUSBDevice();
+  }
   return usbCmdSend(request.data(), static_cast<int>(request.size()), reply.bytes.data(),
                     reply.length, kOutEndpoint, kInEndpoint, kCommandTimeoutMs);
 }

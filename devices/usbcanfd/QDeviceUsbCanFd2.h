@@ -161,6 +161,7 @@ private:
   }
   bool anyChannelInitialised() const override;
   bool replayChannels() override;
+  void linkReopened() override { stream.reset(); }
   void readOnce(QUserThreadObj &thread) override;
 
   usbcanfd::UsbCanFdVariant variant() const { return usbcanfd::variantFor(deviceType); }

@@ -2,6 +2,7 @@
 // the simulated recorder, which keeps settings and filters per channel.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 
 #include "api/DriverFactory.h"
@@ -189,4 +190,18 @@ TEST_F(RecorderTest, SilentOrClosedRecorderFailsCommandsButSettingsReadStillSucc
   unsigned char data[62] = {1, 2, 3};
   EXPECT_EQ(closed->transmitData(data, 3), 0);
   EXPECT_EQ(data[0], 1);
+}
+
+// A recorder has no thread watching its link: while it is unplugged its calls
+// fail at once instead of waiting out their budgets, and the first call after
+// the replug finds it again without a close and reopen.
+TEST_F(RecorderTest, AnUnpluggedRecorderFailsAtOnceAndIsFoundAgainAfterTheReplug) {
+  _WCAN_BOARD_INFO info{};
+  wcansim::unplug(adapter);
+  const auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(WCAN_BoardInfoGet(kType, 0, &info), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(500));
+  wcansim::replug(adapter);
+  EXPECT_EQ(WCAN_BoardInfoGet(kType, 0, &info), 1);
+  EXPECT_EQ(info.hwVersion, 0x0110);
 }

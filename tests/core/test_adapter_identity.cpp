@@ -136,6 +136,26 @@ TEST_P(AdapterIdentity, RecoveryReopensTheAdapterThatWasLost) {
   testing::internal::GetCapturedStdout();
 }
 
+// Part of a record that was read before the adapter went away must not be
+// joined with what the reopened adapter sends.
+TEST_P(AdapterIdentity, RecoveryDropsAPartRecordReadBeforeTheLoss) {
+  const wcansim::AdapterId a = wcansim::plugIn(family.type);
+  ASSERT_EQ(WCAN_OpenDevice(family.type, 0), 1);
+  initBoth(0);
+  if (fd()) {
+    wcansim::pushIn(a, 0x83, {0x55, 0xF2, 0x00, 0x00, 0x13, 0x00, 0x01, 0x10, 0x00, 0x00, 0x00});
+  } else {
+    wcansim::pushIn(a, 0x82, {0x00, 0x00, 0x10, 0x01, 0x00, 0x00, 0x08, 0x00, 0x00, 0x00});
+  }
+  std::this_thread::sleep_for(50ms); // read by the receive thread
+  testing::internal::CaptureStdout();
+  wcansim::unplug(a);
+  std::this_thread::sleep_for(100ms);
+  wcansim::replug(a);
+  expectTrafficThrough(family.type, 0, a);
+  testing::internal::GetCapturedStdout();
+}
+
 std::string nameOf(const ::testing::TestParamInfo<Family> &info) { return info.param.name; }
 
 INSTANTIATE_TEST_SUITE_P(Each, AdapterIdentity, ::testing::Values(kCanFd, kClassic), nameOf);

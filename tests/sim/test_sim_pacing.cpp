@@ -113,9 +113,10 @@ TEST_F(SimPacing, UnplugEndsAWriteWaitingForRoom) {
 
 TEST_F(SimPacing, WaitingFramesGoOutByArbitrationWhenTheBusFrees) {
   // 0x300 takes the idle bus for 129 ms; 0x200 (channel 0, queued first) and
-  // 0x100 (channel 1) wait for it, and 0x100 wins.
+  // 0x100 (channel 1) wait for it, and 0x100 wins. Each takes as long, so a
+  // busy machine would have to starve this thread for 129 ms to miss it.
   ASSERT_EQ(send(h, kData, dataFrame(0, 0x300, true)), 82);
-  ASSERT_EQ(send(h, kData, dataFrame({{0, 0x200}, {1, 0x100}})), 7 + 2 * 19);
+  ASSERT_EQ(send(h, kData, dataFrame({{0, 0x200, true}, {1, 0x100, true}})), 7 + 2 * 75);
   const auto limit = Clock::now() + std::chrono::seconds(2);
   while (framesDelivered(adapter, 0) == 0 && Clock::now() < limit)
     std::this_thread::sleep_for(milliseconds(1));

@@ -31,6 +31,14 @@ bool parseHexId(std::string_view digits, uint32_t &id) {
   return true;
 }
 
+} // namespace
+
+bool parseHexNumber(std::string_view digits, size_t maxDigits, uint32_t &out) {
+  return !digits.empty() && digits.size() <= maxDigits && parseHexId(digits, out);
+}
+
+namespace {
+
 bool fail(std::string &error, std::string message) {
   error = std::move(message);
   return false;

@@ -43,6 +43,10 @@ constexpr unsigned kTextFlagEsi = 0x2;
 // CAN FD frames carry 0..8, 12, 16, 20, 24, 32, 48 or 64 bytes.
 bool isFdLength(unsigned len);
 
+// Hexadecimal digits of either case, most significant first; false for an
+// empty text, a text of more than `maxDigits` or any other character.
+bool parseHexNumber(std::string_view digits, size_t maxDigits, uint32_t &out);
+
 // Parses one frame in `cansend` syntax. On failure returns false and says why.
 bool parseFrame(std::string_view text, Frame &out, std::string &error);
 

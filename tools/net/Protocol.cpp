@@ -13,27 +13,8 @@ bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 // Printable ASCII and the blanks; anything else is not protocol text.
 bool isText(char c) { return (c >= 0x20 && c <= 0x7E) || isBlank(c); }
 
-int hexValue(char c) {
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
-
 bool parseHex(std::string_view text, size_t maxDigits, uint32_t &out) {
-  if (text.empty() || text.size() > maxDigits)
-    return false;
-  out = 0;
-  for (char c : text) {
-    int v = hexValue(c);
-    if (v < 0)
-      return false;
-    out = out << 4 | static_cast<uint32_t>(v);
-  }
-  return true;
+  return parseHexNumber(text, maxDigits, out);
 }
 
 bool parseDecimal(std::string_view text, size_t maxDigits, uint64_t &out) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "sim/wcan_sim.h"
+#include "support/StartedChannels.h"
 #include "wcan.h"
 
 namespace {
@@ -38,21 +39,7 @@ protected:
 
   bool fd() const { return family.type == 41; }
 
-  void initBoth(unsigned index) {
-    for (unsigned ch = 0; ch < 2; ++ch) {
-      if (fd()) {
-        _WCAN_INITFD_CONFIG c{};
-        c.abitRate = 500000;
-        c.dbitRate = 2000000;
-        c.fdEnable = 1;
-        ASSERT_EQ(WCAN_InitCANFD(family.type, index, ch, &c), 1);
-      } else {
-        _WCAN_INIT_CONFIG c{};
-        c.timing1 = 0x1C;
-        ASSERT_EQ(WCAN_InitCAN(family.type, index, ch, &c), 1);
-      }
-    }
-  }
+  void initBoth(unsigned index) { ASSERT_TRUE(wcantest::startChannels(family.type, index)); }
 
   // Sends a frame on channel 0 of a handle (retrying while a recovery is
   // under way) and checks it comes back on channel 1 and was carried by
@@ -83,10 +70,7 @@ TEST(AdapterIdentityFd, OtherTypeNumbersAndHugeIndexesDoNotReachAnOpenAdapter) {
   wcansim::reset();
   const wcansim::AdapterId adapter = wcansim::plugIn(41);
   ASSERT_EQ(WCAN_OpenDevice(41, 0), 1);
-  _WCAN_INITFD_CONFIG c{};
-  c.abitRate = 500000;
-  ASSERT_EQ(WCAN_InitCANFD(41, 0, 0, &c), 1);
-  ASSERT_EQ(WCAN_InitCANFD(41, 0, 1, &c), 1);
+  ASSERT_TRUE(wcantest::startChannels(41, 0));
   EXPECT_EQ(WCAN_OpenDevice(42, 0), 0);
   EXPECT_EQ(WCAN_GetLastError(), WCAN_ERR_PARAMETER);
   EXPECT_EQ(WCAN_OpenDevice(41, 0x80000000u), 0);

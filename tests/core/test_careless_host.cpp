@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "sim/wcan_sim.h"
+#include "support/StartedChannels.h"
 #include "wcan.h"
 
 namespace {
@@ -27,16 +28,8 @@ protected:
     ASSERT_EQ(WCAN_OpenDevice(41, 0), 1);
     ASSERT_EQ(WCAN_OpenDevice(4, 0), 1);
     ASSERT_EQ(WCAN_OpenDevice(61, 0), 1);
-    _WCAN_INITFD_CONFIG fd{};
-    fd.abitRate = 500000;
-    fd.dbitRate = 2000000;
-    fd.fdEnable = 1;
-    _WCAN_INIT_CONFIG classic{};
-    classic.timing1 = 0x1C;
-    for (unsigned ch = 0; ch < 2; ++ch) {
-      ASSERT_EQ(WCAN_InitCANFD(41, 0, ch, &fd), 1);
-      ASSERT_EQ(WCAN_InitCAN(4, 0, ch, &classic), 1);
-    }
+    ASSERT_TRUE(wcantest::startChannels(41, 0));
+    ASSERT_TRUE(wcantest::startChannels(4, 0));
   }
   void TearDown() override {
     WCAN_CloseDevice(41, 0);

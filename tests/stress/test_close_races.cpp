@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "sim/wcan_sim.h"
+#include "support/StartedChannels.h"
 #include "wcan.h"
 
 namespace {
@@ -67,24 +68,8 @@ protected:
     wcansim::reset();
   }
 
-  int openAndStart(unsigned type) {
-    if (WCAN_OpenDevice(type, 0) != 1)
-      return 0;
-    for (unsigned ch = 0; ch < 2; ++ch) {
-      int ok;
-      if (type == 41) {
-        _WCAN_INITFD_CONFIG c{};
-        c.abitRate = 500000;
-        ok = WCAN_InitCANFD(type, 0, ch, &c);
-      } else {
-        _WCAN_INIT_CONFIG c{};
-        c.timing1 = 0x1C;
-        ok = WCAN_InitCAN(type, 0, ch, &c);
-      }
-      if (ok != 1)
-        return 0;
-    }
-    return 1;
+  static bool openAndStart(unsigned type) {
+    return WCAN_OpenDevice(type, 0) == 1 && wcantest::startChannels(type, 0);
   }
 };
 
@@ -95,7 +80,7 @@ TEST_P(CloseRaces, CallsRacingACloseFailOrSucceedCleanly) {
   const unsigned type = GetParam().type;
   wcansim::reset();
   ASSERT_GE(wcansim::plugIn(type), 0);
-  ASSERT_EQ(openAndStart(type), 1);
+  ASSERT_TRUE(openAndStart(type));
   std::atomic<bool> done{false};
   std::atomic<int> badResults{0};
   std::atomic<long> calls{0};
@@ -114,7 +99,7 @@ TEST_P(CloseRaces, CallsRacingACloseFailOrSucceedCleanly) {
     std::this_thread::sleep_for(5ms);
     EXPECT_EQ(WCAN_CloseDevice(type, 0), 1);
     std::this_thread::sleep_for(1ms);
-    ASSERT_EQ(openAndStart(type), 1) << "cycle " << cycle;
+    ASSERT_TRUE(openAndStart(type)) << "cycle " << cycle;
   }
   done = true;
   // Receivers blocked without limit are woken by the final close.

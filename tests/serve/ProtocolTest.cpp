@@ -151,39 +151,6 @@ TEST(Requests, ReadFramesAsTheProtocolWritesThem) {
   }
 }
 
-TEST(Requests, ReadTheOtherRequests) {
-  struct Case {
-    const char *text;
-    net::Verb verb;
-    uint64_t intervalUs;
-    uint32_t id;
-  } cases[] = {
-      {"echo", net::Verb::Echo, 0, 0},
-      {"rawmode", net::Verb::RawMode, 0, 0},
-      {"bcmmode", net::Verb::BcmMode, 0, 0},
-      {"controlmode", net::Verb::ControlMode, 0, 0},
-      {"add 1 500 123 1 FF", net::Verb::Add, 1000500, 0x123},
-      {"update 123 1 00", net::Verb::Update, 0, 0x123},
-      {"delete 123", net::Verb::Delete, 0, 0x123},
-      {"subscribe 0 0 321", net::Verb::Subscribe, 0, 0x321},
-      {"filter 0 250000 321 2 FF 0", net::Verb::Filter, 250000, 0x321},
-      {"unsubscribe 321", net::Verb::Unsubscribe, 0, 0x321},
-      {"statistics 1000", net::Verb::Statistics, 1000000, 0},
-  };
-  for (const Case &c : cases) {
-    net::Request r;
-    std::string why;
-    ASSERT_TRUE(net::parseRequest(c.text, r, why)) << c.text << ": " << why;
-    EXPECT_EQ(r.verb, c.verb) << c.text;
-    EXPECT_EQ(r.intervalUs, c.intervalUs) << c.text;
-    EXPECT_EQ(r.frame.id, c.id) << c.text;
-  }
-  net::Request open;
-  std::string why;
-  ASSERT_TRUE(net::parseRequest("open wcan41-0-1", open, why));
-  EXPECT_EQ(open.bus, "wcan41-0-1");
-}
-
 TEST(Requests, RefuseBadOnesWithTheReason) {
   struct Case {
     const char *text;

@@ -70,5 +70,5 @@ void AdapterWorker::pass(QUserLibUsb &usb, AdapterDuties &duties) {
                                                                    std::chrono::milliseconds(1)));
     return;
   }
-  duties.readOnce(thread_);
+  duties.readOnce(usb, thread_);
 }

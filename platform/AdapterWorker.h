@@ -31,7 +31,7 @@ public:
   // One read of the receive endpoint; a read may block up to
   // AdapterWorker::kReadTimeoutMs, and the thread's sleeps end early on a
   // stop request.
-  virtual void readOnce(QUserThreadObj &thread) = 0;
+  virtual void readOnce(QUserLibUsb &usb, QUserThreadObj &thread) = 0;
 };
 
 // The link supervision state of one open adapter: the fault word (0 healthy,

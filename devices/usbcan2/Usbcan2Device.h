@@ -60,7 +60,7 @@ struct devInfo final : AdapterDuties {
   bool anyChannelInitialised() const override { return chInit[0] != 0 || chInit[1] != 0; }
   bool replayChannels() override;
   void linkReopened() override { reassembler->clear(); }
-  void readOnce(QUserThreadObj &thread) override;
+  void readOnce(QUserLibUsb &usb, QUserThreadObj &thread) override;
 };
 
 devInfo &usbcan2Record(uint32_t index);

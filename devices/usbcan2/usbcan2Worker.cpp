@@ -38,15 +38,12 @@ bool devInfo::replayChannels() {
   return true;
 }
 
-void devInfo::readOnce(QUserThreadObj &thread) {
-  const std::shared_ptr<QUserLibUsb> dev = usbcan2Device(this);
-  if (!dev) {
-    thread.sleepUnlessStopped(std::chrono::milliseconds(1));
-    return;
-  }
+// The device the worker was started on stays alive until the worker has
+// stopped (closing detaches it first and releases it last).
+void devInfo::readOnce(QUserLibUsb &dev, QUserThreadObj &thread) {
   uint8_t chunk[kReadChunk] = {};
   const int got =
-      dev->bulkReadUSBDevice(chunk, sizeof chunk, kDataInEp, AdapterWorker::kReadTimeoutMs);
+      dev.bulkReadUSBDevice(chunk, sizeof chunk, kDataInEp, AdapterWorker::kReadTimeoutMs);
   if (got > 0) {
     FrameQueues::Producer producer(rxQueue);
     reassembler->feed(

@@ -162,7 +162,7 @@ private:
   bool anyChannelInitialised() const override;
   bool replayChannels() override;
   void linkReopened() override { stream.reset(); }
-  void readOnce(QUserThreadObj &thread) override;
+  void readOnce(QUserLibUsb &usb, QUserThreadObj &thread) override;
 
   usbcanfd::UsbCanFdVariant variant() const { return usbcanfd::variantFor(deviceType); }
   int sendCommand(const usbcanfd::CmdFrame &frame, uint8_t *reply, int *replyLength,

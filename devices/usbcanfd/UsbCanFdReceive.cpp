@@ -8,12 +8,12 @@ using namespace usbcanfd;
 
 // The bulk read lands straight in the stream buffer's free space. A clear
 // asked for while the read was pending keeps only the bytes of that read.
-void QDeviceUsbCanFd2::readOnce(QUserThreadObj &thread) {
+void QDeviceUsbCanFd2::readOnce(QUserLibUsb &usb, QUserThreadObj &thread) {
   if (streamResetRequested.exchange(false, std::memory_order_relaxed)) {
     stream.reset();
   }
-  const int got = usbDevice.bulkReadUSBDevice(stream.space(), static_cast<int>(stream.room()),
-                                              kEpStreamIn, AdapterWorker::kReadTimeoutMs);
+  const int got = usb.bulkReadUSBDevice(stream.space(), static_cast<int>(stream.room()),
+                                        kEpStreamIn, AdapterWorker::kReadTimeoutMs);
   if (got > 0) {
     if (streamResetRequested.exchange(false, std::memory_order_relaxed)) {
       stream.resetKeepingRead(static_cast<size_t>(got));

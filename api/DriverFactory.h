@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Construction of the object-based drivers, one function per family, so the
 // exported layer never names a concrete driver class.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The driver interface behind the exported functions for the object-based
 // families (CAN FD adapter and recorder). The slot order is fixed.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "api/QErrMgr.h"
 
 #include "platform/QUserUtils.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The process-wide last error: one code for the whole process, the most recent
 // setter wins.
 #pragma once

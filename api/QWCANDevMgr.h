@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Registry of open driver objects by (device type, device index).
 // WCAN_OpenDevice and WCAN_CloseDevice create and close the drivers; the
 // registry shares them with every call in progress, so a driver closed on one

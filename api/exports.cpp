@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported functions: each checks the device type, finds the driver and
 // passes its arguments and result through unchanged. The only errors set
 // here are 6, 7, 8 and the 0 after a successful object open; everything else

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // End to end through the simulated adapters: host transmit on channel 0 to
 // host receive on channel 1, the latency from a frame reaching the adapter to
 // the host's receive call returning it, receive-only traffic on the eight

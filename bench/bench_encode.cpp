@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Transmit encoding of the CAN FD adapter: full batches of ten records into
 // one bulk data frame (the classic adapter's packet encoding is measured
 // beside its decoder in bench_usbcan2_decode).

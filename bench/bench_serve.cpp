@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // `wcan serve` end to end: the server runs in this process on simulated
 // adapters (loaded as the tool loads them), and a client reads over TCP on
 // 127.0.0.1. Measured: one client on all eight channels of a type-66 adapter
@@ -29,7 +30,7 @@
 #include <thread>
 #include <vector>
 
-#include "serve/Server.h"
+#include "server/Server.h"
 #include "sim/wcan_sim.h"
 
 namespace {

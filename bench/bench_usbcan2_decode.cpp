@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Receive decoding and transmit encoding of the classic adapter, measured
 // against its bus: 1 Mbit/s classic CAN carries at most about 8,000 frames
 // per second per channel, and one 64-byte bulk read holds three records.

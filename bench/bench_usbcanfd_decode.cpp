@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Receive-path throughput of the CAN FD adapter: stream re-assembly, record
 // decoding and the push into the per-channel queues, fed with 4096-byte
 // reads as the receive thread gets them.

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """Frames per second through the python-can interface wcan, beside python-can's virtual one.
 
 Runs on simulated adapters (a CAN FD adapter of type 41 and an eight-channel

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Read by cpack before it builds each kind of package.
 if(CPACK_GENERATOR STREQUAL "DEB")
   # Paths fixed at configure time (the Python package's library directory)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # `cpack -G DEB` in a build configured with -DCMAKE_INSTALL_PREFIX=/usr gives
 # one Debian package per install component, split the way Debian splits a
 # library:

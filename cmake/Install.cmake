@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # What `cmake --install` puts where, split into the components the Debian
 # packages are made of: runtime (the library, the simulated adapters, the udev
 # rule), dev (header, pkg-config file, the link for -lwcan) and tool (wcan and
@@ -12,7 +13,7 @@ install(TARGETS wcan
 if(TARGET wcan-sim)
   install(TARGETS wcan-sim LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
 endif()
-install(FILES ${PROJECT_SOURCE_DIR}/tools/udev/99-wcan.rules DESTINATION ${WCAN_UDEV_RULES_DIR}
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/udev/99-wcan.rules DESTINATION ${WCAN_UDEV_RULES_DIR}
   COMPONENT runtime)
 
 # The pkg-config file finds its prefix from its own place, so a tree installed

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # cmake -DTOOL=wcan -DHELP2MAN=help2man -DGZIP=gzip -DSECTIONS=wcan.h2m
 #       -DOUTPUT=wcan.1.gz -P MakeManPage.cmake
 #

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # wcan.1.gz, written at build time from the tool's own help text so the page
 # never drifts from the program (see MakeManPage.cmake).
 find_program(WCAN_HELP2MAN help2man)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Installed layout, the man page and the Debian packages.
 include(${CMAKE_CURRENT_LIST_DIR}/Install.cmake)
 include(${CMAKE_CURRENT_LIST_DIR}/ManPage.cmake)

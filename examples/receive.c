@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Opens the first CAN FD adapter, starts channel 0 and prints what arrives. */
 #include <stdio.h>
 #include <wcan.h>

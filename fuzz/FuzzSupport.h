@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the fuzz targets share: a check that stops the run, and the reads of
 // random sizes in which the USB transfers hand bytes to a receive path.
 #pragma once

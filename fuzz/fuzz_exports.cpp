@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported interface as a careless host and a hostile bus see it. The
 // input is a program: the adapters to plug in, then a sequence of steps, each
 // either a call of one of the 30 exports with arbitrary type numbers, indexes,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The hexadecimal text conversions on any text of the full length their
 // callers guarantee (eight characters and a terminator).
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The log configuration reader on arbitrary file contents, line by line as
 // the logger reads them (at most 255 characters a line).
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The reply decoders of the classic adapter and of the recorder on any reply
 // bytes and any received count: no read outside the reply, and every result
 // within the range its caller relies on.

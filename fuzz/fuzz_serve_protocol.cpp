@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: MIT
 // The text `wcan serve` reads from its clients and the tools read from a
 // server, in reads of random sizes: the elements come out the same however
 // the bytes are split, a send request that parses writes back as itself, and
 // a frame element reads back as the frame it carries.
 #include "FuzzSupport.h"
 #include "net/Protocol.h"
-#include "serve/Bus.h"
+#include "server/Bus.h"
 
 using wcantool::Frame;
 using wcantool::LogTime;

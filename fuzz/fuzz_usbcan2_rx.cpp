@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The classic adapter's receive reassembly over reads of random sizes (up to
 // the worker's read size and beyond). Whatever the split, the records must be
 // the same as when the bytes come in 64-byte reads, and every one in range.

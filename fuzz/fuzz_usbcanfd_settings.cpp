@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The CAN FD driver's key/value settings on a driver object that was never
 // opened: any key and any value text. The custom timing text is checked
 // against a plain re-reading of its four fields.

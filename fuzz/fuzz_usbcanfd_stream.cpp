@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The CAN FD adapter's receive stream through the stream buffer, in reads of
 // random sizes as the bulk endpoint hands them over. The first input byte
 // picks the shape: hostile bytes as they come, or well-formed data frames

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Writes the small seed corpora of the receive-path, reply and settings fuzz
 targets into fuzz/corpus/<target>/. Integers the targets take from the input
 come from its end, bytes and texts from its front."""

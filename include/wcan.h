@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* wcan: user-space driver library for USB-to-CAN and USB-to-CAN-FD adapters.
  *
  * Plain C interface (C99 and C++). Every call returns an int: 1 for success and

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Usage: packaging/check-packages.sh DIR
 #
 # Checks the Debian packages in DIR (made by cpack -G DEB) as a user meets

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The receive thread both adapter families run for an open adapter. Each pass
 // either reads the adapter's receive endpoint into the family's queues or,
 // between reads and only while no command exchange is in flight, watches the

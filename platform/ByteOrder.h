@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Byte-order helpers shared by every driver family: a read-only view that
 // never reads past its end, and stores of little/big-endian words.
 #pragma once

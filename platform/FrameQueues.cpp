@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/FrameQueues.h"
 
 #include <time.h>

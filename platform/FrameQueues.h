@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The received frames of one open adapter: a classic and a CAN FD queue per
 // channel, all behind one lock. Each queue has its own condition, on which its
 // readers sleep until frames arrive for it, the channel is stopped or the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/QUserLibUsb.h"
 
 #include <time.h>

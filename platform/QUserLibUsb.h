@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One USB device opened through libusb-1.0: selection by vendor/product id and
 // index, interrupt and bulk transfers, a link flag and a restart used by the
 // drivers' fault recovery.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/QUserLog.h"
 
 #include <sys/stat.h>

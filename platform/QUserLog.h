@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library's logger: six levels, every line on standard output and, when
 // "QUserLog.ini" asks for it, appended to one file per day. The environment
 // variable WCAN_LOG_CONSOLE=stderr moves the console lines to standard error,

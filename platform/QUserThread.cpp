@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/QUserThread.h"
 
 #include "platform/QUserLog.h"

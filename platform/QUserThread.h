@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A driver's background thread. It runs one pass of its work after another
 // until a stop is requested; stopping asks, waits a bounded time for the
 // thread to end, and only then cancels it. Sleeps inside a pass end early

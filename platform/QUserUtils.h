@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Small helpers shared by every driver: a wrapping 32-bit microsecond clock,
 // hexadecimal text conversion, and the mutex set-up and scoped lock.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Writes the Python module wcan/_header.py: the size and field offsets of
  * every record of wcan.h and the value of every constant, as this compiler
  * lays them out. The package compares its ctypes records against these at
@@ -5,8 +6,10 @@
  * instead of corrupting memory. */
 #include <stddef.h>
 #include <stdio.h>
+#include <string.h>
 
 #include "wcan.h"
+#include "wcan_device_types.h"
 
 #define RECORD(type) printf("    \"%s\": (%zu, {\n", &(#type)[1], sizeof(type));
 #define FIELD(type, field) printf("        \"%s\": %zu,\n", #field, offsetof(type, field));
@@ -138,9 +141,29 @@ static void printConstants(void) {
   printf("}\n");
 }
 
+/* The library's device-type and classic bit-rate tables, so the package
+ * keeps no copy of its own. */
+#define TYPE_ROW(type, family, vendorId, productId, channels, clockMHz, counterBits)               \
+  if (strcmp(#family, "ClassicRefused") != 0)                                                      \
+    printf("    (%d, \"%s\", 0x%04X, 0x%04X, %d, %d),\n", type, #family, vendorId, productId,      \
+           channels, counterBits);
+#define RATE_ROW(bitRate, timing0, timing1)                                                        \
+  printf("    %d: (0x%02X, 0x%02X),\n", bitRate, timing0, timing1);
+
+static void printTables(void) {
+  printf("# (type, family, USB vendor id, USB product id, channels, time stamp counter bits)\n");
+  printf("DEVICE_TYPES = (\n");
+  WCAN_DEVICE_TYPES(TYPE_ROW)
+  printf(")\n\n# Classic adapter bit rate -> (timing0, timing1).\nCLASSIC_TIMINGS = {\n");
+  WCAN_CLASSIC_BIT_RATES(RATE_ROW)
+  printf("}\n");
+}
+
 int main(void) {
   printf("# Generated at build time from wcan.h by header_values.c; do not edit.\n\n");
   printRecords();
   printConstants();
+  printf("\n");
+  printTables();
   return 0;
 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "BusTiming.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How long a frame holds the bus and which of several waiting frames wins it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bytes an adapter has queued on one IN endpoint, served to the host's
 // reads in the endpoint's shape. Shared by every way of reaching the models.
 #pragma once

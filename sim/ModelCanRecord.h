@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The simulated CAN recorder (types 61 and 62): bulk request/reply on OUT
 // 0x01 and IN 0x81. It records on its own and takes no part in the
 // simulated bus traffic; the host only configures its settings and filters,

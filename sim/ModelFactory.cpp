@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Models.h"
 
 namespace wcansim {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "ModelUsbCan2.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The simulated classic dual-channel adapter (types 3 and 4): commands on
 // interrupt OUT 0x01 answered on interrupt IN 0x81, transmit packets on bulk
 // OUT 0x02, received frames streamed on bulk IN 0x82.

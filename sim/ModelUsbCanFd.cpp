@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How the simulated CAN FD adapter answers where its protocol leaves a choice:
 //
 // - Replies on 0x81 echo the start byte, the command code and command byte 2;

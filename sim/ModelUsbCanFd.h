@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The simulated CAN FD adapter (types 41, 42, 43, 64, 65, 66, 67): commands on
 // interrupt OUT 0x01 answered on interrupt IN 0x81, data frames to send on
 // bulk OUT 0x02 acknowledged on bulk IN 0x82, received frames streamed on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Constructors of the three family models (each in its own source file).
 #pragma once
 

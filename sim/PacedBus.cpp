@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "PacedBus.h"
 
 #include <pthread.h>

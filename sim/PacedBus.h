@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Carries frames over the virtual CAN buses in real time. Each sending
 // channel has a queue; a bus (the channels cabled together) carries one
 // frame at a time, chosen by arbitration among the queued ones, for as long

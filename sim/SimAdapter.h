@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One simulated USB adapter: a device model behind IN endpoint queues, with
 // its own lock and a condition its blocked readers sleep on. The adapter knows
 // nothing of libusb handles or of the bus wiring: it returns the frames its

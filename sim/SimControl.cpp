@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The control interface of wcan_sim.h over the test bed.
 #include "wcan_sim.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The libusb-1.0 functions the library and the tools use, over the simulated
 // adapters of the test bed. Contexts carry nothing: every context (and the
 // NULL default one) sees the same adapters.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Device models of the simulated adapters. A model is a plain state machine:
 // it sees what the host writes on its OUT endpoints and the frames that reach
 // its channels from the virtual bus, and answers through its ModelHost by

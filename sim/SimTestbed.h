@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The set of simulated adapters in this process and the cables between their
 // channels. One instance lives for the whole process (it is never destroyed,
 // so libraries unloading at exit may still close their devices).

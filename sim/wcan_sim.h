@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Control interface of the simulated adapters, for tests and tools. The
 // simulation layer (libwcan-sim.so) defines the libusb-1.0 functions the
 // library uses over these adapters; a host program loads it instead of the

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Usage: check_install.sh BUILD_DIR SOURCE_DIR
 # Installs into a scratch prefix, moves the tree elsewhere and uses it from
 # another directory without LD_LIBRARY_PATH, as a new user would: the tool on

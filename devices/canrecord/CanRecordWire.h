@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Wire format of the CAN recorder: request frames built from the interface
 // records and replies taken apart again. Pure functions only: no USB, no
 // threads, no state. The driver class sequences them over its USB device.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Driver of the CAN recorder (types 61 and 62). The recorder stores bus
 // traffic by itself; the host only configures recording, manages recording
 // filters and reads board information, each by one synchronous request/reply

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Internals of the classic family shared by its source files: the per-index
 // device record, the table of them, and the transfer primitives every command
 // goes through.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "devices/usbcan2/Usbcan2Wire.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Byte layouts of the classic dual-channel adapter: command frames on the
 // interrupt endpoints, 19-byte frame records on the bulk endpoints. Pure
 // functions only: no USB, no threads, no globals.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The classic family's device table, parameter checks, transfer primitives,
 // and the open/close/init/start/reset/queue/board-information functions.
 #include "devices/usbcan2/usbcan2.h"

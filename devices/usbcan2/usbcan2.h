@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The classic dual-channel adapter family: flat functions over a static table
 // of 32 device records, keyed by device index (types 3 and 4 share it).
 #pragma once

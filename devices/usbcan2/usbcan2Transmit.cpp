@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Transmit and the auxiliary services (relays, baud parameters, channel
 // state, direct transfer) of the classic family.
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The per-device worker of the classic family: it drains the receive endpoint
 // into the channel queues and brings a lost adapter back, on the receive
 // thread both adapter families share (AdapterWorker).

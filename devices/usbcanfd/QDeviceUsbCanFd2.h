@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Driver of the USB CAN FD adapter family (device types 41, 42, 43, 64, 65,
 // 66, 67). The class is implemented by concern, one file each:
 //   UsbCanFdCommand.cpp    command exchanges and the raw pass-through

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Bit timing, channel initialisation, start, stop and the queue counts of
 // the CAN FD adapter.
 #include "QDeviceUsbCanFd2.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Command exchanges of the CAN FD adapter and the raw pass-through.
 #include <cstring>
 

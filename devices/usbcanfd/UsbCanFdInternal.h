@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Constants and helpers shared by the implementation files of the CAN FD
 // adapter driver.
 #pragma once

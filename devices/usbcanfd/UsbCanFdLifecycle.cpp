@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Construction, open and close of the CAN FD adapter, its version words and
 // its board information.
 #include <cstring>

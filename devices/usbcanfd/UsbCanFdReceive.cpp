@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The receive side of the CAN FD adapter: the receive thread's reads of the
 // data stream into the per-channel queues, and the host's receive calls.
 #include "QDeviceUsbCanFd2.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fault recovery of the CAN FD adapter (the shared receive thread drives it)
 // and the channel status query.
 #include "QDeviceUsbCanFd2.h"

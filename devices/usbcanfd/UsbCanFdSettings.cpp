@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Key/value settings of the CAN FD adapter.
 #include <cstdlib>
 #include <cstring>

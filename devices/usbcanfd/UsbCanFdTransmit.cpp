@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Transmit batches of the CAN FD adapter.
 #include "QDeviceUsbCanFd2.h"
 #include "UsbCanFdInternal.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "UsbCanFdWire.h"
 
 #include <initializer_list>

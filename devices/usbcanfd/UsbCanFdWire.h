@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Byte layouts of the CAN FD adapter's USB protocol: command frames, the
 // transmit batch, the receive stream and the per-variant bit-timing tables.
 // Pure functions only: no USB, no threads, no globals beyond constant tables.

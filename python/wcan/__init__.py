@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Python access to the wcan adapter library (libwcan.so) through ctypes.
 
 - The records of wcan.h as ctypes structures (``WCAN_CAN_OBJ``,

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the package knows about each device type, and channel names.
 
 A channel is named ``wcan<TYPE>-<INDEX>-<CHANNEL>``, as ``wcan dump`` names
@@ -7,6 +8,8 @@ type 41.
 
 import re
 from typing import NamedTuple, Optional
+
+from . import _header
 
 CAN_FD = "CAN FD adapter"
 CLASSIC = "classic CAN adapter"
@@ -23,20 +26,14 @@ class DeviceType(NamedTuple):
     counter_bits: int
 
 
-# Types that share USB ids open the same adapters; the first of them stands
-# for the group when adapters are listed.
-DEVICE_TYPES = (
-    DeviceType(41, CAN_FD, 0x3068, 0x0009, 2, 32),
-    DeviceType(42, CAN_FD, 0x3068, 0x0009, 2, 32),
-    DeviceType(43, CAN_FD, 0x3068, 0x0009, 2, 32),
-    DeviceType(64, CAN_FD, 0x0471, 0x3014, 4, 32),
-    DeviceType(65, CAN_FD, 0x0471, 0x2014, 4, 32),
-    DeviceType(66, CAN_FD, 0x0471, 0x2018, 8, 32),
-    DeviceType(67, CAN_FD, 0x0471, 0x3018, 8, 32),
-    DeviceType(3, CLASSIC, 0x0471, 0x1200, 2, 24),
-    DeviceType(4, CLASSIC, 0x0471, 0x1200, 2, 24),
-    DeviceType(61, RECORDER, 0x0471, 0x2601, 2, 32),
-    DeviceType(62, RECORDER, 0x0471, 0x2602, 2, 32),
+_FAMILIES = {"CanFd": CAN_FD, "Classic": CLASSIC, "Recorder": RECORDER}
+
+# The library's own table, written into _header at build time. Types that
+# share USB ids open the same adapters; the first of them stands for the
+# group when adapters are listed.
+DEVICE_TYPES = tuple(
+    DeviceType(number, _FAMILIES[family], vendor, product, channels, bits)
+    for number, family, vendor, product, channels, bits in _header.DEVICE_TYPES
 )
 _BY_NUMBER = {t.number: t for t in DEVICE_TYPES}
 
@@ -53,18 +50,8 @@ def first_type_for_usb_id(vendor_id, product_id) -> Optional[DeviceType]:
 
 
 # Bus timing register pair of the classic adapter's controller for each bit
-# rate (16 MHz clock, single sampling, jump width 1).
-CLASSIC_TIMINGS = {
-    1000000: (0x00, 0x14),
-    800000: (0x00, 0x16),
-    500000: (0x00, 0x1C),
-    250000: (0x01, 0x1C),
-    125000: (0x03, 0x1C),
-    100000: (0x04, 0x1C),
-    50000: (0x09, 0x1C),
-    20000: (0x18, 0x1C),
-    10000: (0x31, 0x1C),
-}
+# rate, from the library's table.
+CLASSIC_TIMINGS = dict(_header.CLASSIC_TIMINGS)
 
 
 class ChannelName(NamedTuple):

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Adapters and channels shared by every Bus of the process.
 
 The first Bus on a channel opens its adapter (once per process), starts the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """An adapter's microsecond counter as epoch seconds.
 
 The adapter stamps each frame with a free-running microsecond counter that

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The adapters attached to the host, found by walking the USB device list.
 
 An adapter's index is its position among the devices with the same USB ids,

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """python-can filters as software matchers and as the adapter's id ranges.
 
 A filter ``{"can_id", "can_mask", "extended"?}`` matches a frame when

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Loading libwcan.so and declaring its 30 functions.
 
 libwcan.so does not link libusb: it resolves its libusb symbols from what the

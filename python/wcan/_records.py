@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The records of wcan.h as ctypes structures, checked against the header.
 
 Each class carries the C record's name without its leading underscore and the

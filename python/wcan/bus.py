@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The python-can interface ``wcan``.
 
 ``can.Bus(interface="wcan", channel="wcan41-0-1", bitrate=500000,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "UsbfsTestbed.h"
 
 #include "InQueue.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Simulated adapters behind an emulated usbfs, for programs that use the real
 // libusb-1.0 and run under umockdev-wrapper. Each adapter is a USB device on
 // a bus of its own (sysfs record with its descriptors and a /dev/bus/usb node)

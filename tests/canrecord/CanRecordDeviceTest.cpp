@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The recorder driver end to end: exported functions, driver, USB wrapper and
 // the simulated recorder, which keeps settings and filters per channel.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every field of a recorder settings record as one comparable (and printable)
 // value, so records compare without looking at their padding.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Compiled as C99 (-pedantic): the public header must stay plain C, and the
  * C compiler must lay the records out as the C++ one does. */
 #include "wcan.h"

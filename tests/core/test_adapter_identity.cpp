@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One physical adapter belongs to one open handle of the process, and a lost
 // adapter comes back on the handle that had it, whatever order the device
 // list shows after the replug.

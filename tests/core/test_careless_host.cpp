@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a careless host gets from every export: null pointers, receives for
 // no frames and receives on closed adapters are answered at once with a
 // clear last error, for all three families.

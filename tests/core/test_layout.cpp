@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Host programs built against the original record layout must work
 // unchanged: every size and offset is pinned.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The device registry and the process-wide last error.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported layer: which driver slot each call reaches for each kind of
 // device type, and which errors the layer itself sets.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The USB wrapper over the simulated adapters: selection among equal
 // devices, the link flag, the once-per-condition log lines and restart.
 #include <gtest/gtest.h>

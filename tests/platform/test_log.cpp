@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The logger's configuration file, levels and daily file.
 #include <gtest/gtest.h>
 #include <unistd.h>

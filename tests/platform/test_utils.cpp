@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Clock arithmetic and hexadecimal text conversion.
 #include <gtest/gtest.h>
 

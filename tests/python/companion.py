@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Runs one of python-can's command line tools in a process with a simulated
 CAN FD adapter (type 41) and plays the other end of its cable from inside.
 

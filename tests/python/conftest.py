@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Simulated adapters for the Python suites, inside each pytest process.
 
 Simulated adapter 0 is a CAN FD adapter of type 41 and adapter 1 a classic

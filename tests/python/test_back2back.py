@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The checks python-can runs on an interface with two buses back to back.
 
 Two buses on the cabled channels of one adapter, opened as python-can's own

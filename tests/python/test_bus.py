@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The python-can interface wcan on simulated adapters: traffic, sharing, errors."""
 
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The device clock and the filter translation, without adapters."""
 
 import types

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The ctypes layer, the library's loading, and the package from the build and installed."""
 
 import ctypes

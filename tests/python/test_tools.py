@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """python-can's Notifier, logger and player on wcan buses, and wcan dump logs replayed."""
 
 import json

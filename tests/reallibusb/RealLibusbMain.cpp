@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "RealLibusb.h"
 
 // The test bed ends after the last test, so its temporary sysfs tree goes.

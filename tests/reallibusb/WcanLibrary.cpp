@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "WcanLibrary.h"
 
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library under test, loaded with dlopen once the test bed exists: its
 // classic family creates a libusb context when it is loaded, and that must
 // already see the emulated devices.

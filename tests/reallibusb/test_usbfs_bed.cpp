@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The emulated usbfs seen through a bare libusb client: what the library will
 // rely on when it runs over the test bed.
 #include <libusb-1.0/libusb.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The three adapter families over the real libusb: one scenario each, told
 // apart only where a family differs.
 #include <libusb-1.0/libusb.h>

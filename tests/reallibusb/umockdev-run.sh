@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Runs a test program under umockdev's preload library. A sanitizer runtime
 # linked into the program cannot come first in the preload list then, so its
 # link-order check is switched off (the preload library only wraps system

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A ModelHost that keeps everything a model hands it, for driving device
 // models directly in tests.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A host driving the simulated CAN FD adapter through plain libusb calls:
 // the fixture of the simulation layer's own tests. Frames cross the bus at
 // once (pacing off) unless a test turns pacing on.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The recorder model driven directly, for what the driver's own suite cannot
 // observe: refused requests, the filter limit and state kept over a power cycle.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The classic adapter model driven directly, for what the driver's own suite
 // cannot observe: answers it never asks for, channel rules and packet splitting.
 #include <gtest/gtest.h>

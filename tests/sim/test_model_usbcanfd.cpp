@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The CAN FD adapter model driven directly, for what the driver's own suite
 // cannot observe: timing kept, filtering, channel rules and stream packing.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The libusb simulation layer and the virtual bus, seen through libusb calls.
 #include <chrono>
 #include <future>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How the simulation layer lists adapters, by which a host finds a lost one
 // again: a socket of its own, a fresh address at every plug-in, the most
 // recently attached first, and a USB serial number on all but the classic

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Frames cross the simulated bus in the time their bits take: the frame
 // layout behind that time, arbitration, the transmit queue that holds writes
 // back, and whole bursts through the library at the bus's rate.

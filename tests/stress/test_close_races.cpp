@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Host threads that keep calling into an adapter while another thread closes
 // and reopens it, and host threads whose command exchanges run at the same
 // time (built under ThreadSanitizer in CI).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Several host threads transmitting and receiving at once on one adapter of
 // each family (built under ThreadSanitizer in CI). Every frame a sender got
 // through must reach the receivers exactly once, and each receiver must see

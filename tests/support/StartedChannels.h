@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Starts channels 0 and 1 of an open adapter at 500 kbit/s (CAN FD adapters
 // with a 2 Mbit/s data phase), whichever family it belongs to.
 #pragma once

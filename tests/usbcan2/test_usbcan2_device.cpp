@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The classic adapter end to end: exported functions, driver and the
 // simulated adapter (whose channels 0 and 1 are cabled together).
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Byte layouts of the classic adapter: commands, replies, transmit records and
 // the receive stream.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The CAN FD adapter driver end to end: exported functions over the
 // simulated adapter, checking the bytes on the wire and the frames handed
 // back. Only the tests named ...TimesOut wait for real time-outs.

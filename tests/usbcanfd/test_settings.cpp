@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Key/value settings, channel status and fault handling of the CAN FD driver
 // object, reached directly since no exported function leads to them.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Byte layouts of the CAN FD adapter: command frames, transmit batches and
 // the receive stream parser, without any USB.
 #include <gtest/gtest.h>

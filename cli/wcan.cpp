@@ -1,0 +1,315 @@
+// SPDX-License-Identifier: MIT
+// wcan: command line front end of the library, for real or simulated adapters.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "cli/Commands.h"
+#include "cli/RecordFields.h"
+
+namespace wcantool {
+namespace {
+
+const char kProgramUsage[] =
+    "usage: wcan [--sim SPEC] COMMAND [ARGS...]\n"
+    "       wcan --version\n"
+    "\n"
+    "Commands:\n"
+    "%s"
+    "\n"
+    "Adapters are found through libusb. With --sim SPEC, or when the environment\n"
+    "variable WCAN_SIM is set, simulated adapters are used instead: SPEC is a\n"
+    "comma-separated list of device types, e.g. --sim 41,4,61. In a simulated\n"
+    "adapter, channel 0 is cabled to channel 1 (and 2 to 3, ...).\n"
+    "\n"
+    "Run 'wcan COMMAND --help' for the arguments of a command.\n";
+
+const char kListUsage[] = "usage: wcan list\n"
+                          "\n"
+                          "Lists the attached adapters of every supported type with their type\n"
+                          "numbers, index, USB ids, bus position and channel count.\n";
+
+const char kInfoUsage[] = "usage: wcan info TYPE INDEX\n"
+                          "\n"
+                          "Opens adapter INDEX of device type TYPE and prints its board "
+                          "information.\n";
+
+const char kDumpUsage[] =
+    "usage: wcan dump TYPE INDEX CHANNEL [options]\n"
+    "       wcan dump --connect HOST[:PORT] BUS [options]\n"
+    "\n"
+    "Initialises and starts a channel and prints every received frame as a\n"
+    "candump -L log line, e.g. (1700000000.123456) wcan41-0-1 123#DEADBEEF,\n"
+    "until Ctrl-C, --count or --timeout ends it. With --connect the frames\n"
+    "come from bus BUS (e.g. wcan41-0-1) of a 'wcan serve' server (port 29536\n"
+    "unless given), with the server's time stamps and channel settings.\n"
+    "\n"
+    "Options:\n"
+    "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --fd             open the channel for CAN FD (CAN FD adapters)\n"
+    "  --listen-only    receive without acknowledging frames on the bus\n"
+    "  --count N        stop after N frames\n"
+    "  --timeout MS     stop when no frame arrived for MS milliseconds; the exit\n"
+    "                   status is 1 if --count frames had not arrived by then\n"
+    "  --log FILE       also write the lines to FILE\n"
+    "  --tx CH:FRAME    once the channel runs, start channel CH of the same adapter\n"
+    "                   alike and send FRAME on it (repeatable): a loopback test\n"
+    "                   through a cable between two ports, or the simulation\n"
+    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
+
+const char kSendUsage[] =
+    "usage: wcan send TYPE INDEX CHANNEL FRAME... [options]\n"
+    "       wcan send --connect HOST[:PORT] BUS FRAME...\n"
+    "\n"
+    "Initialises and starts a channel and sends the frames, given in cansend\n"
+    "syntax, or sends them on bus BUS of a 'wcan serve' server:\n"
+    "  123#DEADBEEF     standard id, up to 8 data bytes ('.' may separate bytes)\n"
+    "  12345678#0102    extended id (8 hex digits)\n"
+    "  123#R  123#R4    remote frame, optional length\n"
+    "  123##1AABBCC     CAN FD frame; flag digit 1 = bit-rate switch, 0 = none;\n"
+    "                   0..8, 12, 16, 20, 24, 32, 48 or 64 data bytes\n"
+    "\n"
+    "Options:\n"
+    "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --fd             open the channel for CAN FD even without CAN FD frames\n"
+    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
+
+const char kGenUsage[] =
+    "usage: wcan gen TYPE INDEX CHANNEL [options]\n"
+    "       wcan gen --connect HOST[:PORT] BUS [options]\n"
+    "\n"
+    "Sends generated frames until Ctrl-C or --count, showing the progress on a\n"
+    "terminal and a summary line at the end; with --connect on bus BUS of a\n"
+    "'wcan serve' server.\n"
+    "\n"
+    "Options:\n"
+    "  --count N        stop after N frames (default: run until Ctrl-C)\n"
+    "  --rate FPS       frames per second (default: as fast as possible)\n"
+    "  --fd             send CAN FD frames\n"
+    "  --brs            CAN FD frames with bit-rate switch\n"
+    "  --extended       extended (29-bit) ids\n"
+    "  --id ID|r|i      fixed hex id, r random (default), i incrementing\n"
+    "  --len N|r|i      fixed length, r random (default), i incrementing\n"
+    "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
+
+const char kRecordUsage[] =
+    "usage: wcan record TYPE INDEX CHANNEL ACTION [ARGS] [ACTION [ARGS]]...\n"
+    "\n"
+    "Reads and writes the recording settings of a CAN recorder channel and\n"
+    "manages its recording filters. Several actions run in order on one\n"
+    "opening of the recorder. Actions:\n"
+    "  show                       print the recording settings\n"
+    "  set FIELD=VALUE...         change settings (read, change, write back)\n"
+    "  filter-info                number of stored filters and filter state\n"
+    "  filter-show N              stored filter number N\n"
+    "  filter-add FIRST LAST      add an id range (hex ids) [--id-type N]\n"
+    "  filter-clear               remove every filter\n"
+    "  filter-enable              record only frames that pass the filters\n"
+    "  filter-disable             record every frame\n"
+    "\n"
+    "Settings fields: %s\n";
+
+const char kDemoUsage[] =
+    "usage: wcan demo [--rounds N] [--quiet]\n"
+    "\n"
+    "Attaches a simulated CAN FD adapter (type 41) and a simulated classic\n"
+    "adapter (type 4), prints their board information, starts channels 0 and 1\n"
+    "of each at 500 kbit/s (CAN FD data phase 2 Mbit/s), sends a burst of\n"
+    "classic and CAN FD frames from channel 0, prints what channel 1 receives\n"
+    "as candump -L lines and ends with a summary table. Exits 1 if a frame was\n"
+    "lost.\n"
+    "\n"
+    "Options:\n"
+    "  --rounds N       send the burst N times (default 1)\n"
+    "  --quiet          do not print the received frames\n";
+
+const char kServeUsage[] =
+    "usage: wcan serve [options]\n"
+    "\n"
+    "Serves every channel of every attached adapter as a bus of the socketcand\n"
+    "text protocol, named wcan<TYPE>-<INDEX>-<CHANNEL> (wcan41-0-1). A client's\n"
+    "'< open BUS >' opens the adapter once for all clients and starts the\n"
+    "channel with the server's bit rates; it stops when its last client leaves\n"
+    "and the adapter closes with its last channel. Clients on one bus each get\n"
+    "every frame, the others' sent frames included. Runs until Ctrl-C or\n"
+    "SIGTERM. The protocol has no authentication: reach a remote server\n"
+    "through an SSH tunnel rather than with --bind.\n"
+    "\n"
+    "Options:\n"
+    "  --bind ADDR      listen on this IP address (default 127.0.0.1)\n"
+    "  --port N         TCP port (default 29536; 0 picks a free one, which the log\n"
+    "                   names)\n"
+    "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --fd             open the channels of CAN FD adapters for CAN FD\n"
+    "  --client-buffer N  bytes of output a client may leave unread before it\n"
+    "                   misses frames (default 1048576)\n";
+
+const std::vector<Command> &commands() {
+  static const std::vector<Command> table = {
+      {"list", "list the attached adapters", kListUsage, {}, runList},
+      {"info", "print an adapter's board information", kInfoUsage, {}, runInfo},
+      {"dump",
+       "print received frames as candump -L lines",
+       kDumpUsage,
+       {{"--bitrate", true},
+        {"--dbitrate", true},
+        {"--fd", false},
+        {"--listen-only", false},
+        {"--count", true},
+        {"--timeout", true},
+        {"--log", true},
+        {"--tx", true},
+        {"--connect", true}},
+       runDump},
+      {"send",
+       "send frames given in cansend syntax",
+       kSendUsage,
+       {{"--bitrate", true}, {"--dbitrate", true}, {"--fd", false}, {"--connect", true}},
+       runSend},
+      {"gen",
+       "generate traffic",
+       kGenUsage,
+       {{"--count", true},
+        {"--rate", true},
+        {"--fd", false},
+        {"--brs", false},
+        {"--extended", false},
+        {"--id", true},
+        {"--len", true},
+        {"--bitrate", true},
+        {"--dbitrate", true},
+        {"--connect", true}},
+       runGen},
+      {"record", "configure a CAN recorder", kRecordUsage, {{"--id-type", true}}, runRecord},
+      {"serve",
+       "serve the adapters' channels over TCP",
+       kServeUsage,
+       {{"--bind", true},
+        {"--port", true},
+        {"--bitrate", true},
+        {"--dbitrate", true},
+        {"--fd", false},
+        {"--client-buffer", true}},
+       runServe},
+      {"demo",
+       "run the demonstration on simulated adapters",
+       kDemoUsage,
+       {{"--rounds", true}, {"--quiet", false}},
+       runDemo},
+  };
+  return table;
+}
+
+void printProgramUsage(FILE *out) {
+  std::string list;
+  for (const Command &c : commands()) {
+    char line[128];
+    std::snprintf(line, sizeof line, "  %-8s %s\n", c.name, c.summary);
+    list += line;
+  }
+  std::fprintf(out, kProgramUsage, list.c_str());
+}
+
+const Command *findCommand(const std::string &name) {
+  for (const Command &c : commands())
+    if (name == c.name)
+      return &c;
+  return nullptr;
+}
+
+bool wantsHelp(const std::vector<std::string> &args) {
+  for (const std::string &a : args) {
+    if (a == "--")
+      return false;
+    if (a == "--help" || a == "-h")
+      return true;
+  }
+  return false;
+}
+
+} // namespace
+
+std::string formatUsage(const Command &cmd) {
+  if (cmd.run == runRecord) {
+    std::string fields = recordFieldNames();
+    std::vector<char> buf(std::strlen(cmd.usage) + fields.size() + 1);
+    std::snprintf(buf.data(), buf.size(), cmd.usage, fields.c_str());
+    return buf.data();
+  }
+  return cmd.usage;
+}
+
+int runMain(std::vector<std::string> argv) {
+  std::optional<std::string> sim;
+  try {
+    sim = takeSimOption(argv);
+  } catch (const UsageError &e) {
+    std::fprintf(stderr, "wcan: %s\n", e.message.c_str());
+    printProgramUsage(stderr);
+    return kExitUsage;
+  }
+  if (argv.empty()) {
+    printProgramUsage(stderr);
+    return kExitUsage;
+  }
+  if (argv[0] == "--version") {
+    std::fprintf(stdout, "wcan %s\n", WCAN_VERSION);
+    return kExitOk;
+  }
+  if (argv[0] == "--help" || argv[0] == "-h" || argv[0] == "help") {
+    const Command *cmd = argv.size() > 1 ? findCommand(argv[1]) : nullptr;
+    if (cmd)
+      std::fputs(formatUsage(*cmd).c_str(), out());
+    else
+      printProgramUsage(stdout);
+    return kExitOk;
+  }
+  const Command *cmd = findCommand(argv[0]);
+  if (!cmd) {
+    std::fprintf(stderr, "wcan: unknown command '%s'\n", argv[0].c_str());
+    printProgramUsage(stderr);
+    return kExitUsage;
+  }
+  std::vector<std::string> rest(argv.begin() + 1, argv.end());
+  if (wantsHelp(rest)) {
+    std::fputs(formatUsage(*cmd).c_str(), out());
+    return kExitOk;
+  }
+  if (!sim) {
+    if (const char *env = std::getenv("WCAN_SIM"))
+      sim = std::string(env);
+  }
+  separateLibraryLog();
+  Context ctx(sim);
+  try {
+    Args args(rest, cmd->options);
+    installStopHandler();
+    return cmd->run(ctx, args);
+  } catch (const UsageError &e) {
+    std::fprintf(stderr, "wcan %s: %s\n\n%s", cmd->name, e.message.c_str(),
+                 formatUsage(*cmd).c_str());
+    return kExitUsage;
+  } catch (const ToolError &e) {
+    std::fflush(out());
+    std::fprintf(stderr, "wcan %s: %s\n", cmd->name, e.message.c_str());
+    return kExitFailure;
+  } catch (const LoadError &e) {
+    std::fflush(out());
+    std::fprintf(stderr, "wcan %s: %s\n", cmd->name, e.message.c_str());
+    return kExitFailure;
+  }
+}
+
+} // namespace wcantool
+
+int main(int argc, char **argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  return wcantool::runMain(std::move(args));
+}

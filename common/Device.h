@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: MIT
+// One opened adapter, as the subcommands use it: opened on construction and
+// closed on destruction (also when a subcommand ends by Ctrl-C or an error),
+// with channel initialisation, frame transmission and reception over the
+// library's records.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "common/DeviceTypes.h"
+#include "common/FrameSyntax.h"
+#include "common/Runtime.h"
+
+namespace wcantool {
+
+struct ChannelSettings {
+  unsigned bitRate = 500000;
+  unsigned dataBitRate = 2000000;
+  bool fd = false;
+  bool listenOnly = false;
+};
+
+// A received frame with the adapter's time stamp and the host time at which
+// the tool collected it.
+struct RxFrame {
+  Frame frame;
+  uint32_t deviceTime = 0;
+  LogTime hostTime;
+};
+
+// Checks the device type argument; throws UsageError.
+const DeviceType &checkedDeviceType(unsigned type);
+
+// Checks, before any adapter is opened, that a channel of this type can run
+// with these settings and send these frames; throws UsageError.
+void checkChannelUse(const DeviceType &type, unsigned channel, const ChannelSettings &settings,
+                     const std::vector<Frame> &frames = {});
+
+class DeviceSession {
+public:
+  // Opens the adapter; throws ToolError with the library's reason.
+  DeviceSession(const Runtime &runtime, unsigned type, unsigned index);
+  ~DeviceSession();
+  DeviceSession(const DeviceSession &) = delete;
+  DeviceSession &operator=(const DeviceSession &) = delete;
+
+  const DeviceType &type() const { return type_; }
+  unsigned index() const { return index_; }
+  std::string name() const; // "41/0"
+
+  // Initialises and starts a channel; throws UsageError for a bit rate the
+  // adapter cannot use and ToolError when the adapter refuses.
+  void startChannel(unsigned channel, const ChannelSettings &settings);
+
+  // Sends frames in order; returns how many the library accepted. Throws
+  // UsageError for CAN FD frames on a classic adapter.
+  size_t send(unsigned channel, const std::vector<Frame> &frames);
+
+  // Appends what arrived on a channel, waiting up to waitMs for the first
+  // frame. Classic and CAN FD frames come from separate queues and are
+  // merged by the adapter's time stamp.
+  size_t receive(unsigned channel, std::vector<RxFrame> &out, int waitMs);
+
+  // Board information; false when the adapter family does not report it.
+  bool boardInfo(_WCAN_BOARD_INFO &info);
+
+  // Throws ToolError "<what> failed on <name>: <library reason>".
+  [[noreturn]] void fail(const std::string &what) const;
+
+private:
+  void startClassic(unsigned channel, const ChannelSettings &settings);
+  void startCanFd(unsigned channel, const ChannelSettings &settings);
+  size_t sendRun(unsigned channel, const Frame *frames, size_t count);
+
+  const Runtime &runtime_;
+  const WcanApi &api_;
+  const DeviceType &type_;
+  unsigned index_;
+};
+
+// Board information as "key: value" lines for `info` and the demo.
+std::string describeBoard(const DeviceSession &device, const _WCAN_BOARD_INFO *info);
+
+} // namespace wcantool

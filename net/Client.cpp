@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: MIT
+#include "net/Client.h"
+
+#include <asio.hpp>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+
+#include "common/Args.h"
+#include "net/Protocol.h"
+
+namespace wcantool::net {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Opening a bus may open and reset an adapter first.
+constexpr int kAnswerWaitMs = 10000;
+
+} // namespace
+
+ServerAddress parseServerAddress(const std::string &text, unsigned defaultPort) {
+  ServerAddress a{text, defaultPort};
+  std::string port;
+  if (!text.empty() && text.front() == '[') {
+    const size_t close = text.find(']');
+    if (close == std::string::npos || (close + 1 < text.size() && text[close + 1] != ':'))
+      throw UsageError{"--connect takes HOST[:PORT] or [ADDRESS]:PORT, not '" + text + "'"};
+    a.host = text.substr(1, close - 1);
+    if (close + 1 < text.size())
+      port = text.substr(close + 2);
+  } else if (text.find(':') == text.rfind(':') && text.find(':') != std::string::npos) {
+    a.host = text.substr(0, text.find(':'));
+    port = text.substr(text.find(':') + 1);
+  }
+  if (a.host.empty())
+    throw UsageError{"--connect needs a host name or address, not '" + text + "'"};
+  if (!port.empty() || text.back() == ':')
+    a.port = parseUnsigned(port, "the port of --connect", 1, 65535);
+  return a;
+}
+
+struct Client::Connection {
+  asio::io_context io;
+  asio::ip::tcp::socket socket{io};
+  ElementReader reader;
+  std::array<char, 16384> buffer;
+  std::vector<std::string> errors;
+  std::string name;
+
+  // Reads once, waiting until `deadline` (none: no limit); false on time-out.
+  bool readSome(std::optional<Clock::time_point> deadline) {
+    asio::error_code ec = asio::error::would_block;
+    size_t n = 0;
+    socket.async_read_some(asio::buffer(buffer), [&](asio::error_code e, size_t k) {
+      ec = e;
+      n = k;
+    });
+    io.restart();
+    if (deadline)
+      io.run_until(*deadline);
+    else
+      io.run();
+    if (ec == asio::error::would_block) {
+      socket.cancel();
+      io.restart();
+      io.run();
+    }
+    if (ec == asio::error::operation_aborted)
+      return false;
+    if (ec == asio::error::eof)
+      throw ToolError{"the server closed the connection to " + name};
+    if (ec)
+      throw ToolError{"lost the connection to " + name + ": " + ec.message()};
+    reader.feed(buffer.data(), n);
+    return true;
+  }
+
+  // The next element; nothing when none came within waitMs (-1: no limit).
+  std::optional<std::string> nextElement(int waitMs) {
+    std::optional<Clock::time_point> deadline;
+    if (waitMs >= 0)
+      deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+    ElementReader::Item item;
+    for (;;) {
+      while (reader.next(item)) {
+        if (item.kind == ElementReader::Kind::Broken)
+          throw ToolError{name + " sent " + item.text};
+        if (item.kind == ElementReader::Kind::Element)
+          return item.text;
+      }
+      if (!readSome(deadline))
+        return std::nullopt;
+    }
+  }
+
+  // Waits for one answer; an error reply or none in time throws.
+  void expect(const std::string &want, const std::string &request) {
+    std::optional<std::string> got = nextElement(kAnswerWaitMs);
+    if (!got)
+      throw ToolError{name + " did not answer " + request};
+    const std::vector<std::string_view> words = splitWords(*got);
+    if (words.size() == 1 && words[0] == want)
+      return;
+    std::string said;
+    for (std::string_view w : words)
+      said += (said.empty() ? "" : " ") + std::string(w);
+    throw ToolError{name + " answered " + request + " with '" + said + "'"};
+  }
+
+  void write(const std::string &text) {
+    asio::error_code ec;
+    asio::write(socket, asio::buffer(text), ec);
+    if (ec)
+      throw ToolError{"lost the connection to " + name + ": " + ec.message()};
+  }
+
+  // Keeps the reason of an error reply.
+  void keepIfError(const std::string &text) {
+    const std::vector<std::string_view> words = splitWords(text);
+    if (words.empty() || words[0] != "error")
+      return;
+    std::string reason;
+    for (size_t i = 1; i < words.size(); ++i)
+      reason += (i > 1 ? " " : "") + std::string(words[i]);
+    errors.push_back(reason);
+  }
+};
+
+Client::Client(const ServerAddress &server, const std::string &bus)
+    : c_(std::make_unique<Connection>()) {
+  c_->name = bus + " at " + server.host + ":" + std::to_string(server.port);
+  asio::error_code ec;
+  asio::ip::tcp::resolver resolver(c_->io);
+  const auto endpoints = resolver.resolve(server.host, std::to_string(server.port), ec);
+  if (!ec)
+    asio::connect(c_->socket, endpoints, ec);
+  if (ec)
+    throw ToolError{"cannot connect to " + server.host + ":" + std::to_string(server.port) + ": " +
+                    ec.message()};
+  c_->socket.set_option(asio::ip::tcp::no_delay(true), ec);
+  c_->expect("hi", "the connection");
+  c_->write(element("open " + bus));
+  c_->expect("ok", "'open " + bus + "'");
+}
+
+Client::~Client() = default;
+
+std::string Client::describe() const { return c_->name; }
+
+void Client::rawMode() {
+  c_->write(element("rawmode"));
+  c_->expect("ok", "'rawmode'");
+}
+
+std::optional<ReceivedFrame> Client::nextFrame(int waitMs) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    std::optional<std::string> text =
+        c_->nextElement(std::max<int>(0, static_cast<int>(left.count())));
+    if (!text)
+      return std::nullopt;
+    ReceivedFrame rx;
+    if (parseFrameElement(*text, rx.frame, rx.time))
+      return rx;
+    c_->keepIfError(*text);
+  }
+}
+
+void Client::send(const std::vector<Frame> &frames) {
+  std::string text;
+  for (const Frame &f : frames)
+    text += sendRequest(f);
+  c_->write(text);
+}
+
+std::vector<std::string> Client::takeErrors() {
+  asio::error_code ec;
+  while (c_->socket.available(ec) > 0 && !ec) {
+    const size_t n = c_->socket.read_some(asio::buffer(c_->buffer), ec);
+    c_->reader.feed(c_->buffer.data(), ec ? 0 : n);
+  }
+  ElementReader::Item item;
+  while (c_->reader.next(item))
+    if (item.kind == ElementReader::Kind::Element)
+      c_->keepIfError(item.text);
+  return std::move(c_->errors);
+}
+
+std::vector<std::string> Client::sync() {
+  c_->write(element("echo"));
+  for (;;) {
+    std::optional<std::string> text = c_->nextElement(kAnswerWaitMs);
+    if (!text)
+      throw ToolError{c_->name + " did not answer 'echo'"};
+    if (splitWords(*text) == std::vector<std::string_view>{"echo"})
+      break;
+    c_->keepIfError(*text);
+  }
+  return std::move(c_->errors);
+}
+
+} // namespace wcantool::net

@@ -1,0 +1,448 @@
+// SPDX-License-Identifier: MIT
+#include "net/Protocol.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace wcantool::net {
+namespace {
+
+constexpr char kHex[] = "0123456789ABCDEF";
+
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+// Printable ASCII and the blanks; anything else is not protocol text.
+bool isText(char c) { return (c >= 0x20 && c <= 0x7E) || isBlank(c); }
+
+bool parseHex(std::string_view text, size_t maxDigits, uint32_t &out) {
+  return parseHexNumber(text, maxDigits, out);
+}
+
+bool parseDecimal(std::string_view text, size_t maxDigits, uint64_t &out) {
+  if (text.empty() || text.size() > maxDigits)
+    return false;
+  out = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9')
+      return false;
+    out = out * 10 + static_cast<uint64_t>(c - '0');
+  }
+  return true;
+}
+
+void appendHexByte(std::string &out, uint8_t b) {
+  out += kHex[b >> 4];
+  out += kHex[b & 0xF];
+}
+
+void appendId(std::string &out, const Frame &frame) {
+  const int digits = frame.extended ? 8 : 3;
+  const uint32_t id = frame.id & (frame.extended ? kMaxExtendedId : kMaxStandardId);
+  for (int shift = (digits - 1) * 4; shift >= 0; shift -= 4)
+    out += kHex[(id >> shift) & 0xF];
+}
+
+void appendTime(std::string &out, LogTime time) {
+  out += std::to_string(time.seconds);
+  out += '.';
+  char micros[8];
+  uint32_t us = time.micros % 1000000u;
+  for (int i = 5; i >= 0; --i, us /= 10)
+    micros[i] = static_cast<char>('0' + us % 10);
+  out.append(micros, 6);
+}
+
+// "< VERB ID TIME " in front of every frame element.
+void appendHead(std::string &out, const char *verb, LogTime time, const Frame &frame) {
+  out += "< ";
+  out += verb;
+  out += ' ';
+  appendId(out, frame);
+  out += ' ';
+  appendTime(out, time);
+  out += ' ';
+}
+
+// Requests with data bytes: the length decides how many words must follow.
+constexpr size_t kAnyWords = kMaxElement;
+
+struct Words {
+  std::vector<std::string_view> words;
+  std::string &error;
+
+  size_t size() const { return words.size(); }
+  std::string_view operator[](size_t i) const { return words[i]; }
+
+  bool fail(std::string why) {
+    error = std::move(why);
+    return false;
+  }
+  bool expectCount(size_t min, size_t max, const char *usage) {
+    if (words.size() < min || words.size() > max)
+      return fail(std::string("usage: ") + usage);
+    return true;
+  }
+};
+
+bool parseId(Words &w, size_t at, Frame &frame) {
+  if (!parseFrameId(w[at], frame))
+    return w.fail("bad CAN id '" + std::string(w[at]) +
+                  "': hex, at most 7FF, or 8 digits up to 1FFFFFFF");
+  return true;
+}
+
+// Length and data bytes from word `at` on: exactly `len` bytes of 1 or 2 hex
+// digits; with `flagAllowed` one more word may follow, the CAN FD flag digit.
+bool parseData(Words &w, size_t at, Frame &frame, bool fd, bool flagAllowed) {
+  uint64_t len = 0;
+  if (!parseDecimal(w[at], 2, len) || (fd ? !isFdLength(static_cast<unsigned>(len)) : len > 8))
+    return w.fail("bad length '" + std::string(w[at]) +
+                  (fd ? "': 0..8, 12, 16, 20, 24, 32, 48 or 64" : "': 0..8"));
+  const size_t first = at + 1;
+  const size_t given = w.size() - first;
+  const bool withFlag = flagAllowed && given == len + 1;
+  if (given != len && !withFlag)
+    return w.fail("length " + std::to_string(len) + " but " + std::to_string(given) +
+                  " data bytes");
+  frame.len = static_cast<uint8_t>(len);
+  for (size_t i = 0; i < len; ++i) {
+    uint32_t b = 0;
+    if (!parseHex(w[first + i], 2, b))
+      return w.fail("bad data byte '" + std::string(w[first + i]) + "': 1 or 2 hex digits");
+    frame.data[i] = static_cast<uint8_t>(b);
+  }
+  if (withFlag) {
+    uint32_t flags = 0;
+    if (!parseHex(w[first + len], 1, flags))
+      return w.fail("bad flag digit '" + std::string(w[first + len]) + "'");
+    frame.brs = (flags & kTextFlagBrs) != 0;
+  }
+  return true;
+}
+
+// "SECS USECS" at word `at`.
+bool parseInterval(Words &w, size_t at, uint64_t &us) {
+  uint64_t secs = 0, micros = 0;
+  if (!parseDecimal(w[at], 9, secs) || !parseDecimal(w[at + 1], 9, micros))
+    return w.fail("bad interval '" + std::string(w[at]) + " " + std::string(w[at + 1]) +
+                  "': seconds and microseconds in decimal");
+  us = secs * 1000000u + micros;
+  return true;
+}
+
+bool parseSend(Words &w, Request &out, std::string_view verb) {
+  out.verb = Verb::Send;
+  Frame &f = out.frame;
+  if (verb == "sendrtr") {
+    uint64_t len = 0;
+    if (!w.expectCount(3, 3, "< sendrtr ID DLC >") || !parseId(w, 1, f))
+      return false;
+    if (!parseDecimal(w[2], 1, len) || len > 8)
+      return w.fail("bad length '" + std::string(w[2]) + "': 0..8");
+    f.remote = true;
+    f.len = static_cast<uint8_t>(len);
+    return true;
+  }
+  const bool fd = verb == "sendfd";
+  f.fd = fd;
+  return w.expectCount(3, kAnyWords,
+                       fd ? "< sendfd ID LEN BYTE... [FLAG] >" : "< send ID DLC BYTE... >") &&
+         parseId(w, 1, f) && parseData(w, 2, f, fd, fd);
+}
+
+bool parseCyclic(Words &w, Request &out, Verb verb) {
+  out.verb = verb;
+  if (verb == Verb::Add) {
+    if (!w.expectCount(5, kAnyWords, "< add SECS USECS ID DLC BYTE... >") ||
+        !parseInterval(w, 1, out.intervalUs) || !parseId(w, 3, out.frame) ||
+        !parseData(w, 4, out.frame, false, false))
+      return false;
+    if (out.intervalUs < kMinCycleUs)
+      return w.fail("the interval must be at least " + std::to_string(kMinCycleUs) + " us");
+    return true;
+  }
+  if (verb == Verb::Update)
+    return w.expectCount(3, kAnyWords, "< update ID DLC BYTE... >") && parseId(w, 1, out.frame) &&
+           parseData(w, 2, out.frame, false, false);
+  return w.expectCount(2, 2, "< delete ID >") && parseId(w, 1, out.frame);
+}
+
+bool parseReception(Words &w, Request &out, Verb verb) {
+  out.verb = verb;
+  if (verb == Verb::Subscribe)
+    return w.expectCount(4, 4, "< subscribe SECS USECS ID >") &&
+           parseInterval(w, 1, out.intervalUs) && parseId(w, 3, out.frame);
+  if (verb == Verb::Filter)
+    return w.expectCount(5, kAnyWords, "< filter SECS USECS ID DLC MASK... >") &&
+           parseInterval(w, 1, out.intervalUs) && parseId(w, 3, out.frame) &&
+           parseData(w, 4, out.frame, false, false);
+  return w.expectCount(2, 2, "< unsubscribe ID >") && parseId(w, 1, out.frame);
+}
+
+struct Simple {
+  const char *name;
+  Verb verb;
+};
+constexpr Simple kSimpleVerbs[] = {
+    {"echo", Verb::Echo},           {"rawmode", Verb::RawMode},
+    {"bcmmode", Verb::BcmMode},     {"controlmode", Verb::ControlMode},
+    {"isotpmode", Verb::IsoTpMode},
+};
+
+} // namespace
+
+void ElementReader::feed(const char *data, size_t size) {
+  if (!broken_)
+    buffer_.append(data, size);
+}
+
+bool ElementReader::fail(Item &item, std::string why) {
+  broken_ = true;
+  buffer_.clear();
+  start_ = scanned_ = 0;
+  item = {Kind::Broken, std::move(why)};
+  return true;
+}
+
+void ElementReader::compact() {
+  if (start_ == buffer_.size()) {
+    buffer_.clear();
+    start_ = 0;
+  } else if (start_ > 4096 && start_ > buffer_.size() / 2) {
+    buffer_.erase(0, start_);
+    start_ = 0;
+  }
+}
+
+bool ElementReader::next(Item &item) {
+  if (broken_)
+    return false;
+  while (start_ < buffer_.size() && isBlank(buffer_[start_]))
+    ++start_;
+  if (start_ == buffer_.size()) {
+    compact();
+    scanned_ = 0;
+    return false;
+  }
+  const size_t end = buffer_.size();
+  if (buffer_[start_] != '<') {
+    size_t p = start_;
+    while (p < end && buffer_[p] != '<' && !isBlank(buffer_[p])) {
+      if (!isText(buffer_[p]))
+        return fail(item, "bytes that are not protocol text");
+      ++p;
+    }
+    item = {Kind::Stray, buffer_.substr(start_, p - start_)};
+    start_ = p;
+    scanned_ = 0;
+    return true;
+  }
+  for (size_t p = start_ + 1 + scanned_; p < end; ++p) {
+    const char c = buffer_[p];
+    if (!isText(c))
+      return fail(item, "bytes that are not protocol text");
+    if (c == '<' || c == '>') {
+      const size_t from = start_ + 1;
+      item = {c == '>' ? Kind::Element : Kind::Stray, buffer_.substr(from, p - from)};
+      start_ = c == '>' ? p + 1 : p;
+      scanned_ = 0;
+      compact();
+      return true;
+    }
+    if (p - start_ >= kMaxElement)
+      return fail(item,
+                  "an element without an end within " + std::to_string(kMaxElement) + " bytes");
+  }
+  scanned_ = end - start_ - 1;
+  return false;
+}
+
+std::vector<std::string_view> splitWords(std::string_view element) {
+  std::vector<std::string_view> words;
+  size_t p = 0;
+  while (p < element.size()) {
+    while (p < element.size() && isBlank(element[p]))
+      ++p;
+    size_t q = p;
+    while (q < element.size() && !isBlank(element[q]))
+      ++q;
+    if (q > p)
+      words.push_back(element.substr(p, q - p));
+    p = q;
+  }
+  return words;
+}
+
+bool parseFrameId(std::string_view text, Frame &out) {
+  uint32_t id = 0;
+  if (!parseHex(text, 8, id) || id > kMaxExtendedId)
+    return false;
+  out.id = id;
+  out.extended = text.size() == 8 || id > kMaxStandardId;
+  return true;
+}
+
+bool parseRequest(std::string_view element, Request &out, std::string &error) {
+  out = Request{};
+  Words w{splitWords(element), error};
+  if (w.size() == 0)
+    return w.fail("unknown command");
+  const std::string_view verb = w[0];
+  for (const Simple &s : kSimpleVerbs) {
+    if (verb == s.name) {
+      out.verb = s.verb;
+      return w.expectCount(1, 1, (std::string("< ") + s.name + " >").c_str());
+    }
+  }
+  if (verb == "open") {
+    out.verb = Verb::Open;
+    if (!w.expectCount(2, 2, "< open BUS >"))
+      return false;
+    out.bus = std::string(w[1]);
+    return true;
+  }
+  if (verb == "send" || verb == "sendrtr" || verb == "sendfd")
+    return parseSend(w, out, verb);
+  if (verb == "add")
+    return parseCyclic(w, out, Verb::Add);
+  if (verb == "update")
+    return parseCyclic(w, out, Verb::Update);
+  if (verb == "delete")
+    return parseCyclic(w, out, Verb::Delete);
+  if (verb == "subscribe")
+    return parseReception(w, out, Verb::Subscribe);
+  if (verb == "filter")
+    return parseReception(w, out, Verb::Filter);
+  if (verb == "unsubscribe")
+    return parseReception(w, out, Verb::Unsubscribe);
+  if (verb == "statistics") {
+    out.verb = Verb::Statistics;
+    uint64_t ms = 0;
+    if (!w.expectCount(2, 2, "< statistics MILLISECONDS >"))
+      return false;
+    if (!parseDecimal(w[1], 9, ms))
+      return w.fail("bad interval '" + std::string(w[1]) + "': milliseconds in decimal");
+    out.intervalUs = ms * 1000;
+    return true;
+  }
+  return w.fail("unknown command");
+}
+
+void appendRawFrame(std::string &out, LogTime time, const Frame &frame) {
+  if (frame.remote) {
+    appendHead(out, "rtr", time, frame);
+    out += static_cast<char>('0' + std::min<unsigned>(frame.len, kMaxClassicLen));
+    out += " >";
+    return;
+  }
+  appendHead(out, frame.fd ? "fdframe" : "frame", time, frame);
+  const unsigned len = std::min<unsigned>(frame.len, frame.fd ? kMaxFdLen : kMaxClassicLen);
+  for (unsigned i = 0; i < len; ++i)
+    appendHexByte(out, frame.data[i]);
+  if (frame.fd && frame.brs) {
+    out += ' ';
+    out += kHex[kTextFlagBrs];
+  }
+  out += " >";
+}
+
+void appendBcmFrame(std::string &out, LogTime time, const Frame &frame) {
+  appendHead(out, "frame", time, frame);
+  const unsigned len = std::min<unsigned>(frame.len, kMaxClassicLen);
+  for (unsigned i = 0; i < len; ++i) {
+    appendHexByte(out, frame.data[i]);
+    out += ' ';
+  }
+  out += '>';
+}
+
+bool parseFrameElement(std::string_view text, Frame &out, LogTime &time) {
+  std::string ignored;
+  Words w{splitWords(text), ignored};
+  if (w.size() < 3)
+    return false;
+  out = Frame{};
+  const std::string_view verb = w[0];
+  if (verb != "frame" && verb != "fdframe" && verb != "rtr")
+    return false;
+  if (!parseFrameId(w[1], out))
+    return false;
+  const std::string_view stamp = w[2];
+  const size_t dot = stamp.find('.');
+  uint64_t secs = 0, micros = 0;
+  if (dot == std::string_view::npos || !parseDecimal(stamp.substr(0, dot), 20, secs) ||
+      !parseDecimal(stamp.substr(dot + 1), 6, micros))
+    return false;
+  time = {secs, static_cast<uint32_t>(micros)};
+  if (verb == "rtr") {
+    uint64_t len = 0;
+    if (w.size() != 4 || !parseDecimal(w[3], 1, len) || len > kMaxClassicLen)
+      return false;
+    out.remote = true;
+    out.len = static_cast<uint8_t>(len);
+    return true;
+  }
+  out.fd = verb == "fdframe";
+  const unsigned maxLen = out.fd ? kMaxFdLen : kMaxClassicLen;
+  size_t last = w.size();
+  if (out.fd && w.size() == 5 && w[4].size() == 1) {
+    uint32_t flags = 0;
+    if (!parseHex(w[4], 1, flags))
+      return false;
+    out.brs = (flags & kTextFlagBrs) != 0;
+    last = 4;
+  }
+  // Data as one run of hex digits (raw) or one word per byte (bcm).
+  unsigned len = 0;
+  for (size_t i = 3; i < last; ++i) {
+    std::string_view word = w[i];
+    if (word.size() % 2 != 0)
+      return false;
+    for (size_t p = 0; p < word.size(); p += 2) {
+      uint32_t b = 0;
+      if (len == maxLen || !parseHex(word.substr(p, 2), 2, b))
+        return false;
+      out.data[len++] = static_cast<uint8_t>(b);
+    }
+  }
+  out.len = static_cast<uint8_t>(len);
+  return !out.fd || isFdLength(len);
+}
+
+std::string sendRequest(const Frame &frame) {
+  std::string s = "< ";
+  s += frame.remote ? "sendrtr " : frame.fd ? "sendfd " : "send ";
+  appendId(s, frame);
+  s += ' ';
+  s += std::to_string(frame.len);
+  if (!frame.remote) {
+    const unsigned len = std::min<unsigned>(frame.len, frame.fd ? kMaxFdLen : kMaxClassicLen);
+    for (unsigned i = 0; i < len; ++i) {
+      s += ' ';
+      appendHexByte(s, frame.data[i]);
+    }
+    if (frame.fd && frame.brs) {
+      s += ' ';
+      s += kHex[kTextFlagBrs];
+    }
+  }
+  s += " >";
+  return s;
+}
+
+std::string element(std::string_view text) {
+  std::string s = "< ";
+  s.append(text);
+  s += " >";
+  return s;
+}
+
+std::string errorElement(std::string_view reason) {
+  // A reason never carries the element brackets of the text it quotes.
+  std::string clean(reason);
+  std::replace_if(
+      clean.begin(), clean.end(), [](char c) { return c == '<' || c == '>' || !isText(c); }, '?');
+  return element("error " + clean);
+}
+
+} // namespace wcantool::net

@@ -1,0 +1,360 @@
+// SPDX-License-Identifier: MIT
+#include "server/Bus.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <tuple>
+
+#include "common/Args.h"
+#include "net/Protocol.h"
+
+namespace wcantool::serve {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Records taken from a receive queue per call.
+constexpr unsigned kRxBatch = 256;
+// On a busy bus (batches of several frames) a reader gathers frames for this
+// long before it takes the next batch, so the bus costs a few wake-ups per
+// channel and millisecond instead of one per read of the adapter. Frames that
+// come one by one are handed on at once.
+constexpr auto kGatherTime = std::chrono::milliseconds(10);
+constexpr int kBusyBatch = 4;
+// Frames of one session handed to the library in one call.
+constexpr size_t kTxBatch = 64;
+// How long a reader waits in the library before it looks at its stop flag:
+// stopping one channel of an adapter that stays open must not wait for
+// traffic.
+constexpr int kReceiveWaitMs = 200;
+
+bool takeNumber(std::string_view &text, unsigned &out) {
+  size_t n = 0;
+  out = 0;
+  while (n < text.size() && n < 6 && text[n] >= '0' && text[n] <= '9')
+    out = out * 10 + static_cast<unsigned>(text[n++] - '0');
+  text.remove_prefix(n);
+  return n > 0;
+}
+
+// "wcan66-0-3 rx": the channel and the thread's job, for top -H and debuggers.
+void nameThisThread(const std::string &channel, const char *job) {
+  const std::string name = (channel + " " + job).substr(0, 15);
+  pthread_setname_np(pthread_self(), name.c_str());
+}
+
+bool takeChar(std::string_view &text, char c) {
+  if (text.empty() || text.front() != c)
+    return false;
+  text.remove_prefix(1);
+  return true;
+}
+
+} // namespace
+
+std::optional<BusAddress> parseBusName(std::string_view name) {
+  const std::string_view prefix = "wcan";
+  if (name.substr(0, prefix.size()) != prefix)
+    return std::nullopt;
+  std::string_view rest = name.substr(prefix.size());
+  BusAddress a;
+  if (!takeNumber(rest, a.type) || !takeChar(rest, '-') || !takeNumber(rest, a.index) ||
+      !takeChar(rest, '-') || !takeNumber(rest, a.channel) || !rest.empty())
+    return std::nullopt;
+  // One spelling per bus: no leading zeros.
+  if (interfaceName(a.type, a.index, a.channel) != name)
+    return std::nullopt;
+  return a;
+}
+
+Channel::Channel(const Runtime &runtime, DeviceSession &device, unsigned channel, std::string name,
+                 ChannelSettings settings, DeliverySink sink)
+    : runtime_(runtime), device_(device), channel_(channel), name_(std::move(name)),
+      settings_(settings), sink_(std::move(sink)) {}
+
+Channel::~Channel() { join(); }
+
+void Channel::start() {
+  device_.startChannel(channel_, settings_);
+  threads_.emplace_back([this] { readLoop(false); });
+  if (device_.type().family == Family::CanFd)
+    threads_.emplace_back([this] { readLoop(true); });
+  threads_.emplace_back([this] { transmitLoop(); });
+}
+
+void Channel::askToStop() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+}
+
+void Channel::join() {
+  if (threads_.empty())
+    return;
+  askToStop();
+  for (std::thread &t : threads_)
+    t.join();
+  threads_.clear();
+  std::fprintf(stderr, "wcan serve: stopped %s\n", name_.c_str());
+}
+
+// Stopping the channel in the library ends its readers' waits at once; the
+// bounded wait only covers a reader that was between two waits then.
+void Channel::stop() {
+  if (threads_.empty())
+    return;
+  askToStop();
+  runtime_.wcan().WCAN_Stop(device_.type().type, device_.index(), channel_);
+  join();
+}
+
+void Channel::transmit(uint64_t origin, bool cyclic, const std::vector<Frame> &frames) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const Frame &f : frames)
+      txQueue_.push_back({origin, cyclic, f});
+  }
+  wake_.notify_all();
+}
+
+int Channel::receive(bool fdQueue, std::vector<TimedFrame> &out) {
+  const WcanApi &api = runtime_.wcan();
+  const unsigned type = device_.type().type;
+  int n = 0;
+  if (fdQueue) {
+    _WCAN_CANFD_OBJ buf[kRxBatch];
+    n = api.WCAN_ReceiveFD(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
+    const LogTime now = logTimeNow();
+    for (int i = 0; i < n; ++i)
+      out.push_back({fromCanFdObj(buf[i]), now});
+  } else {
+    _WCAN_CAN_OBJ buf[kRxBatch];
+    n = api.WCAN_Receive(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
+    const LogTime now = logTimeNow();
+    for (int i = 0; i < n; ++i)
+      out.push_back({fromCanObj(buf[i]), now});
+  }
+  return n;
+}
+
+void Channel::pauseAfterFailedWait() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  wake_.wait_for(lock, std::chrono::milliseconds(kReceiveWaitMs), [this] { return stopping_; });
+}
+
+void Channel::readLoop(bool fdQueue) {
+  nameThisThread(name_, fdQueue ? "fd" : "rx");
+  bool busy = false;
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      if (busy)
+        wake_.wait_for(lock, kGatherTime, [this] { return stopping_; });
+      if (stopping_)
+        return;
+    }
+    std::vector<TimedFrame> frames;
+    const auto before = Clock::now();
+    const int n = receive(fdQueue, frames);
+    // A full batch means more is waiting: take it at once.
+    busy = n >= kBusyBatch && n < static_cast<int>(kRxBatch);
+    if (n > 0) {
+      deliver(0, false, std::move(frames), 0, {});
+    } else if (Clock::now() - before < std::chrono::milliseconds(kReceiveWaitMs / 2)) {
+      // The library returned without waiting (an error): do not spin on it.
+      pauseAfterFailedWait();
+    }
+  }
+}
+
+std::vector<Channel::TxItem> Channel::nextTransmitRun() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  wake_.wait(lock, [this] { return stopping_ || !txQueue_.empty(); });
+  std::vector<TxItem> run;
+  if (stopping_)
+    return run;
+  const uint64_t origin = txQueue_.front().origin;
+  const bool cyclic = txQueue_.front().cyclic;
+  while (!txQueue_.empty() && run.size() < kTxBatch && txQueue_.front().origin == origin &&
+         txQueue_.front().cyclic == cyclic) {
+    run.push_back(txQueue_.front());
+    txQueue_.pop_front();
+  }
+  return run;
+}
+
+void Channel::transmitLoop() {
+  nameThisThread(name_, "tx");
+  for (;;) {
+    std::vector<TxItem> run = nextTransmitRun();
+    if (run.empty())
+      return;
+    std::vector<Frame> frames;
+    frames.reserve(run.size());
+    for (const TxItem &item : run)
+      frames.push_back(item.frame);
+    size_t sent = 0;
+    std::string failure;
+    try {
+      sent = device_.send(channel_, frames);
+      if (sent < frames.size())
+        failure = "the adapter did not take the frame: " + runtime_.lastError();
+    } catch (const UsageError &e) {
+      failure = e.message;
+    }
+    const LogTime now = logTimeNow();
+    std::vector<TimedFrame> echoed;
+    echoed.reserve(sent);
+    for (size_t i = 0; i < sent; ++i)
+      echoed.push_back({frames[i], now});
+    if (!failure.empty())
+      std::fprintf(stderr, "wcan serve: %s: %s\n", name_.c_str(), failure.c_str());
+    deliver(run.front().origin, run.front().cyclic, std::move(echoed), frames.size() - sent,
+            failure);
+  }
+}
+
+void Channel::deliver(uint64_t origin, bool cyclic, std::vector<TimedFrame> frames, size_t failed,
+                      const std::string &failure) {
+  auto d = std::make_unique<Delivery>();
+  d->channel = shared_from_this();
+  d->origin = origin;
+  d->cyclic = cyclic;
+  d->failed = failed;
+  if (failed > 0)
+    d->failure = "could not send " + std::to_string(failed) + " frame" + (failed == 1 ? "" : "s") +
+                 ": " + failure;
+  d->rawText.reserve(frames.size() * 48);
+  for (const TimedFrame &f : frames)
+    net::appendRawFrame(d->rawText, f.time, f.frame);
+  d->frames = std::move(frames);
+  sink_(std::move(d));
+}
+
+bool BusHub::AdapterKey::operator<(const AdapterKey &o) const {
+  return std::tie(vendorId, productId, index) < std::tie(o.vendorId, o.productId, o.index);
+}
+
+BusHub::BusHub(const Runtime &runtime, ChannelSettings settings, DeliverySink sink)
+    : runtime_(runtime), settings_(settings), sink_(std::move(sink)) {}
+
+BusHub::~BusHub() { closeAll(); }
+
+std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string &why) {
+  const std::optional<BusAddress> bus = parseBusName(busName);
+  const DeviceType *type = bus ? findDeviceType(bus->type) : nullptr;
+  if (!type) {
+    why = "'" + busName + "' names no bus: buses are wcan<TYPE>-<INDEX>-<CHANNEL>";
+    return nullptr;
+  }
+  const AdapterKey key{type->vendorId, type->productId, bus->index};
+  try {
+    OpenAdapter &adapter = openAdapter(key, *type, bus->index);
+    OpenChannel &open = adapter.channels[bus->channel];
+    if (!open.channel) {
+      try {
+        open.channel = startChannel(adapter, *bus, busName);
+      } catch (...) {
+        adapter.channels.erase(bus->channel);
+        if (adapter.channels.empty())
+          closeAdapter(key);
+        throw;
+      }
+    }
+    ++open.users;
+    return open.channel;
+  } catch (const ToolError &e) {
+    why = e.message;
+  } catch (const UsageError &e) {
+    why = e.message;
+  }
+  return nullptr;
+}
+
+BusHub::OpenAdapter &BusHub::openAdapter(const AdapterKey &key, const DeviceType &type,
+                                         unsigned index) {
+  auto it = adapters_.find(key);
+  if (it != adapters_.end())
+    return it->second;
+  if (type.family == Family::Recorder)
+    throw UsageError{"a CAN recorder carries no traffic for the host"};
+  OpenAdapter adapter;
+  adapter.device = std::make_unique<DeviceSession>(runtime_, type.type, index);
+  std::fprintf(stderr, "wcan serve: opened adapter %s\n", adapter.device->name().c_str());
+  return adapters_.emplace(key, std::move(adapter)).first->second;
+}
+
+void BusHub::closeAdapter(const AdapterKey &key) {
+  auto it = adapters_.find(key);
+  if (it == adapters_.end())
+    return;
+  OpenAdapter &adapter = it->second;
+  const std::string name = adapter.device->name();
+  // The channels' threads use the adapter until they end; closing it stops
+  // the channels.
+  for (auto &c : adapter.channels)
+    c.second.channel->stop();
+  adapters_.erase(it);
+  std::fprintf(stderr, "wcan serve: closed adapter %s\n", name.c_str());
+}
+
+std::shared_ptr<Channel> BusHub::startChannel(OpenAdapter &adapter, const BusAddress &bus,
+                                              const std::string &busName) {
+  ChannelSettings settings = settings_;
+  // --fd asks for CAN FD where the adapter has it; classic adapters ignore it.
+  if (adapter.device->type().family != Family::CanFd)
+    settings.fd = false;
+  checkChannelUse(adapter.device->type(), bus.channel, settings);
+  auto channel =
+      std::make_shared<Channel>(runtime_, *adapter.device, bus.channel, busName, settings, sink_);
+  channel->start();
+  std::fprintf(stderr, "wcan serve: started %s\n", busName.c_str());
+  return channel;
+}
+
+void BusHub::release(const std::shared_ptr<Channel> &channel) {
+  for (auto a = adapters_.begin(); a != adapters_.end(); ++a) {
+    auto &channels = a->second.channels;
+    for (auto c = channels.begin(); c != channels.end(); ++c) {
+      if (c->second.channel != channel)
+        continue;
+      if (--c->second.users > 0)
+        return;
+      if (channels.size() == 1) {
+        closeAdapter(a->first);
+        return;
+      }
+      channel->stop();
+      channels.erase(c);
+      return;
+    }
+  }
+}
+
+void BusHub::closeAll() {
+  for (auto &a : adapters_)
+    for (auto &c : a.second.channels)
+      c.second.channel->askToStop();
+  while (!adapters_.empty())
+    closeAdapter(adapters_.begin()->first);
+}
+
+void checkServeSettings(const ChannelSettings &settings) {
+  bool fdUsable =
+      isFdArbitrationRate(settings.bitRate) && (!settings.fd || isFdDataRate(settings.dataBitRate));
+  bool classicUsable = classicTimingFor(settings.bitRate).has_value();
+  if (!fdUsable && !classicUsable)
+    throw UsageError{"bit rate " + std::to_string(settings.bitRate) +
+                     " suits no adapter (CAN FD adapters: " + fdArbitrationRatesText() +
+                     "; classic adapters: " + classicRatesText() + ")"};
+  if (settings.fd && !isFdDataRate(settings.dataBitRate))
+    throw UsageError{"data bit rate " + std::to_string(settings.dataBitRate) +
+                     " is not available on the CAN FD adapter (" + fdDataRatesText() + ")"};
+}
+
+} // namespace wcantool::serve

@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: MIT
+// The adapter side of `wcan serve`: every channel a client opened runs here,
+// once for all the clients on it. Each open channel has reader threads that
+// block in the library's receive calls (one per receive queue kind) and a
+// transmit thread, so a slow USB transfer never holds up the network side.
+// Frames go to the network side through a sink as Deliveries.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "common/Device.h"
+
+namespace wcantool::serve {
+
+// "wcan41-0-1": type 41, index 0, channel 1.
+struct BusAddress {
+  unsigned type = 0;
+  unsigned index = 0;
+  unsigned channel = 0;
+};
+std::optional<BusAddress> parseBusName(std::string_view name);
+
+struct TimedFrame {
+  Frame frame;
+  LogTime time;
+};
+
+class Channel;
+
+// Frames that reached one bus: from the adapter (origin 0), or sent by the
+// session `origin`, which the others see as sockets on one SocketCAN
+// interface see each other's frames.
+struct Delivery {
+  std::shared_ptr<Channel> channel;
+  uint64_t origin = 0;
+  bool cyclic = false; // sent by the origin's cyclic transmissions
+  std::vector<TimedFrame> frames;
+  std::string rawText; // the frames as raw-mode elements, written once for every session
+  size_t failed = 0;   // frames of `origin` the adapter did not take
+  std::string failure; // why
+};
+using DeliverySink = std::function<void(std::unique_ptr<Delivery>)>;
+
+struct BusCounters {
+  uint64_t rxFrames = 0, rxBytes = 0, txFrames = 0, txBytes = 0;
+};
+
+// One started channel of an open adapter.
+class Channel : public std::enable_shared_from_this<Channel> {
+public:
+  Channel(const Runtime &runtime, DeviceSession &device, unsigned channel, std::string name,
+          ChannelSettings settings, DeliverySink sink);
+  ~Channel();
+  Channel(const Channel &) = delete;
+  Channel &operator=(const Channel &) = delete;
+
+  // Initialises and starts the channel and its threads; throws ToolError or
+  // UsageError with the reason.
+  void start();
+  // Ends the threads and stops the channel. The threads of several channels
+  // end side by side when each is asked first.
+  void askToStop();
+  void stop();
+  // Ends the threads only, for an adapter about to close (which stops the
+  // channel).
+  void join();
+
+  const std::string &name() const { return name_; }
+  // Whether the channel carries CAN FD frames (a CAN FD adapter opened with --fd).
+  bool fd() const { return settings_.fd; }
+
+  // Queues frames of one session for transmission, in order; the outcome
+  // comes back through the sink. Any thread.
+  void transmit(uint64_t origin, bool cyclic, const std::vector<Frame> &frames);
+
+private:
+  struct TxItem {
+    uint64_t origin;
+    bool cyclic;
+    Frame frame;
+  };
+
+  void readLoop(bool fdQueue);
+  int receive(bool fdQueue, std::vector<TimedFrame> &out);
+  void transmitLoop();
+  std::vector<TxItem> nextTransmitRun();
+  void deliver(uint64_t origin, bool cyclic, std::vector<TimedFrame> frames, size_t failed,
+               const std::string &failure);
+  void pauseAfterFailedWait();
+
+  const Runtime &runtime_;
+  DeviceSession &device_;
+  const unsigned channel_;
+  const std::string name_;
+  const ChannelSettings settings_;
+  DeliverySink sink_;
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool stopping_ = false;
+  std::deque<TxItem> txQueue_;
+  std::vector<std::thread> threads_;
+};
+
+// The open adapters and their started channels. All calls come from one
+// thread (the server's device thread).
+class BusHub {
+public:
+  BusHub(const Runtime &runtime, ChannelSettings settings, DeliverySink sink);
+  ~BusHub();
+  BusHub(const BusHub &) = delete;
+  BusHub &operator=(const BusHub &) = delete;
+
+  // The running channel behind a bus name, opened and started on first use;
+  // null with the reason when it cannot be.
+  std::shared_ptr<Channel> acquire(const std::string &busName, std::string &why);
+  // One user fewer; the last stops the channel, and the adapter closes with
+  // its last channel.
+  void release(const std::shared_ptr<Channel> &channel);
+  // Stops every channel and closes every adapter.
+  void closeAll();
+
+private:
+  // Types that share USB ids name the same adapter.
+  struct AdapterKey {
+    uint16_t vendorId, productId;
+    unsigned index;
+    bool operator<(const AdapterKey &o) const;
+  };
+  struct OpenChannel {
+    std::shared_ptr<Channel> channel;
+    unsigned users = 0;
+  };
+  struct OpenAdapter {
+    std::unique_ptr<DeviceSession> device;
+    std::map<unsigned, OpenChannel> channels;
+  };
+
+  OpenAdapter &openAdapter(const AdapterKey &key, const DeviceType &type, unsigned index);
+  void closeAdapter(const AdapterKey &key);
+  std::shared_ptr<Channel> startChannel(OpenAdapter &adapter, const BusAddress &bus,
+                                        const std::string &busName);
+
+  const Runtime &runtime_;
+  const ChannelSettings settings_;
+  DeliverySink sink_;
+  std::map<AdapterKey, OpenAdapter> adapters_;
+};
+
+// Checks the server's bit rates against every adapter family once at start;
+// throws UsageError when no family can use them.
+void checkServeSettings(const ChannelSettings &settings);
+
+} // namespace wcantool::serve

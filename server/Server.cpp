@@ -1,0 +1,187 @@
+// SPDX-License-Identifier: MIT
+#include "server/Server.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+
+#include "common/Args.h"
+#include "server/Session.h"
+
+namespace wcantool::serve {
+namespace {
+
+asio::ip::tcp::endpoint listenEndpoint(const ServeOptions &options) {
+  asio::error_code ec;
+  const asio::ip::address address = asio::ip::make_address(options.bindAddress, ec);
+  if (ec)
+    throw UsageError{"--bind takes an IP address, not '" + options.bindAddress + "'"};
+  return {address, static_cast<unsigned short>(options.port)};
+}
+
+} // namespace
+
+Server::Server(const Runtime &runtime, const ServeOptions &options)
+    : options_(options), acceptor_(io_), signals_(io_), acceptRetry_(io_),
+      deviceWork_(asio::make_work_guard(deviceIo_)),
+      hub_(runtime, options.settings, [this](std::unique_ptr<Delivery> d) {
+        asio::post(io_, [this, d = std::move(d)]() mutable { deliver(std::move(d)); });
+      }) {
+  const asio::ip::tcp::endpoint endpoint = listenEndpoint(options);
+  asio::error_code ec;
+  acceptor_.open(endpoint.protocol(), ec);
+  if (!ec)
+    acceptor_.set_option(asio::ip::tcp::acceptor::reuse_address(true), ec);
+  if (!ec)
+    acceptor_.bind(endpoint, ec);
+  if (!ec)
+    acceptor_.listen(asio::socket_base::max_listen_connections, ec);
+  if (ec)
+    throw ToolError{"cannot listen on " + options.bindAddress + ":" + std::to_string(options.port) +
+                    ": " + ec.message()};
+  port_ = acceptor_.local_endpoint().port();
+  deviceThread_ = std::thread([this] {
+    pthread_setname_np(pthread_self(), "wcan devices");
+    deviceIo_.run();
+  });
+}
+
+Server::~Server() {
+  deviceWork_.reset();
+  if (deviceThread_.joinable())
+    deviceThread_.join();
+  hub_.closeAll();
+}
+
+std::string Server::endpoint() const { return options_.bindAddress + ":" + std::to_string(port_); }
+
+void Server::run(bool handleSignals) {
+  if (handleSignals) {
+    signals_.add(SIGINT);
+    signals_.add(SIGTERM);
+    signals_.async_wait([this](asio::error_code ec, int signal) {
+      if (ec)
+        return;
+      std::fprintf(stderr, "wcan serve: %s: closing every session and adapter\n",
+                   signal == SIGINT ? "interrupted" : "terminated");
+      shutdown();
+    });
+  }
+  accept();
+  io_.run();
+  // Every session has gone; stop the channels and close the adapters on the
+  // device thread, after whatever it still had to do.
+  asio::post(deviceIo_, [this] { hub_.closeAll(); });
+  deviceWork_.reset();
+  if (deviceThread_.joinable())
+    deviceThread_.join();
+}
+
+void Server::stop() {
+  asio::post(io_, [this] { shutdown(); });
+}
+
+void Server::shutdown() {
+  if (stopping_)
+    return;
+  stopping_ = true;
+  asio::error_code ignored;
+  acceptor_.close(ignored);
+  acceptRetry_.cancel();
+  // A second Ctrl-C ends the program at once.
+  signals_.clear(ignored);
+  auto sessions = sessions_;
+  for (auto &s : sessions)
+    s.second->close();
+}
+
+void Server::accept() {
+  acceptor_.async_accept([this](asio::error_code ec, asio::ip::tcp::socket socket) {
+    if (stopping_)
+      return;
+    if (ec) {
+      // Out of descriptors and the like: try again shortly instead of spinning.
+      std::fprintf(stderr, "wcan serve: accepting a connection failed: %s\n", ec.message().c_str());
+      acceptRetry_.expires_after(std::chrono::milliseconds(100));
+      acceptRetry_.async_wait([this](asio::error_code e) {
+        if (!e && !stopping_)
+          accept();
+      });
+      return;
+    }
+    const uint64_t id = nextSessionId_++;
+    auto session = std::make_shared<Session>(*this, std::move(socket), id);
+    sessions_.emplace(id, session);
+    session->start();
+    accept();
+  });
+}
+
+void Server::openBus(const std::shared_ptr<Session> &session, const std::string &bus) {
+  asio::post(deviceIo_, [this, weak = std::weak_ptr<Session>(session), bus] {
+    std::string why;
+    std::shared_ptr<Channel> channel = hub_.acquire(bus, why);
+    asio::post(io_, [this, weak, channel, why] {
+      std::shared_ptr<Session> s = weak.lock();
+      if (!s || s->closed()) {
+        if (channel)
+          releaseOnDeviceThread(channel);
+        return;
+      }
+      if (channel)
+        buses_[channel.get()].sessions.push_back(s.get());
+      s->busOpened(channel, why);
+    });
+  });
+}
+
+void Server::leaveBus(Session &session, const std::shared_ptr<Channel> &channel) {
+  auto bus = buses_.find(channel.get());
+  if (bus != buses_.end()) {
+    auto &members = bus->second.sessions;
+    members.erase(std::remove(members.begin(), members.end(), &session), members.end());
+    if (members.empty())
+      buses_.erase(bus);
+  }
+  // When the server stops, the device thread stops all channels side by side.
+  if (!stopping_)
+    releaseOnDeviceThread(channel);
+}
+
+void Server::releaseOnDeviceThread(std::shared_ptr<Channel> channel) {
+  asio::post(deviceIo_, [this, channel = std::move(channel)] { hub_.release(channel); });
+}
+
+void Server::forget(uint64_t sessionId) { sessions_.erase(sessionId); }
+
+const BusCounters &Server::counters(const Channel *channel) const {
+  static const BusCounters none;
+  auto it = buses_.find(channel);
+  return it == buses_.end() ? none : it->second.counters;
+}
+
+void Server::deliver(std::unique_ptr<Delivery> d) {
+  auto bus = buses_.find(d->channel.get());
+  if (bus == buses_.end())
+    return;
+  BusCounters &c = bus->second.counters;
+  uint64_t bytes = 0;
+  for (const TimedFrame &f : d->frames)
+    bytes += f.frame.remote ? 0 : f.frame.len;
+  (d->origin == 0 ? c.rxFrames : c.txFrames) += d->frames.size();
+  (d->origin == 0 ? c.rxBytes : c.txBytes) += bytes;
+  // By index: a session may leave the bus while frames are handed out.
+  const auto &members = bus->second.sessions;
+  for (size_t i = 0; i < members.size(); ++i)
+    if (members[i]->id() != d->origin)
+      members[i]->receive(*d);
+  if (d->origin != 0) {
+    auto origin = sessions_.find(d->origin);
+    if (origin != sessions_.end())
+      origin->second->transmitted(*d);
+  }
+}
+
+} // namespace wcantool::serve

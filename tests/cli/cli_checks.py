@@ -1,0 +1,279 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""Runs the built `wcan` tool against simulated adapters.
+
+usage: cli_checks.py WCAN_EXECUTABLE CHECK
+Exit 0 on success, 1 on failure, 77 when a needed outside tool is missing.
+"""
+import os
+import pty
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+
+SKIP = 77
+WCAN = None
+
+# Frames in cansend text; the dump prints them upper-case without dots.
+CLASSIC_FRAMES = ["123#DEADBEEF", "7ff#01.02.03", "12345678#", "1FFFFFFF#0011223344556677",
+                  "321#R"]
+FD_FRAMES = ["456##1" + "A5" * 12, "457##0" + "5A" * 64, "18FEF100##100112233", "458##0"]
+
+
+def printed(text):
+    return text.upper().replace(".", "")
+
+
+def describe(text):
+    """(id, extended, kind, bit-rate switch, payload) of a frame in cansend text."""
+    ident, data = printed(text).split("#", 1)
+    if data.startswith("#"):
+        kind, brs, payload = "fd", data[1], data[2:]
+    else:
+        kind, brs, payload = ("r" if data.startswith("R") else "d"), None, data
+    payload = bytes.fromhex(payload) if kind != "r" else b""
+    return int(ident, 16), len(ident) == 8, kind, brs, payload
+
+
+class CheckFailed(Exception):
+    pass
+
+
+def expect(cond, message):
+    if not cond:
+        raise CheckFailed(message)
+
+
+def run(args, env_sim=None, code=0):
+    env = {k: v for k, v in os.environ.items() if k != "WCAN_SIM"}
+    if env_sim is not None:
+        env["WCAN_SIM"] = env_sim
+    result = subprocess.run([WCAN] + args, capture_output=True, text=True, env=env, timeout=30)
+    if code is not None:
+        expect(result.returncode == code, f"wcan {' '.join(args)}: exit {result.returncode}, "
+               f"wanted {code}\n{result.stdout}{result.stderr}")
+    return result
+
+
+def dump_with_loopback(dev_type, frames, extra=()):
+    """Dumps channel 1 while channel 0 of the same adapter sends `frames`."""
+    args = ["--sim", str(dev_type), "dump", str(dev_type), "0", "1",
+            "--count", str(len(frames)), "--timeout", "3000"]
+    for text in frames:
+        args += ["--tx", "0:" + text]
+    return run(args + list(extra)).stdout
+
+
+def check_demo():
+    out = run(["demo"]).stdout
+    expect("all frames arrived" in out, "no success line")
+    rows = [l.split() for l in out.splitlines() if l.startswith(("41/0", "4/0"))]
+    expect(len(rows) == 2, f"summary table rows missing:\n{out}")
+    for row in rows:
+        sent, received, lost = int(row[-6]), int(row[-5]), int(row[-4])
+        expect(sent > 0 and sent == received and lost == 0, f"bad summary row {row}")
+    expect("wcan41-0-1 " in out and "wcan4-0-1 " in out, "no dump lines in the demo")
+    expect("[INFO" not in out, "library log lines leaked into standard output")
+
+
+def check_roundtrip():
+    for dev_type, frames in [(41, CLASSIC_FRAMES + FD_FRAMES),
+                             (4, CLASSIC_FRAMES + ["0CF00400#R8"])]:
+        with tempfile.TemporaryDirectory() as tmp:
+            log_path = os.path.join(tmp, "dump.log")
+            out = dump_with_loopback(dev_type, frames, ["--log", log_path])
+            lines = [l.split(" ") for l in out.splitlines() if l.strip()]
+            for stamp, _, _ in lines:
+                expect(stamp.startswith("(") and stamp.endswith(")") and len(stamp) == 19,
+                       f"bad time stamp {stamp!r}")
+            expect([l[2] for l in lines] == [printed(t) for t in frames],
+                   f"type {dev_type}: sent {frames}, dumped\n{out}")
+            expect({l[1] for l in lines} == {f"wcan{dev_type}-0-1"}, f"interface names in\n{out}")
+            with open(log_path) as f:
+                expect(f.read() == out, "--log file differs from standard output")
+    result = run(["send", "41", "0", "0", "123#11", "456##1AA"], env_sim="41")
+    expect("2 frames sent" in result.stderr, result.stderr)
+
+
+def check_pythoncan():
+    try:
+        import can
+    except ImportError:
+        print("python-can is not installed")
+        return SKIP
+    frames = CLASSIC_FRAMES + FD_FRAMES
+    with tempfile.TemporaryDirectory() as tmp:
+        path = os.path.join(tmp, "dump.log")
+        with open(path, "w") as f:
+            f.write(dump_with_loopback(41, frames))
+        messages = list(can.CanutilsLogReader(path))
+    expect(len(messages) == len(frames), f"python-can read {len(messages)} messages")
+    for text, msg in zip(frames, messages):
+        ident, extended, kind, brs, payload = describe(text)
+        got = (msg.arbitration_id, msg.is_extended_id, msg.is_remote_frame, msg.is_fd,
+               msg.channel, msg.timestamp > 1e9)
+        expect(got == (ident, extended, kind == "r", kind == "fd", "wcan41-0-1", True),
+               f"{text}: {got}")
+        expect(kind != "fd" or msg.bitrate_switch == (brs == "1"), f"{text}: bit-rate switch")
+        expect(kind == "r" or bytes(msg.data) == payload, f"{text}: data {bytes(msg.data).hex()}")
+    return 0
+
+
+def check_log2asc():
+    log2asc = shutil.which("log2asc")
+    if not log2asc:
+        print("log2asc is not installed")
+        return SKIP
+    frames = CLASSIC_FRAMES + FD_FRAMES
+    result = subprocess.run([log2asc, "wcan41-0-1"], input=dump_with_loopback(41, frames),
+                            capture_output=True, text=True, timeout=10)
+    expect(result.returncode == 0, f"log2asc exited {result.returncode}: {result.stderr}")
+    body = [l.split() for l in result.stdout.splitlines() if l.startswith(" ")]
+    expect(len(body) == len(frames), f"log2asc wrote {len(body)} frames:\n{result.stdout}")
+    for text, fields in zip(frames, body):
+        ident, extended, kind, brs, payload = describe(text)
+        if kind == "fd":  # time CANFD channel Rx id [symbol] BRS ESI DLC LEN data...
+            asc_id, got_brs, n = fields[4], fields[5], int(fields[8])
+            got = (fields[1], fields[2], got_brs, bytes.fromhex("".join(fields[9:9 + n])))
+            want = ("CANFD", "1", brs, payload)
+        else:  # time channel id Rx d|r dlc data...
+            asc_id, n = fields[2], int(fields[5])
+            data = bytes.fromhex("".join(fields[6:6 + n])) if fields[4] == "d" else b""
+            got, want = (fields[1], fields[4], data), ("1", kind, payload)
+        expect(got == want, f"{text}: {fields}")
+        expect((asc_id.endswith("x"), int(asc_id.rstrip("x"), 16)) == (extended, ident),
+               f"{text}: asc id {asc_id}")
+    return 0
+
+
+def check_usage():
+    # (arguments, exit code, text expected on stderr); usage errors exit 2 and
+    # show the usage, run-time failures exit 1 with the library's reason.
+    cases = [
+        ("", 2, "usage: wcan"),
+        ("frobnicate", 2, "unknown command"),
+        ("dump 41 0", 2, "missing arguments"),
+        ("dump 99 0 0", 2, "unsupported device type 99"),
+        ("dump 41 0 0 --count x", 2, "--count must be a number"),
+        ("dump 41 0 0 --bogus", 2, "unknown option --bogus"),
+        ("dump 41 0 0 --tx 0:123#00", 2, "other than the dumped one"),
+        ("send 41 0 0 12#00", 2, "bad frame '12#00'"),
+        ("send 41 0 0", 2, "missing arguments"),
+        ("gen 41 0 0 --brs", 2, "--brs needs --fd"),
+        ("info 41", 2, "missing arguments"),
+        ("record 41 0 0 show", 2, "configures CAN recorders"),
+        ("record 61 0 0 filter-add 100", 2, "missing arguments"),
+        ("--sim 4 send 4 0 0 123##1AA", 2, "cannot send CAN FD frames"),
+        ("--sim 41 dump 41 0 2", 2, "has channels 0..1"),
+        ("--sim 4 dump 4 0 0 --bitrate 83333", 2, "not available"),
+        ("--sim 61 dump 61 0 0", 2, "records by itself"),
+        ("--sim 41 info 41 3", 1, "Device Not Exist!"),
+        ("--sim 4 dump 4 1 0", 1, "failed on adapter 4/1"),
+        ("--sim 4 dump 4 0 1 --count 1 --timeout 200", 1, "0 of 1 frames arrived"),
+        ("dump --connect localhost", 2, "takes a BUS name"),
+        ("dump --connect localhost:0 wcan41-0-1", 2, "the port of --connect must be between"),
+        ("send --connect localhost wcan41-0-0 123#00 --bitrate 250000", 2,
+         "--bitrate sets up a local adapter"),
+        ("send --connect 127.0.0.1:1 wcan41-0-0 123#00", 1, "cannot connect to 127.0.0.1:1"),
+        ("serve --port 70000", 2, "--port must be between"),
+        ("serve --bitrate 83333", 2, "suits no adapter"),
+        ("serve --bind localhost", 2, "--bind takes an IP address"),
+        ("serve wcan41-0-0", 2, "unexpected argument wcan41-0-0"),
+    ]
+    for line, code, text in cases:
+        err = run(line.split(), code=code).stderr
+        expect(text in err, f"wcan {line}: no {text!r} in\n{err}")
+        expect(code != 2 or "usage: wcan" in err, f"wcan {line}: no usage shown")
+    for command in ["list", "info", "dump", "send", "gen", "record", "demo", "serve"]:
+        out = run([command, "--help"]).stdout
+        expect(f"usage: wcan {command}" in out, f"wcan {command} --help:\n{out}")
+    expect("Commands:" in run(["--help"]).stdout, "wcan --help")
+
+
+def check_interrupt():
+    env = dict(os.environ, WCAN_SIM="41")
+    proc = subprocess.Popen([WCAN, "dump", "41", "0", "1", "--fd"], stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, text=True, env=env)
+    # The adapter is open and the channel started once the library says so.
+    seen = ""
+    for line in proc.stderr:
+        seen += line
+        if "Start Success" in line:
+            break
+    expect("Start Success" in seen, f"dump did not start:\n{seen}")
+    proc.send_signal(signal.SIGINT)
+    try:
+        _, err = proc.communicate(timeout=10)
+    except subprocess.TimeoutExpired:
+        proc.kill()
+        raise CheckFailed("dump did not end after Ctrl-C")
+    expect(proc.returncode == 0, f"dump exited {proc.returncode} after Ctrl-C: {err}")
+
+
+def run_on_terminal(args):
+    """Standard output of the tool, and what it wrote to standard error as a terminal."""
+    master, slave = pty.openpty()
+    try:
+        proc = subprocess.run([WCAN] + args, stdout=subprocess.PIPE, stderr=slave, timeout=30)
+    finally:
+        os.close(slave)
+    terminal = b""
+    try:
+        while chunk := os.read(master, 4096):
+            terminal += chunk
+    except OSError:  # the terminal has no writer left
+        pass
+    os.close(master)
+    expect(proc.returncode == 0, f"wcan {' '.join(args)} on a terminal exited {proc.returncode}")
+    return proc.stdout.decode(), terminal
+
+
+def check_gen():
+    result = run(["gen", "41", "0", "0", "--count", "250", "--fd", "--brs", "--len", "i"],
+                 env_sim="41")
+    expect("250 frames sent, 0 failed" in result.stdout, result.stdout)
+    expect("\r" not in result.stderr, "progress line written to a non-terminal")
+    out, terminal = run_on_terminal(["--sim", "4", "gen", "4", "0", "0", "--count", "600",
+                                     "--rate", "1000", "--id", "i"])
+    expect("600 frames sent" in out, out)
+    expect(b"\rsent 600 frames" in terminal, f"no progress line on the terminal: {terminal!r}")
+
+
+def record(*args):
+    out = run(["record", "61", "0"] + list(args), env_sim="61").stdout
+    return out, dict(l.split("=", 1) for l in out.split() if "=" in l)
+
+
+def check_record():
+    out, fields = record("1", "show")
+    expect(len(fields) == 12 and fields["abitTiming"].startswith("0x"), out)
+    # A changed field reads back changed; the others keep their values.
+    out, changed = record("1", "set", "abitTiming=0x12345678", "recOptByte2=7")
+    expect(changed["abitTiming"] == "0x12345678" and changed["recOptByte2"] == "7", out)
+    expect(changed["dbitTiming"] == fields["dbitTiming"], "set changed an untouched field")
+    # Several actions on one opening: the filters read back as they were added.
+    out, _ = record("0", "filter-clear", "filter-add", "100", "1FF", "--id-type", "1",
+                    "filter-enable", "filter-info", "filter-show", "0")
+    expect("filters: 1\n" in out and "filter 0: 100..1FF id type 1" in out, out)
+
+
+CHECKS = {name[6:]: fn for name, fn in globals().items() if name.startswith("check_")}
+
+
+def main():
+    global WCAN
+    if len(sys.argv) != 3 or sys.argv[2] not in CHECKS:
+        print(__doc__, file=sys.stderr)
+        return 2
+    WCAN = sys.argv[1]
+    try:
+        return CHECKS[sys.argv[2]]() or 0
+    except CheckFailed as e:
+        print(f"FAILED: {e}", file=sys.stderr)
+        return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

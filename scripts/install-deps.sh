@@ -11,4 +11,4 @@ $sudo apt-get install -y -qq --no-install-recommends \
   help2man gzip dpkg-dev file lintian man-db \
   libasio-dev libboost-dev python3-pytest python3-pytest-timeout \
   libncurses-dev tmux tshark libjs-dygraphs chromium chromium-driver python3-selenium \
-  gcovr devscripts >/dev/null
+  gcovr devscripts ccache >/dev/null

@@ -135,27 +135,27 @@ ExchangeOutcome CommandExchange::run(QUserLibUsb *usb, const ExchangeRules &rule
   if (access != Access::Unserialised) {
     serialised.emplace(serial_);
   }
-  ExchangeOutcome outcome;
-  outcome.replyAwaited = budgetMs != 0;
-  if (refused(access)) {
-    outcome.kind = ExchangeOutcome::Kind::Refused;
+  using Kind = ExchangeOutcome::Kind;
+  ExchangeOutcome outcome{Kind::Unanswered, budgetMs != 0};
+  auto ended = [&outcome](Kind kind) {
+    outcome.kind = kind;
     return outcome;
+  };
+  if (refused(access)) {
+    return ended(Kind::Refused);
   }
   // With nothing open every write would fail at once: fail the same way
   // without waiting out the budget.
   if (usb == nullptr || !usb->isOpen()) {
-    outcome.kind = ExchangeOutcome::Kind::WriteFailed;
-    return outcome;
+    return ended(Kind::WriteFailed);
   }
   const Transfers transfers(*usb, rules, command, commandLength);
   if (budgetMs == 0 || !transfers.resend()) {
     if (transfers.write() < 1) {
-      outcome.kind = ExchangeOutcome::Kind::WriteFailed;
-      return outcome;
+      return ended(Kind::WriteFailed);
     }
     if (budgetMs == 0) {
-      outcome.kind = ExchangeOutcome::Kind::Sent;
-      return outcome;
+      return ended(Kind::Sent);
     }
   }
   awaitAnswer(transfers, reply, replyLength, budgetMs, outcome);

@@ -1,24 +1,23 @@
 // SPDX-License-Identifier: MIT
 #include "QDeviceCanRecord.h"
 
-#include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "api/DriverFactory.h"
 #include "api/QErrMgr.h"
-#include "platform/QUserUtils.h"
 
 using namespace canrecord;
 
 namespace {
 
 constexpr int kNotSupported = 6;
-constexpr int kMinReplyLength = 3;
 
-// A read that came back without a usable reply at once (nothing open, device
-// gone) must not turn the reply wait into a busy loop.
-void pauseBeforeNextRead() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+// A request is written once; stray replies are passed over until the one that
+// echoes it arrives.
+constexpr ExchangeRules kRequestRules{{kOutEndpoint, UsbTransfer::Bulk, kCommandTimeoutMs},
+                                      {kInEndpoint, UsbTransfer::Bulk, kCommandTimeoutMs},
+                                      ExchangeRules::Resend::Never,
+                                      ExchangeRules::Answer::Echo};
 
 } // namespace
 
@@ -74,49 +73,22 @@ int QDeviceCanRecord::clearBuffer(unsigned int) { return 0; }
 int QDeviceCanRecord::getReceiveNum(unsigned int, unsigned char) { return 0; }
 int QDeviceCanRecord::setFliter(unsigned int, _WCAN_FLITER_CONFIG *) { return 0; }
 
-// Kept as the recorder protocol has always behaved:
-//  - only a write result of exactly 0 counts as a failed write;
-//  - when the time runs out after a stray reply, that reply's positive count
-//    is returned and `replyLength` keeps the capacity, so the caller looks at
-//    the stray bytes;
-//  - when it runs out after a failed read, that negative value is returned.
-int QDeviceCanRecord::usbCmdSend(unsigned char *request, int requestLength, unsigned char *reply,
-                                 int &replyLength, unsigned char outEndpoint,
-                                 unsigned char inEndpoint, unsigned int timeoutMs) {
-  if (usb.bulkWriteUSBDevice(request, requestLength, outEndpoint, timeoutMs) == 0) {
-    return -1;
-  }
-  if (timeoutMs == 0) {
-    return 0;
-  }
-  const uint32_t startUs = getCurMicroSec();
-  const uint64_t budgetUs = static_cast<uint64_t>(timeoutMs) * 1000u;
-  int result = 0;
-  while (getLapseMicroSec(startUs) < budgetUs) {
-    result = usb.bulkReadUSBDevice(reply, replyLength, inEndpoint, timeoutMs);
-    if (result == LIBUSB_ERROR_NO_DEVICE) {
-      break; // the handle never works again; waiting out the budget helps nothing
-    }
-    if (result < kMinReplyLength) {
-      pauseBeforeNextRead();
-      continue;
-    }
-    if (replyMatches(request, reply, result)) {
-      replyLength = result;
-      break;
-    }
-  }
-  return result != 0 ? result : -1;
-}
-
 // The recorder has no receive thread to watch its link: a recorder that was
 // unplugged is looked for again (the same adapter) by the next exchange.
+//
+// The result is kept as the recorder protocol has always reported it: the
+// answer's length; -1 when nothing was written or nothing read; and when the
+// time runs out, what the last read returned. After a stray reply that is
+// its positive count, with `reply.length` still the capacity, so the caller
+// looks at the stray bytes.
 int QDeviceCanRecord::exchange(Request request, Reply &reply) {
   if (usb.GetUSBDeviceLinkStatus() == 0) {
     usb.ReopenUSBDevice();
   }
-  return usbCmdSend(request.data(), static_cast<int>(request.size()), reply.bytes.data(),
-                    reply.length, kOutEndpoint, kInEndpoint, kCommandTimeoutMs);
+  const ExchangeOutcome outcome = requests.run(
+      &usb, kRequestRules, CommandExchange::Access::Command, request.data(),
+      static_cast<int>(request.size()), reply.bytes.data(), reply.length, kCommandTimeoutMs);
+  return outcome.lastRead != 0 ? outcome.lastRead : -1;
 }
 
 int QDeviceCanRecord::transmitData(unsigned char *data, unsigned int length) {

@@ -9,6 +9,7 @@
 
 #include "CanRecordWire.h"
 #include "api/QDevice.h"
+#include "platform/CommandExchange.h"
 #include "platform/QUserLibUsb.h"
 
 class QDeviceCanRecord : public QDevice {
@@ -43,13 +44,6 @@ public:
   int RecordCmdExecute(unsigned int channel, unsigned int cmd, _WCAN_FLITER_INFO *info,
                        _WCAN_FLITER_CONFIG *config) override;
 
-  // Writes `request` and waits up to `timeoutMs` for a reply whose first two
-  // bytes match it, dropping stray replies. `replyLength` is the capacity in
-  // and the matched length out. Negative on failure, otherwise the count of
-  // the last read (see the implementation for what a time-out leaves behind).
-  int usbCmdSend(unsigned char *request, int requestLength, unsigned char *reply, int &replyLength,
-                 unsigned char outEndpoint, unsigned char inEndpoint, unsigned int timeoutMs);
-
   int fliterSimpleSetCmdSend(unsigned int channel, canrecord::FilterSetAction action);
   int fliterAdd(unsigned int channel, _WCAN_FLITER_CONFIG *config);
   int fliterInfoGet(unsigned int channel, _WCAN_FLITER_INFO *info);
@@ -62,4 +56,5 @@ private:
   uint32_t deviceIndex = 0;
   uint8_t opened = 0;
   QUserLibUsb usb;
+  CommandExchange requests;
 };

@@ -12,6 +12,7 @@
 
 #include "devices/usbcan2/Usbcan2Wire.h"
 #include "platform/AdapterWorker.h"
+#include "platform/CommandExchange.h"
 #include "platform/FrameQueues.h"
 #include "platform/QUserLibUsb.h"
 #include "wcan.h"
@@ -38,7 +39,6 @@ private:
 struct devInfo final : AdapterDuties {
   AdapterWorker worker{"DRV Tip:USBCAN OK..."};
   Usbcan2Mutex threadMutex; // usbDev and savedInit
-  Usbcan2Mutex cmdMutex;    // serialises usbCmdSend
   std::atomic<uint32_t> chInit[2] = {{0}, {0}};
   FrameQueues rxQueue{2};
   std::atomic<uint32_t> cmdFailed{0};
@@ -48,16 +48,14 @@ struct devInfo final : AdapterDuties {
   uint32_t devIndex = 0;
   _WCAN_INIT_CONFIG savedInit[2] = {};
   std::atomic<uint8_t> txAckMode{1};
-  std::atomic<int> exchangesInFlight{0};
+  CommandExchange commands{&worker.recovery()};
   // The worker's reassembly of the receive stream, new at every open.
   std::unique_ptr<usbcan2wire::RxReassembler> reassembler;
 
   bool linkFaulted() const { return worker.recovery().faulted(); }
 
   // AdapterDuties, run by the worker.
-  bool commandIdle() const override {
-    return exchangesInFlight.load(std::memory_order_relaxed) == 0;
-  }
+  bool commandIdle() const override { return commands.idle(); }
   bool anyChannelInitialised() const override { return chInit[0] != 0 || chInit[1] != 0; }
   bool replayChannels() override;
   void linkReopened() override { reassembler->clear(); }
@@ -75,16 +73,12 @@ uint32_t usbcan2Exit();
 uint32_t usbcan2DevParaIsValid(uint32_t type, uint32_t index, uint32_t channel);
 uint32_t usbcan2IsOpen(uint32_t type, uint32_t index);
 uint32_t usbcan2IsInit(uint32_t type, uint32_t index, uint32_t channel);
-int32_t usbcan2IsReady(const devInfo *info);
 
-// 0 on success; -1 write failed (or link lost), -2 no reply. `replyLen`
-// carries the reply capacity in and the bytes received out.
+// 0 on success; -1 not written (or link lost), -2 no reply. `replyLen`
+// carries the reply capacity in and the bytes received out. The direct form
+// is link recovery's.
 int32_t usbCmdSend(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply, int *replyLen,
-                   uint8_t outEp, uint8_t inEp, uint32_t timeoutMs);
-int32_t usbCmdSendDirect(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply, int *replyLen,
-                         uint8_t outEp, uint8_t inEp, uint32_t timeoutMs);
-int32_t usbDataSend(devInfo *info, uint8_t *data, int dataLen, uint8_t *reply, int *replyLen,
-                    uint8_t outEp, uint8_t inEp, uint32_t timeoutMs);
+                   uint32_t timeoutMs, bool direct = false);
 
 uint32_t usbcan2CmdInitSend(uint32_t type, uint32_t index, uint32_t channel,
                             const _WCAN_INIT_CONFIG *config, bool direct);

@@ -3,9 +3,6 @@
 // and the open/close/init/start/reset/queue/board-information functions.
 #include "devices/usbcan2/usbcan2.h"
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <cstring>
 
 #include "api/QErrMgr.h"
@@ -35,80 +32,19 @@ public:
 };
 QLIBUSB usbcan2LibUsb;
 
-// Transfer time-outs of one write-then-read attempt.
-struct AttemptTimeouts {
-  unsigned int writeMs;
-  unsigned int readMs;
-};
-constexpr AttemptTimeouts kLockedAttempt{100, 500};
-constexpr AttemptTimeouts kDirectAttempt{500, 100};
-constexpr unsigned int kSingleWriteMs = 100;
-// A failed attempt that returned this fast is not retried before this long,
-// so a vanished device does not turn the retry loop into a spin.
-constexpr uint32_t kMinAttemptUs = 10000;
-
-void paceAttempt(uint32_t attemptStart, uint32_t loopStart, uint32_t budgetUs) {
-  const uint32_t spent = getLapseMicroSec(attemptStart);
-  const uint32_t left = budgetUs - std::min(budgetUs, getLapseMicroSec(loopStart));
-  if (spent < kMinAttemptUs) {
-    usleep(std::min(kMinAttemptUs - spent, left));
-  }
+// A reply is never matched to its command here: the caller judges it, and a
+// reply that is someone else's fails the call instead of being skipped (host
+// programs see such calls fail, not succeed late).
+constexpr ExchangeRules commandRules(unsigned writeMs, unsigned readMs) {
+  return {{kCmdOutEp, UsbTransfer::Interrupt, writeMs},
+          {kCmdInEp, UsbTransfer::Interrupt, readMs},
+          ExchangeRules::Resend::EveryAttempt,
+          ExchangeRules::Answer::AnyReply};
 }
-
-// The write-then-read exchange shared by the locked and the direct command
-// paths; the whole pair is repeated until a reply comes or time runs out. A
-// read never waits past the budget, and a vanished device ends the exchange
-// at once (its handle never works again).
-int32_t commandExchange(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply, int *replyLen,
-                        uint8_t outEp, uint8_t inEp, uint32_t timeoutMs, AttemptTimeouts attempt) {
-  const std::shared_ptr<QUserLibUsb> dev = usbcan2Device(info);
-  if (timeoutMs == 0) {
-    const int written = dev ? dev->WriteUSBDevice(cmd, cmdLen, outEp, kSingleWriteMs) : -1;
-    return written > 0 ? 0 : -1;
-  }
-  const uint32_t budgetUs = timeoutMs * 1000u;
-  const uint32_t start = getCurMicroSec();
-  int32_t result = -1;
-  do {
-    const uint32_t attemptStart = getCurMicroSec();
-    const int written = dev ? dev->WriteUSBDevice(cmd, cmdLen, outEp, attempt.writeMs) : -1;
-    int failure = written;
-    if (written > 0) {
-      const uint32_t leftMs = (budgetUs - std::min(budgetUs, getLapseMicroSec(start))) / 1000u;
-      const int got =
-          dev->ReadUSBDevice(reply, *replyLen, inEp, std::clamp(leftMs, 1u, attempt.readMs));
-      if (got > 0) {
-        *replyLen = got;
-        return 0;
-      }
-      result = -2;
-      failure = got;
-    } else {
-      result = -1;
-    }
-    if (!dev || failure == LIBUSB_ERROR_NO_DEVICE) {
-      break;
-    }
-    paceAttempt(attemptStart, start, budgetUs);
-  } while (getLapseMicroSec(start) < budgetUs);
-  setLastError(WCAN_ERR_USB_COMMAND);
-  return result;
-}
-
-// Marks a transfer in progress for the worker, which runs fault handling
-// only while none is.
-class BusyMark {
-public:
-  explicit BusyMark(devInfo *info) : info_(info) {
-    info_->exchangesInFlight.fetch_add(1, std::memory_order_relaxed);
-  }
-  ~BusyMark() { info_->exchangesInFlight.fetch_sub(1, std::memory_order_relaxed); }
-  BusyMark(const BusyMark &) = delete;
-  BusyMark &operator=(const BusyMark &) = delete;
-
-private:
-  devInfo *info_;
-};
+constexpr ExchangeRules kLockedRules = commandRules(100, 500);
+// Link recovery writes to an adapter that has only just come back, and gives
+// its writes longer for it.
+constexpr ExchangeRules kDirectRules = commandRules(500, 100);
 
 void resetRecord(devInfo &info, uint32_t index) {
   info.usbDev.reset();
@@ -125,10 +61,7 @@ template <size_t N>
 int32_t exchangeCommand(devInfo *info, Command &cmd, uint8_t (&reply)[N], uint32_t timeoutMs,
                         bool direct = false) {
   int replyLen = N;
-  return direct ? usbCmdSendDirect(info, cmd.data(), cmd.length(), reply, &replyLen, kCmdOutEp,
-                                   kCmdInEp, timeoutMs)
-                : usbCmdSend(info, cmd.data(), cmd.length(), reply, &replyLen, kCmdOutEp, kCmdInEp,
-                             timeoutMs);
+  return usbCmdSend(info, cmd.data(), cmd.length(), reply, &replyLen, timeoutMs, direct);
 }
 
 uint32_t sendInit(devInfo *info, uint32_t channel, const _WCAN_INIT_CONFIG &config, bool direct) {
@@ -155,7 +88,7 @@ int32_t query(devInfo *info, Code code, uint8_t (&reply)[100], int &len) {
   std::memset(reply, 0, sizeof reply);
   len = sizeof reply;
   Command cmd = encodeQuery(code);
-  return usbCmdSend(info, cmd.data(), cmd.length(), reply, &len, kCmdOutEp, kCmdInEp, 500);
+  return usbCmdSend(info, cmd.data(), cmd.length(), reply, &len, 500);
 }
 
 } // namespace
@@ -216,51 +149,24 @@ uint32_t usbcan2IsInit(uint32_t type, uint32_t index, uint32_t channel) {
   return devInfoList[index].chInit[channel] != 0 ? 1 : 0;
 }
 
-int32_t usbcan2IsReady(const devInfo *info) { return info->linkFaulted() ? -1 : 0; }
-
 std::shared_ptr<QUserLibUsb> usbcan2DetachDevice(devInfo *info) {
   QUserMutex guard(info->threadMutex.native());
   return std::move(info->usbDev);
 }
 
+// The direct path is neither serialised with the other commands nor refused
+// while the link is lost: link recovery runs through it.
 int32_t usbCmdSend(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply, int *replyLen,
-                   uint8_t outEp, uint8_t inEp, uint32_t timeoutMs) {
-  QUserMutex guard(info->cmdMutex.native());
-  BusyMark busy(info);
-  if (usbcan2IsReady(info) == -1) {
-    return -1;
-  }
-  return commandExchange(info, cmd, cmdLen, reply, replyLen, outEp, inEp, timeoutMs,
-                         kLockedAttempt);
-}
-
-// No lock and no link check: link recovery runs through here while every
-// locked command is refused.
-int32_t usbCmdSendDirect(devInfo *info, uint8_t *cmd, int cmdLen, uint8_t *reply, int *replyLen,
-                         uint8_t outEp, uint8_t inEp, uint32_t timeoutMs) {
-  BusyMark busy(info);
-  return commandExchange(info, cmd, cmdLen, reply, replyLen, outEp, inEp, timeoutMs,
-                         kDirectAttempt);
-}
-
-int32_t usbDataSend(devInfo *info, uint8_t *data, int dataLen, uint8_t *reply, int *replyLen,
-                    uint8_t outEp, uint8_t inEp, uint32_t timeoutMs) {
-  BusyMark busy(info);
+                   uint32_t timeoutMs, bool direct) {
   const std::shared_ptr<QUserLibUsb> dev = usbcan2Device(info);
-  const int written =
-      (timeoutMs != 0 && dev) ? dev->bulkWriteUSBDevice(data, dataLen, outEp, timeoutMs) : 0;
-  if (written > 0) {
-    if (info->txAckMode != 1) {
-      return 0;
-    }
-    const int got = dev->ReadUSBDevice(reply, *replyLen, inEp, timeoutMs);
-    if (got > 0) {
-      *replyLen = got;
-      return 0;
-    }
+  const ExchangeOutcome outcome = info->commands.run(
+      dev.get(), direct ? kDirectRules : kLockedRules,
+      direct ? CommandExchange::Access::Unserialised : CommandExchange::Access::Command, cmd,
+      cmdLen, reply, *replyLen, timeoutMs);
+  if (outcome.failedAwaitingReply()) {
+    setLastError(WCAN_ERR_USB_COMMAND);
   }
-  setLastError(WCAN_ERR_USB_COMMAND);
-  return -1;
+  return outcome.code();
 }
 
 uint32_t usbcan2OpenDevice(uint32_t type, uint32_t index, uint32_t /*reserved*/) {

@@ -28,8 +28,8 @@ struct AuxReply {
 
 AuxReply auxExchange(devInfo *info, Command cmd) {
   AuxReply reply;
-  reply.sent = usbCmdSend(info, cmd.data(), cmd.length(), reply.bytes, &reply.len, kCmdOutEp,
-                          kCmdInEp, kAuxTimeoutMs) >= 0;
+  reply.sent =
+      usbCmdSend(info, cmd.data(), cmd.length(), reply.bytes, &reply.len, kAuxTimeoutMs) >= 0;
   return reply;
 }
 
@@ -43,6 +43,23 @@ auto auxQuery(devInfo *info, Command cmd, Decode decode)
     return std::nullopt;
   }
   return decode(reply.reader(), reply.received());
+}
+
+// A packet is written once; while acknowledgements are awaited, the first
+// reply on the command endpoint is its acknowledgement.
+constexpr ExchangeRules kPacketRules{{kDataOutEp, UsbTransfer::Bulk, kDataTimeoutMs},
+                                     {kCmdInEp, UsbTransfer::Interrupt, kDataTimeoutMs},
+                                     ExchangeRules::Resend::Never,
+                                     ExchangeRules::Answer::AnyReply};
+
+bool sendPacket(devInfo *info, uint8_t *packet, size_t size, uint8_t (&ack)[kAckCapacity]) {
+  const std::shared_ptr<QUserLibUsb> dev = usbcan2Device(info);
+  int ackLen = sizeof ack;
+  const uint32_t budgetMs = info->txAckMode == 1 ? kDataTimeoutMs : 0;
+  return info->commands
+      .run(dev.get(), kPacketRules, CommandExchange::Access::Unserialised, packet,
+           static_cast<int>(size), ack, ackLen, budgetMs)
+      .ok();
 }
 
 // The public forms are only meaningful on an open device of the table.
@@ -90,9 +107,7 @@ uint32_t usbcan2Transmit(uint32_t type, uint32_t index, uint32_t channel,
       return 0;
     }
     uint8_t ack[kAckCapacity] = {};
-    int ackLen = sizeof ack;
-    if (usbDataSend(info, packet.data(), static_cast<int>(*size), ack, &ackLen, kDataOutEp,
-                    kCmdInEp, kDataTimeoutMs) < 0) {
+    if (!sendPacket(info, packet.data(), *size, ack)) {
       setLastError(WCAN_ERR_USB_TRANSPORT);
       return sent;
     }
@@ -147,10 +162,8 @@ int usbcan2DevDataTransferExcute(devInfo *info, uint8_t *buffer, int32_t length,
   Command cmd = encodeDirectTransfer(buffer, length);
   uint8_t answer[64] = {};
   int answerLen = sizeof answer;
-  const int32_t sent = direct ? usbCmdSendDirect(info, cmd.data(), cmd.length(), answer, &answerLen,
-                                                 kCmdOutEp, kCmdInEp, kDirectTimeoutMs)
-                              : usbCmdSend(info, cmd.data(), cmd.length(), answer, &answerLen,
-                                           kCmdOutEp, kCmdInEp, kDirectTimeoutMs);
+  const int32_t sent =
+      usbCmdSend(info, cmd.data(), cmd.length(), answer, &answerLen, kDirectTimeoutMs, direct);
   if (sent < 0 || answerLen <= 2) {
     return 0;
   }

@@ -22,6 +22,7 @@
 #include "UsbCanFdWire.h"
 #include "api/QDevice.h"
 #include "platform/AdapterWorker.h"
+#include "platform/CommandExchange.h"
 #include "platform/FrameQueues.h"
 #include "platform/QUserLibUsb.h"
 #include "platform/QUserThread.h"
@@ -59,18 +60,6 @@ public:
   int setFliter(unsigned int channel, _WCAN_FLITER_CONFIG *config) override;
 
   // --- command channel ---
-  // 0 on success, -1 write failed or device not ready, -2 no matching reply.
-  int usbCmdSend(uint8_t *command, int commandLength, uint8_t *reply, int *replyLength,
-                 uint8_t outEndpoint, uint8_t inEndpoint, uint32_t timeoutMs, bool skipReadyCheck);
-  int usbCmdSend(uint8_t *command, int commandLength, uint8_t *reply, int *replyLength,
-                 uint8_t outEndpoint, uint8_t inEndpoint, uint32_t timeoutMs) {
-    return usbCmdSend(command, commandLength, reply, replyLength, outEndpoint, inEndpoint,
-                      timeoutMs, false);
-  }
-  int usbCmdSendByBulk(uint8_t *command, int commandLength, uint8_t *reply, int *replyLength,
-                       uint8_t outEndpoint, uint8_t inEndpoint, uint32_t timeoutMs);
-  int usbCmdExtSendByBulk(uint8_t *command, int commandLength, uint8_t *reply, int *replyLength,
-                          uint8_t outEndpoint, uint8_t inEndpoint, uint32_t timeoutMs);
   int transmitData(unsigned char *data, unsigned int length, bool skipReadyCheck);
 
   // --- lifecycle ---
@@ -141,36 +130,18 @@ public:
   uint32_t dbitPreset(unsigned channel) const { return presetDbitTiming[channel]; }
 
 private:
-  // Marks a USB exchange in flight for the receive thread, which runs fault
-  // recovery only when none is.
-  class ExchangeMark {
-  public:
-    explicit ExchangeMark(QDeviceUsbCanFd2 &device) : count_(device.exchangesInFlight) {
-      count_.fetch_add(1, std::memory_order_relaxed);
-    }
-    ~ExchangeMark() { count_.fetch_sub(1, std::memory_order_relaxed); }
-    ExchangeMark(const ExchangeMark &) = delete;
-    ExchangeMark &operator=(const ExchangeMark &) = delete;
-
-  private:
-    std::atomic<int> &count_;
-  };
-
   // AdapterDuties, run by the receive thread.
-  bool commandIdle() const override {
-    return exchangesInFlight.load(std::memory_order_relaxed) == 0;
-  }
+  bool commandIdle() const override { return commands.idle(); }
   bool anyChannelInitialised() const override;
   bool replayChannels() override;
   void linkReopened() override { stream.reset(); }
   void readOnce(QUserLibUsb &usb, QUserThreadObj &thread) override;
 
   usbcanfd::UsbCanFdVariant variant() const { return usbcanfd::variantFor(deviceType); }
+  // 0 on success, -1 not written or device not ready, -2 no matching reply.
   int sendCommand(const usbcanfd::CmdFrame &frame, uint8_t *reply, int *replyLength,
                   uint32_t timeoutMs, bool skipReadyCheck = false);
   int sendFilter(usbcanfd::FilterSub sub, uint8_t channel, uint32_t firstId, uint32_t lastId);
-  int awaitBulkReply(const uint8_t *command, uint8_t *reply, int *replyLength, uint8_t inEndpoint,
-                     uint32_t timeoutMs);
   template <class Obj, class SendBatch>
   int transmitInBatches(Obj *frames, unsigned int count, SendBatch sendBatch);
   uint8_t txHeader(unsigned int channel) const;
@@ -195,11 +166,8 @@ private:
   std::deque<MSG_OBJ> msgQueue;
   FrameQueues rxQueues{usbcanfd::kChannelSlots}; // holds the data queue mutex
   pthread_mutex_t msgQueueMutex;
-  // Held for a whole command exchange, so two threads never take each
-  // other's replies.
-  pthread_mutex_t cmdMutex;
   QUserLibUsb usbDevice;
-  std::atomic<int> exchangesInFlight{0};
+  CommandExchange commands{&worker.recovery()};
   // Saved configurations and kept mode bytes are written by the caller's
   // thread and read by fault recovery on the receive thread.
   std::mutex configMutex;

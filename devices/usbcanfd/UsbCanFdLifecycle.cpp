@@ -14,14 +14,10 @@ using namespace usbcanfd;
 
 std::unique_ptr<QDevice> makeUsbCanFdDevice() { return std::make_unique<QDeviceUsbCanFd2>(); }
 
-QDeviceUsbCanFd2::QDeviceUsbCanFd2() {
-  initRecursivePiMutex(&msgQueueMutex);
-  initRecursivePiMutex(&cmdMutex);
-}
+QDeviceUsbCanFd2::QDeviceUsbCanFd2() { initRecursivePiMutex(&msgQueueMutex); }
 
 QDeviceUsbCanFd2::~QDeviceUsbCanFd2() {
   taskThreadShutdown();
-  pthread_mutex_destroy(&cmdMutex);
   pthread_mutex_destroy(&msgQueueMutex);
 }
 

@@ -43,12 +43,27 @@ uint8_t QDeviceUsbCanFd2::txHeader(unsigned int channel) const {
   return channel < kChannelSlots ? headerByte[channel] : 0;
 }
 
-// The whole batch counts as sent once the adapter acknowledges it.
+namespace {
+
+// A batch is written once; its acknowledgement, when one is awaited, echoes
+// the batch.
+constexpr ExchangeRules kBatchRules{{kEpDataOut, UsbTransfer::Bulk, kTransferTimeoutMs},
+                                    {kEpAckIn, UsbTransfer::Bulk, kTransferTimeoutMs},
+                                    ExchangeRules::Resend::Never,
+                                    ExchangeRules::Answer::Echo};
+
+} // namespace
+
+// The whole batch counts as sent once the adapter acknowledges it, or once it
+// is written while acknowledgements are not awaited. Batches are not
+// serialised with the commands: they answer on an endpoint of their own.
 int QDeviceUsbCanFd2::sendTxFrame(TxFrame &frame, size_t length, unsigned int count) {
   uint8_t reply[kCmdFrameRoom];
   int replyLength = sizeof reply;
-  return usbCmdExtSendByBulk(frame.data(), static_cast<int>(length), reply, &replyLength,
-                             kEpDataOut, kEpAckIn, kTransmitBudgetMs) == 0
+  const uint32_t budgetMs = txAckWait.load(std::memory_order_relaxed) != 0 ? kTransmitBudgetMs : 0;
+  return commands.run(&usbDevice, kBatchRules, CommandExchange::Access::Unserialised, frame.data(),
+                      static_cast<int>(length), reply, replyLength, budgetMs)
+                 .ok()
              ? static_cast<int>(count)
              : 0;
 }

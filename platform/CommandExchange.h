@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The command exchange every adapter family runs with its adapter: a command
 // is written and replies are read until one answers it or the budget runs
 // out. What differs between the families (endpoints, transfer kinds and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The shared command exchange against a simulated adapter that never answers
 // by itself: every reply it reads is one the test queued. The families' tests
 // cover their own rules end to end; these cover what no family call reaches

@@ -266,7 +266,7 @@ void printProgramUsage(FILE *out) {
   std::string list;
   for (const Command &c : commands()) {
     char line[128];
-    std::snprintf(line, sizeof line, "  %-8s %s\n", c.name, c.summary);
+    std::snprintf(line, sizeof line, "  %-9s %s\n", c.name, c.summary);
     list += line;
   }
   std::fprintf(out, kProgramUsage, list.c_str());

@@ -310,7 +310,7 @@ def check_busload():
             frames, bits = int(paced.split()[1]), int(paced.split()[2])
             # gen keeps its rate by its own clock; a loaded machine delays it a little.
             expect(abs(frames - 1000) <= 50 and bits == 48 * frames, out)
-            expect(abs(load_percent(paced) - 4.8e-3 * frames) <= 1, out)
+            expect(abs(load_percent(paced) - 9.6e-3 * frames) <= 1, out)
             expect(load_percent(full) >= 90, out)
         once = run(["top", "--once", "--interval", "1", "--connect", server.address,
                     "wcan41-0-1"]).stdout

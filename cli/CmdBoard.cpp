@@ -5,41 +5,11 @@
 
 #include "cli/Commands.h"
 #include "cli/RecordFields.h"
+#include "cli/UsbList.h"
 #include "common/Device.h"
 
 namespace wcantool {
 namespace {
-
-struct UsbContext {
-  const UsbApi &usb;
-  libusb_context *ctx = nullptr;
-
-  explicit UsbContext(const UsbApi &api) : usb(api) {
-    if (usb.init(&ctx) != 0)
-      throw ToolError{"cannot initialise the USB library"};
-  }
-  ~UsbContext() { usb.exit(ctx); }
-  UsbContext(const UsbContext &) = delete;
-  UsbContext &operator=(const UsbContext &) = delete;
-};
-
-struct DeviceList {
-  const UsbApi &usb;
-  libusb_device **list = nullptr;
-  ssize_t count = 0;
-
-  DeviceList(const UsbApi &api, libusb_context *ctx) : usb(api) {
-    count = usb.getDeviceList(ctx, &list);
-    if (count < 0)
-      throw ToolError{"cannot list the USB devices"};
-  }
-  ~DeviceList() {
-    if (list)
-      usb.freeDeviceList(list, 1);
-  }
-  DeviceList(const DeviceList &) = delete;
-  DeviceList &operator=(const DeviceList &) = delete;
-};
 
 std::string joinTypes(const std::vector<unsigned> &types) {
   std::string s;

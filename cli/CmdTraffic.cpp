@@ -13,6 +13,7 @@
 
 #include "cli/Commands.h"
 #include "cli/Generator.h"
+#include "cli/Traffic.h"
 #include "common/Device.h"
 #include "net/Client.h"
 #include "net/Protocol.h"
@@ -39,6 +40,8 @@ Target parseTarget(const Args &args) {
   return t;
 }
 
+} // namespace
+
 ChannelSettings parseSettings(const Args &args) {
   ChannelSettings s;
   if (auto v = args.value("--bitrate"))
@@ -49,6 +52,8 @@ ChannelSettings parseSettings(const Args &args) {
   s.listenOnly = args.flag("--listen-only");
   return s;
 }
+
+namespace {
 
 Frame parseFrameArg(const std::string &text) {
   Frame f;
@@ -191,6 +196,8 @@ int dumpFrames(const FrameSource &receive, const std::string &ifname, const Dump
   return kExitOk;
 }
 
+} // namespace
+
 // What the server sent, as the local dump would show it: the server's time
 // stamps in place of the host's.
 void receiveRemote(net::Client &client, std::vector<RxFrame> &batch, int waitMs) {
@@ -199,6 +206,8 @@ void receiveRemote(net::Client &client, std::vector<RxFrame> &batch, int waitMs)
        rx = batch.size() < kMaxBatch ? client.nextFrame(0) : std::nullopt)
     batch.push_back({rx->frame, 0, rx->time});
 }
+
+namespace {
 
 int dumpRemote(const Args &args, const RemoteBus &remote) {
   args.expectPositionals(1, 1);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli/Commands.h"
+#include "cli/LiveFeed.h"
 #include "cli/RecordFields.h"
 
 namespace wcantool {
@@ -151,6 +152,55 @@ const char kServeUsage[] =
     "  --client-buffer N  bytes of output a client may leave unread before it\n"
     "                   misses frames (default 1048576)\n";
 
+const char kBusloadUsage[] =
+    "usage: wcan busload TYPE INDEX [CHANNEL...] [options]\n"
+    "       wcan busload --connect HOST[:PORT] BUS... [options]\n"
+    "\n"
+    "Starts the channels (all of the adapter's when none is named) and prints\n"
+    "one line per channel and interval, as canbusload does: the bus with its\n"
+    "bit rates, frames, bits on the wire (stuff bits counted from each frame's\n"
+    "bits), payload bits, bits sent at the data bit rate and the load.\n"
+    "\n"
+    "Options:\n"
+    "  -i SECONDS       interval (default 1)\n"
+    "  -b               add a bar graph of the load\n"
+    "  -s               add the minimum, maximum and 1/5/15-minute load averages\n"
+    "  --count N        stop after N intervals\n"
+    "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --fd             open the channels for CAN FD (CAN FD adapters)\n"
+    "  --listen-only    receive without acknowledging frames on the bus\n"
+    "  --connect HOST[:PORT]  watch buses of a 'wcan serve' server; --bitrate and\n"
+    "                   --dbitrate then give their rates\n";
+
+const char kTopUsage[] =
+    "usage: wcan top TYPE INDEX [CHANNEL...] [options]\n"
+    "       wcan top --connect HOST[:PORT] BUS... [options]\n"
+    "\n"
+    "Shows the channels' load and one row per identifier and channel, updated\n"
+    "in place: kind, length, count, rate, mean period and jitter, time since\n"
+    "the last frame and the data, with the bytes that changed highlighted.\n"
+    "Keys: i r c a sort by identifier, rate, count, age; f + - filter;\n"
+    "p pause; x clear; t ASCII column; h help; q quit.\n"
+    "\n"
+    "Options:\n"
+    "  -t SECONDS       identifiers unseen for half this time dim, and leave at\n"
+    "                   it (default 10; 0 keeps them)\n"
+    "  --filter F       +ID[/MASK] or -ID[/MASK] (hex), repeatable\n"
+    "  --once           print the table once as plain text after --interval\n"
+    "  --interval S     seconds to collect for --once (default 1)\n"
+    "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --fd             open the channels for CAN FD (CAN FD adapters)\n"
+    "  --listen-only    receive without acknowledging frames on the bus\n"
+    "  --connect HOST[:PORT]  watch buses of a 'wcan serve' server\n";
+
+std::vector<OptionSpec> withLiveFeed(std::vector<OptionSpec> options) {
+  std::vector<OptionSpec> feed = liveFeedOptions();
+  options.insert(options.end(), feed.begin(), feed.end());
+  return options;
+}
+
 const std::vector<Command> &commands() {
   static const std::vector<Command> table = {
       {"list", "list the attached adapters", kListUsage, {}, runList},
@@ -198,6 +248,11 @@ const std::vector<Command> &commands() {
         {"--fd", false},
         {"--client-buffer", true}},
        runServe},
+      {"busload", "print the load of a bus", kBusloadUsage,
+       withLiveFeed({{"-i", true}, {"-b", false}, {"-s", false}, {"--count", true}}), runBusload},
+      {"top", "watch the identifiers on a bus", kTopUsage,
+       withLiveFeed({{"-t", true}, {"--filter", true}, {"--once", false}, {"--interval", true}}),
+       runTop},
       {"demo",
        "run the demonstration on simulated adapters",
        kDemoUsage,
@@ -211,7 +266,7 @@ void printProgramUsage(FILE *out) {
   std::string list;
   for (const Command &c : commands()) {
     char line[128];
-    std::snprintf(line, sizeof line, "  %-8s %s\n", c.name, c.summary);
+    std::snprintf(line, sizeof line, "  %-9s %s\n", c.name, c.summary);
     list += line;
   }
   std::fprintf(out, kProgramUsage, list.c_str());

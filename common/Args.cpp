@@ -17,7 +17,11 @@ Args::Args(const std::vector<std::string> &argv, const std::vector<OptionSpec> &
       optionsEnded = true;
       continue;
     }
-    if (optionsEnded || arg.size() < 3 || arg.compare(0, 2, "--") != 0) {
+    // Short options ("-b") are options only where a command lists them.
+    const bool listedShort = arg.size() == 2 && arg[0] == '-' &&
+                             std::any_of(options.begin(), options.end(),
+                                         [&](const OptionSpec &o) { return arg == o.name; });
+    if (optionsEnded || (!listedShort && (arg.size() < 3 || arg.compare(0, 2, "--") != 0))) {
       positionals_.push_back(arg);
       continue;
     }
@@ -83,6 +87,20 @@ unsigned long long parseNumber(std::string_view text, const char *what, unsigned
 
 unsigned parseUnsigned(std::string_view text, const char *what, unsigned min, unsigned max) {
   return static_cast<unsigned>(parseNumber(text, what, min, max));
+}
+
+double parseSeconds(std::string_view text, const char *what) {
+  std::string s(text);
+  const bool decimal = !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
+    return std::isdigit(static_cast<unsigned char>(c)) || c == '.';
+  });
+  char *end = nullptr;
+  const double v = decimal ? std::strtod(s.c_str(), &end) : 0;
+  if (!decimal || end == s.c_str() || *end != '\0')
+    throw UsageError{std::string(what) + " must be a number of seconds, not '" + s + "'"};
+  if (v < 0.1 || v > 86400)
+    throw UsageError{std::string(what) + " must be between 0.1 and 86400 seconds, not " + s};
+  return v;
 }
 
 std::optional<std::string> takeSimOption(std::vector<std::string> &argv) {

@@ -24,7 +24,7 @@ struct ToolError {
 };
 
 struct OptionSpec {
-  const char *name; // with the leading "--"
+  const char *name; // with the leading "--", or "-" and one letter
   bool takesValue;
 };
 
@@ -51,6 +51,9 @@ private:
 unsigned long long parseNumber(std::string_view text, const char *what, unsigned long long min,
                                unsigned long long max);
 unsigned parseUnsigned(std::string_view text, const char *what, unsigned min, unsigned max);
+
+// Seconds as a decimal number ("0.5"), 0.1 to 86400; throws UsageError.
+double parseSeconds(std::string_view text, const char *what);
 
 // Removes "--sim LIST" / "--sim=LIST" wherever it stands; returns the adapter list.
 std::optional<std::string> takeSimOption(std::vector<std::string> &argv);

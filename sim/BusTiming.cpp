@@ -4,46 +4,9 @@
 #include <algorithm>
 
 namespace wcansim {
-
 namespace {
-
 constexpr uint32_t kDefaultNominalRate = 500000;
-
-// CRC delimiter, acknowledge slot and delimiter, end of frame, interframe space.
-constexpr unsigned kTailBits = 1 + 2 + 7 + 3;
-
-unsigned withStuffBits(unsigned stuffedBits) { return stuffedBits + stuffedBits / 8; }
-
-FrameBits classicBits(const CanFrame &f) {
-  const unsigned dataBits = f.remote ? 0 : 8u * std::min<unsigned>(f.len, 8);
-  // Start of frame, identifier, RTR, IDE, r0 (SRR, IDE, r1, r0 as well when
-  // extended), length code, data, 15-bit checksum.
-  const unsigned head = f.extended ? 1 + 11 + 1 + 1 + 18 + 1 + 2 + 4 : 1 + 11 + 1 + 1 + 1 + 4;
-  return {withStuffBits(head + dataBits + 15) + kTailBits, 0};
-}
-
-FrameBits fdBits(const CanFrame &f) {
-  const unsigned len = std::min<unsigned>(f.len, 64);
-  // Start of frame, identifier, RRS, IDE, FDF, res, BRS (with SRR and the
-  // identifier extension when extended).
-  const unsigned arbitration = f.extended ? 1 + 11 + 1 + 1 + 18 + 1 + 3 : 1 + 11 + 1 + 1 + 3;
-  // ESI and length code, data; then the stuff count and the 17- or 21-bit
-  // checksum with a fixed stuff bit before every four bits.
-  const unsigned control = 1 + 4 + 8 * len;
-  const unsigned checksum = 4 + (len <= 16 ? 17 : 21);
-  const unsigned fixedStuff = (checksum + 3) / 4;
-  FrameBits bits{withStuffBits(arbitration) + kTailBits,
-                 withStuffBits(control) + checksum + fixedStuff};
-  if (!f.brs) {
-    bits.nominal += bits.data;
-    bits.data = 0;
-  }
-  return bits;
-}
-
 } // namespace
-
-FrameBits frameBits(const CanFrame &frame) { return frame.fd ? fdBits(frame) : classicBits(frame); }
 
 std::chrono::nanoseconds frameDuration(const CanFrame &frame, BitRates rates) {
   const uint64_t nominal = rates.nominal != 0 ? rates.nominal : kDefaultNominalRate;

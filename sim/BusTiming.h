@@ -6,19 +6,16 @@
 #include <cstdint>
 
 #include "SimModel.h"
+#include "common/BusBits.h"
 
 namespace wcansim {
 
-// Bits a frame occupies on the wire, interframe space included: `nominal`
-// ones at the nominal rate and `data` ones at the data-phase rate (only a
-// CAN FD frame with bit-rate switch has any). Stuff bits are estimated as
-// one per eight bits of the stuffed fields, half the worst case; the fixed
-// stuff bits of a CAN FD checksum are counted exactly.
-struct FrameBits {
-  unsigned nominal = 0;
-  unsigned data = 0;
-};
-FrameBits frameBits(const CanFrame &frame);
+// Bits a frame occupies on the wire, interframe space and stuff bits
+// included, as the bus-load tools count them.
+using busbits::FrameBits;
+inline FrameBits frameBits(const CanFrame &frame) {
+  return busbits::onWire(busbits::shapeOf(frame));
+}
 
 // The time the frame's bits take at these rates. A rate the host never set
 // counts as 500 kbit/s nominal, and a missing data-phase rate as the

@@ -7,11 +7,13 @@ Exit 0 on success, 1 on failure, 77 when a needed outside tool is missing.
 """
 import os
 import pty
+import re
 import shutil
 import signal
 import subprocess
 import sys
 import tempfile
+import time
 
 SKIP = 77
 WCAN = None
@@ -257,6 +259,120 @@ def check_record():
     out, _ = record("0", "filter-clear", "filter-add", "100", "1FF", "--id-type", "1",
                     "filter-enable", "filter-info", "filter-show", "0")
     expect("filters: 1\n" in out and "filter 0: 100..1FF id type 1" in out, out)
+
+
+class Server:
+    """`wcan serve --sim TYPE --port 0`; the live views watch a bus that gen feeds through it."""
+
+    def __init__(self, sim):
+        self.proc = subprocess.Popen([WCAN, "--sim", sim, "serve", "--port", "0"],
+                                     stderr=subprocess.PIPE, text=True)
+        for line in self.proc.stderr:
+            if "listening on" in line:
+                self.address = line.split()[-1]
+                break
+        else:
+            raise CheckFailed("wcan serve did not start")
+        self.feeders = []
+
+    def feed(self, bus, *gen_args):
+        self.feeders.append(subprocess.Popen(
+            [WCAN, "gen", "--connect", self.address, bus, *gen_args],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        for p in self.feeders + [self.proc]:
+            p.send_signal(signal.SIGINT)
+            p.wait(timeout=10)
+
+
+def load_percent(line):
+    return int(line.split("%")[0].split()[-1])
+
+
+def check_busload():
+    # 123#: 48 bits with its stuff bits (as counted by hand in the unit
+    # tests), 1000 a second at 500 kbit/s: 9.6 %. A bus sent to as fast as it
+    # goes is all but full.
+    with Server("41,41") as server:
+        server.feed("wcan41-0-0", "--id", "123", "--len", "0", "--rate", "1000")
+        server.feed("wcan41-1-0", "--id", "7ff", "--len", "8")
+        time.sleep(0.5)
+        args = ["busload", "--connect", server.address, "wcan41-0-1", "wcan41-1-1"]
+        out = run(args + ["-i", "1", "--count", "3"]).stdout
+        lines = [l for l in out.splitlines() if l.strip()]
+        expect(len(lines) == 6, out)
+        for paced, full in zip(lines[2::2], lines[3::2]):
+            expect(paced.split()[0] == "wcan41-0-1@500k/2M", out)
+            frames, bits = int(paced.split()[1]), int(paced.split()[2])
+            # gen keeps its rate by its own clock; a loaded machine delays it a little.
+            expect(abs(frames - 1000) <= 50 and bits == 48 * frames, out)
+            expect(abs(load_percent(paced) - 9.6e-3 * frames) <= 1, out)
+            expect(load_percent(full) >= 90, out)
+        once = run(["top", "--once", "--interval", "1", "--connect", server.address,
+                    "wcan41-0-1"]).stdout
+        expect(re.search(r"load +(9|10|11)%", once), once)  # 1000/s, 48 bits, 500 kbit/s
+        expect(re.search(r"^0 +123 +CAN +0 +\d+ +(9[5-9]\d|10[0-4]\d)\.\d", once, re.M), once)
+
+
+TMUX_SOCKET = f"wcan-check-{os.getpid()}"
+
+
+def tmux(*args):
+    return subprocess.run(["tmux", "-L", TMUX_SOCKET, *args], capture_output=True, text=True,
+                          check=True).stdout
+
+
+def screen_until(predicate, what, timeout=5.0):
+    deadline = time.monotonic() + timeout
+    while True:
+        text = tmux("capture-pane", "-p", "-t", "top")
+        if predicate(text):
+            return text
+        if time.monotonic() > deadline:
+            raise CheckFailed(f"{what}; the screen:\n{text}")
+        time.sleep(0.1)
+
+
+def id_rows(text):
+    return [l.split()[1] for l in text.splitlines() if re.match(r"^0 +[0-9A-F]{3} ", l)]
+
+
+def check_top():
+    if not shutil.which("tmux"):
+        return SKIP
+    with Server("41") as server:
+        # Identifiers counting up, 400 a second: every identifier comes back
+        # every 5 s, so the table fills and keeps changing.
+        server.feed("wcan41-0-0", "--id", "i", "--len", "8", "--rate", "400")
+        command = f"{WCAN} top --connect {server.address} wcan41-0-1; echo TOP-ENDED $?; sleep 60"
+        tmux("new-session", "-d", "-s", "top", "-x", "120", "-y", "40", command)
+        try:
+            text = screen_until(lambda t: len(id_rows(t)) > 20, "no identifier rows")
+            expect(re.search(r"wcan41-0-1 +500k/2M +\d+ frames/s +load +\d+%", text), text)
+            expect(id_rows(text) == sorted(id_rows(text)), "not sorted by identifier")
+            tmux("send-keys", "-t", "top", "a")  # youngest first
+            screen_until(lambda t: "sort: age" in t and id_rows(t) != sorted(id_rows(t)),
+                         "sorting by age changed nothing")
+            tmux("send-keys", "-t", "top", "+", "1", "0", "0", "/", "7", "0", "0", "Enter")
+            screen_until(lambda t: id_rows(t) and all(r.startswith("1") for r in id_rows(t)),
+                         "the filter +100/700 left other rows")
+            tmux("send-keys", "-t", "top", "f", "+", "x", "y", "Enter")
+            screen_until(lambda t: "bad identifier 'xy'" in t, "a bad filter went unreported")
+            tmux("resize-window", "-t", "top", "-x", "70", "-y", "12")
+            screen_until(lambda t: max(len(l) for l in t.splitlines()) <= 70 and
+                         len(t.splitlines()) <= 12 and "sort: age" in t, "no redraw on resize")
+            tmux("resize-window", "-t", "top", "-x", "40", "-y", "12")
+            screen_until(lambda t: "terminal too small" in t, "no word on a too small terminal")
+            tmux("send-keys", "-t", "top", "q")
+            text = screen_until(lambda t: "TOP-ENDED" in t, "q did not quit")
+            expect("TOP-ENDED 0" in text, text)
+            expect("wcan top" not in text, f"the screen was not given back:\n{text}")
+        finally:
+            subprocess.run(["tmux", "-L", TMUX_SOCKET, "kill-server"], capture_output=True)
 
 
 CHECKS = {name[6:]: fn for name, fn in globals().items() if name.startswith("check_")}

@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: MIT
+#include "cli/LiveFeed.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "cli/Traffic.h"
+#include "cli/UsbList.h"
+#include "common/Device.h"
+#include "common/DeviceClock.h"
+#include "net/Client.h"
+#include "net/Protocol.h"
+
+namespace wcantool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// One round of reading every channel at most this often: a busy bus then
+// costs one library call per channel and round, however many frames it
+// carries.
+constexpr auto kRound = std::chrono::milliseconds(10);
+constexpr size_t kFullBatch = 256;
+
+void sleepRest(Clock::time_point roundStart, int waitMs) {
+  const auto until =
+      std::min(roundStart + kRound, Clock::now() + std::chrono::milliseconds(waitMs));
+  std::this_thread::sleep_until(until);
+}
+
+class LocalFeed : public LiveFeed {
+public:
+  LocalFeed(Context &ctx, const DeviceType &type, unsigned index,
+            const std::vector<unsigned> &numbers, const ChannelSettings &settings)
+      : runtime_(ctx.runtime()), device_(runtime_, type.type, index), numbers_(numbers) {
+    const BusRates rates{settings.bitRate, settings.fd ? settings.dataBitRate : 0};
+    for (unsigned ch : numbers_) {
+      device_.startChannel(ch, settings);
+      channels_.push_back({interfaceName(type.type, index, ch), rates, LinkState::Up, 0});
+      clocks_.emplace_back(type.counterBits);
+    }
+    if (runtime_.usb().complete())
+      usb_ = std::make_unique<UsbContext>(runtime_.usb());
+  }
+
+  void poll(std::vector<LiveFrame> &out, int waitMs) override {
+    const auto start = Clock::now();
+    bool full = false;
+    for (size_t i = 0; i < numbers_.size(); ++i) {
+      batch_.clear();
+      full = device_.receive(numbers_[i], batch_, 0) >= kFullBatch || full;
+      const int64_t hostUs = hostEpochUs();
+      for (const RxFrame &rx : batch_)
+        out.push_back(
+            {static_cast<unsigned>(i), rx.frame, clocks_[i].toEpochUs(rx.deviceTime, hostUs)});
+    }
+    if (!full)
+      sleepRest(start, waitMs);
+  }
+
+  void checkLink() override {
+    if (!usb_)
+      return;
+    const bool attached =
+        adapterAttached(runtime_.usb(), usb_->ctx, device_.type(), device_.index());
+    const LinkState now = attached ? LinkState::Up : LinkState::Recovering;
+    for (size_t i = 0; i < channels_.size(); ++i) {
+      // A returning adapter restarted its counter.
+      if (channels_[i].link == LinkState::Recovering && now == LinkState::Up)
+        clocks_[i].restart();
+      channels_[i].link = now;
+    }
+  }
+
+private:
+  Runtime &runtime_;
+  DeviceSession device_;
+  std::vector<unsigned> numbers_;
+  std::vector<DeviceClock> clocks_;
+  std::unique_ptr<UsbContext> usb_;
+  std::vector<RxFrame> batch_;
+};
+
+class RemoteFeed : public LiveFeed {
+public:
+  RemoteFeed(const net::ServerAddress &server, const std::vector<std::string> &buses,
+             BusRates rates) {
+    for (const std::string &bus : buses) {
+      clients_.push_back(std::make_unique<net::Client>(server, bus));
+      clients_.back()->rawMode();
+      channels_.push_back({bus, rates, LinkState::Up, 0});
+    }
+  }
+
+  void poll(std::vector<LiveFrame> &out, int waitMs) override {
+    const auto start = Clock::now();
+    bool full = false;
+    for (size_t i = 0; i < clients_.size(); ++i) {
+      batch_.clear();
+      // One server: wait on its only connection instead of sleeping.
+      receiveRemote(*clients_[i], batch_, clients_.size() == 1 ? waitMs : 0);
+      full = batch_.size() >= kFullBatch || full;
+      for (const RxFrame &rx : batch_)
+        out.push_back({static_cast<unsigned>(i), rx.frame,
+                       static_cast<int64_t>(rx.hostTime.seconds) * 1000000 + rx.hostTime.micros});
+    }
+    if (!full && clients_.size() > 1)
+      sleepRest(start, waitMs);
+  }
+
+private:
+  std::vector<std::unique_ptr<net::Client>> clients_;
+  std::vector<RxFrame> batch_;
+};
+
+std::vector<unsigned> channelNumbers(const Args &args, const DeviceType &type,
+                                     const ChannelSettings &settings) {
+  std::vector<unsigned> numbers;
+  const auto &p = args.positionals();
+  for (size_t i = 2; i < p.size(); ++i) {
+    const unsigned ch = parseUnsigned(p[i], "CHANNEL", 0, 7);
+    checkChannelUse(type, ch, settings);
+    if (std::find(numbers.begin(), numbers.end(), ch) == numbers.end())
+      numbers.push_back(ch);
+  }
+  if (!numbers.empty())
+    return numbers;
+  for (unsigned ch = 0; ch < type.channels; ++ch) {
+    checkChannelUse(type, ch, settings);
+    numbers.push_back(ch);
+  }
+  return numbers;
+}
+
+} // namespace
+
+std::vector<OptionSpec> liveFeedOptions() {
+  return {{"--bitrate", true},
+          {"--dbitrate", true},
+          {"--fd", false},
+          {"--listen-only", false},
+          {"--connect", true}};
+}
+
+std::unique_ptr<LiveFeed> openLiveFeed(Context &ctx, const Args &args) {
+  const ChannelSettings settings = parseSettings(args);
+  if (const std::optional<std::string> server = args.value("--connect")) {
+    args.expectPositionals(1, 64);
+    if (args.flag("--fd") || args.flag("--listen-only"))
+      throw UsageError{"--fd and --listen-only set up a local adapter; with --connect the "
+                       "server's settings apply"};
+    // The server does not say its buses' rates: --bitrate and --dbitrate
+    // tell them, as the server's own defaults do.
+    return std::make_unique<RemoteFeed>(net::parseServerAddress(*server, net::kDefaultPort),
+                                        args.positionals(),
+                                        BusRates{settings.bitRate, settings.dataBitRate});
+  }
+  args.expectPositionals(2, 10);
+  const DeviceType &type =
+      checkedDeviceType(parseUnsigned(args.positionals()[0], "TYPE", 0, 0xFFFFFFFFu));
+  const unsigned index = parseUnsigned(args.positionals()[1], "INDEX", 0, 255);
+  const std::vector<unsigned> numbers = channelNumbers(args, type, settings);
+  return std::make_unique<LocalFeed>(ctx, type, index, numbers, settings);
+}
+
+} // namespace wcantool

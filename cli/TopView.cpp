@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: MIT
+#include "cli/TopView.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace wcantool {
+namespace {
+
+// "12.3" for values that fit, "-" for none.
+std::string millis(double us) {
+  if (us <= 0)
+    return "-";
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.1f", us / 1000.0);
+  return buf;
+}
+
+} // namespace
+
+TopView::TopView(const std::vector<LiveChannel> &channels, double timeoutSeconds)
+    : table_(timeoutSeconds) {
+  for (const LiveChannel &ch : channels) {
+    loads_.emplace_back(ch.rates);
+  }
+}
+
+void TopView::add(const LiveFrame &f) {
+  loads_[f.channel].add(f.frame);
+  table_.add(f.channel, f.frame, f.timeUs);
+}
+
+void TopView::closeInterval(double seconds) {
+  for (ChannelLoad &l : loads_)
+    l.close(seconds);
+}
+
+std::string TopView::channelLine(size_t channel, const LiveChannel &ch) const {
+  const ChannelLoad &l = loads_[channel];
+  char buf[256];
+  std::snprintf(buf, sizeof buf,
+                "%-14s %-10s %7.0f frames/s  load %3.0f%% peak %3.0f%%  lost %llu  %s",
+                ch.name.c_str(), formatRates(ch.rates).c_str(), l.last().framesPerSecond(),
+                l.last().percent(), l.peak(), static_cast<unsigned long long>(ch.lost),
+                ch.link == LinkState::Up ? "link up" : "adapter lost, recovering");
+  return buf;
+}
+
+std::string TopView::columnHeader() const {
+  char buf[160];
+  std::snprintf(buf, sizeof buf, "%-2s %-8s %-6s %3s %9s %8s %9s %9s %7s  %s", "CH", "ID", "KIND",
+                "LEN", "COUNT", "RATE/s", "PERIOD/ms", "JITTER/ms", "AGE/s",
+                ascii ? "DATA / ASCII" : "DATA");
+  return buf;
+}
+
+std::vector<TopRow> TopView::rows(int64_t nowUs) const {
+  std::vector<TopRow> out;
+  for (const IdEntry *e : table_.rows(filter_, sort)) {
+    char buf[160];
+    const double age = std::max<int64_t>(0, nowUs - e->lastUs) / 1e6;
+    std::snprintf(buf, sizeof buf, "%-2u %-8s %-6s %3u %9llu %8.1f %9s %9s %7.1f  ", e->channel,
+                  formatId(e->id, e->extended).c_str(), kindName(e->kind), e->len,
+                  static_cast<unsigned long long>(e->count), e->rate(),
+                  millis(e->meanPeriodUs).c_str(), millis(e->jitterUs()).c_str(), age);
+    out.push_back({buf, e, table_.faded(*e, nowUs)});
+  }
+  return out;
+}
+
+std::string TopView::hexData(const IdEntry &e) {
+  if (e.kind == FrameKind::Remote)
+    return "remote request";
+  std::string s;
+  char buf[4];
+  for (unsigned i = 0; i < e.len; ++i) {
+    std::snprintf(buf, sizeof buf, i ? " %02X" : "%02X", e.data[i]);
+    s += buf;
+  }
+  return s;
+}
+
+std::string TopView::asciiData(const IdEntry &e) {
+  std::string s;
+  for (unsigned i = 0; e.kind != FrameKind::Remote && i < e.len; ++i)
+    s += e.data[i] >= 0x20 && e.data[i] < 0x7F ? static_cast<char>(e.data[i]) : '.';
+  return s;
+}
+
+std::string TopView::plainText(const std::vector<LiveChannel> &channels, int64_t nowUs) const {
+  std::string s;
+  for (size_t i = 0; i < channels.size(); ++i)
+    s += channelLine(i, channels[i]) + "\n";
+  s += columnHeader() + "\n";
+  for (const TopRow &r : rows(nowUs)) {
+    s += r.columns + hexData(*r.entry);
+    if (ascii)
+      s += "  " + asciiData(*r.entry);
+    s += "\n";
+  }
+  return s;
+}
+
+} // namespace wcantool

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+// What `wcan top` shows, apart from how: the channels' load and the
+// identifier table, fed with frames, as text lines that the full screen and
+// `--once` both print.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "cli/LiveFeed.h"
+#include "common/BusStats.h"
+
+namespace wcantool {
+
+struct TopRow {
+  std::string columns; // channel to age, fixed widths
+  const IdEntry *entry;
+  bool faded;
+};
+
+class TopView {
+public:
+  TopView(const std::vector<LiveChannel> &channels, double timeoutSeconds);
+
+  void add(const LiveFrame &f);
+  // Closes the load interval of every channel (about once a second).
+  void closeInterval(double seconds);
+  void expire(int64_t nowUs) { table_.expire(nowUs); }
+  void clear() { table_.clear(); }
+
+  IdFilter &filter() { return filter_; }
+  std::string filterText() const { return filter_.describe(); }
+  SortKey sort = SortKey::Id;
+  bool ascii = false;
+
+  // One line per channel: rates, frames/s, load now and peak, frames lost,
+  // link state.
+  std::string channelLine(size_t channel, const LiveChannel &ch) const;
+  std::string columnHeader() const;
+  std::vector<TopRow> rows(int64_t nowUs) const;
+  // The data bytes of a row in hex ("DE AD BE EF"), and as ASCII.
+  static std::string hexData(const IdEntry &e);
+  static std::string asciiData(const IdEntry &e);
+  // The plain text of everything, as `--once` prints it.
+  std::string plainText(const std::vector<LiveChannel> &channels, int64_t nowUs) const;
+
+private:
+  std::vector<ChannelLoad> loads_;
+  IdTable table_;
+  IdFilter filter_;
+};
+
+} // namespace wcantool

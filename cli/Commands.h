@@ -51,6 +51,7 @@ int runGen(Context &ctx, const Args &args);
 int runRecord(Context &ctx, const Args &args);
 int runDemo(Context &ctx, const Args &args);
 int runServe(Context &ctx, const Args &args);
+int runPlay(Context &ctx, const Args &args);
 
 // The tool's results go to standard output; the library's log lines are sent
 // to standard error (WCAN_LOG_CONSOLE) before the library is loaded.

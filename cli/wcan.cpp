@@ -356,5 +356,9 @@ int runMain(std::vector<std::string> argv) {
 
 int main(int argc, char **argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
+  // Installed a second time, as Wireshark's capture program.
+  const char *slash = argc > 0 ? std::strrchr(argv[0], '/') : nullptr;
+  if (argc > 0 && std::strcmp(slash ? slash + 1 : argv[0], "wcan-extcap") == 0)
+    return wcantool::runExtcap(std::move(args));
   return wcantool::runMain(std::move(args));
 }

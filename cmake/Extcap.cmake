@@ -27,6 +27,7 @@ endif()
 if(TARGET wcan_tool)
   file(RELATIVE_PATH _wcan_extcap_to_tool "${CMAKE_INSTALL_PREFIX}/${WCAN_EXTCAP_DIR}"
     "${CMAKE_INSTALL_FULL_BINDIR}/wcan")
+  file(MAKE_DIRECTORY "${PROJECT_BINARY_DIR}/extcap")
   file(CREATE_LINK "${_wcan_extcap_to_tool}" "${PROJECT_BINARY_DIR}/extcap/wcan-extcap" SYMBOLIC)
   install(FILES "${PROJECT_BINARY_DIR}/extcap/wcan-extcap" DESTINATION ${WCAN_EXTCAP_DIR}
     COMPONENT tool)

@@ -93,7 +93,11 @@ def start_remote_capture(server, bus, path, count):
     proc = subprocess.Popen([WCAN, "dump", "--connect", server.address, bus, "-w", path,
                              "--count", str(count), "--timeout", "10000"],
                             stderr=subprocess.PIPE, text=True, env=env())
-    time.sleep(0.5)  # the capture opens its bus before anything is sent
+    # The file gets its header once the bus is open and the capture listening.
+    deadline = time.monotonic() + 20
+    while not (os.path.exists(path) and os.path.getsize(path) > 0):
+        expect(time.monotonic() < deadline and proc.poll() is None, "the capture did not start")
+        time.sleep(0.05)
     return proc
 
 

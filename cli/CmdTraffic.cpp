@@ -11,6 +11,7 @@
 #include <random>
 #include <thread>
 
+#include "cli/Capture.h"
 #include "cli/Commands.h"
 #include "cli/Generator.h"
 #include "cli/Traffic.h"
@@ -42,6 +43,8 @@ Target parseTarget(const Args &args) {
 
 } // namespace
 
+// The argument helpers the capture and replay commands share (cli/Traffic.h).
+
 ChannelSettings parseSettings(const Args &args) {
   ChannelSettings s;
   if (auto v = args.value("--bitrate"))
@@ -53,8 +56,6 @@ ChannelSettings parseSettings(const Args &args) {
   return s;
 }
 
-namespace {
-
 Frame parseFrameArg(const std::string &text) {
   Frame f;
   std::string why;
@@ -63,11 +64,6 @@ Frame parseFrameArg(const std::string &text) {
   return f;
 }
 
-struct TxRequest {
-  unsigned channel;
-  Frame frame;
-};
-
 TxRequest parseTxArg(const std::string &text) {
   size_t colon = text.find(':');
   if (colon == std::string::npos)
@@ -75,11 +71,6 @@ TxRequest parseTxArg(const std::string &text) {
   return {parseUnsigned(text.substr(0, colon), "--tx channel", 0, 7),
           parseFrameArg(text.substr(colon + 1))};
 }
-
-struct FileCloser {
-  void operator()(FILE *f) const { std::fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 FilePtr openLog(const std::optional<std::string> &path) {
   if (!path)
@@ -96,12 +87,11 @@ long msSince(Clock::time_point t) {
 }
 
 // Starts the --tx channels like the dumped one and sends their frames.
-void sendLoopbackFrames(DeviceSession &device, unsigned dumpChannel,
+void sendLoopbackFrames(DeviceSession &device, std::vector<unsigned> started,
                         const std::vector<TxRequest> &requests, ChannelSettings settings) {
   if (std::any_of(requests.begin(), requests.end(), [](const TxRequest &r) { return r.frame.fd; }))
     settings.fd = true;
   settings.listenOnly = false;
-  std::vector<unsigned> started{dumpChannel};
   for (const TxRequest &r : requests) {
     if (std::find(started.begin(), started.end(), r.channel) == started.end()) {
       device.startChannel(r.channel, settings);
@@ -121,11 +111,6 @@ void rejectLocalOptions(const Args &args, std::initializer_list<const char *> na
                        "server's settings apply"};
 }
 
-struct RemoteBus {
-  net::ServerAddress server;
-  std::string bus;
-};
-
 std::optional<RemoteBus> remoteBus(const Args &args) {
   const std::optional<std::string> server = args.value("--connect");
   if (!server)
@@ -135,11 +120,6 @@ std::optional<RemoteBus> remoteBus(const Args &args) {
   return RemoteBus{net::parseServerAddress(*server, net::kDefaultPort), args.positionals()[0]};
 }
 
-struct DumpLimits {
-  unsigned long long count = 0;
-  long timeoutMs = 0;
-};
-
 DumpLimits parseDumpLimits(const Args &args) {
   DumpLimits limits;
   if (auto v = args.value("--count"))
@@ -148,6 +128,8 @@ DumpLimits parseDumpLimits(const Args &args) {
     limits.timeoutMs = static_cast<long>(parseNumber(*v, "--timeout", 1, 86400000));
   return limits;
 }
+
+namespace {
 
 // Appends received frames to `batch`, waiting up to waitMs for the first.
 using FrameSource = std::function<void(std::vector<RxFrame> &batch, int waitMs)>;
@@ -247,7 +229,10 @@ int sendRemote(const Args &args, const RemoteBus &remote) {
 } // namespace
 
 int runDump(Context &ctx, const Args &args) {
-  if (std::optional<RemoteBus> remote = remoteBus(args))
+  const std::optional<RemoteBus> remote = remoteBus(args);
+  if (wantsCapture(args))
+    return remote ? captureRemote(args, *remote) : captureLocal(ctx, args);
+  if (remote)
     return dumpRemote(args, *remote);
   args.expectPositionals(3, 3);
   Target target = parseTarget(args);
@@ -271,7 +256,7 @@ int runDump(Context &ctx, const Args &args) {
   DeviceSession device(ctx.runtime(), target.type, target.index);
   device.startChannel(target.channel, settings);
   if (!tx.empty())
-    sendLoopbackFrames(device, target.channel, tx, settings);
+    sendLoopbackFrames(device, {target.channel}, tx, settings);
   return dumpFrames(
       [&](std::vector<RxFrame> &batch, int wait) { device.receive(target.channel, batch, wait); },
       interfaceName(target.type, target.index, target.channel), limits, log.get(), logPath);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/Args.h"
+#include "common/DeviceTypes.h"
 #include "common/Runtime.h"
 
 namespace wcantool {
@@ -53,6 +54,22 @@ int runDemo(Context &ctx, const Args &args);
 int runServe(Context &ctx, const Args &args);
 int runBusload(Context &ctx, const Args &args);
 int runTop(Context &ctx, const Args &args);
+int runPlay(Context &ctx, const Args &args);
+
+// The Wireshark capture program: `wcan` run under the name wcan-extcap.
+int runExtcap(std::vector<std::string> argv);
+
+// The supported adapters on the USB, as `wcan list` shows them.
+struct AttachedAdapter {
+  std::vector<unsigned> types; // every type number that opens it
+  unsigned index;
+  uint16_t vendorId;
+  uint16_t productId;
+  unsigned bus;
+  unsigned address;
+  const DeviceType &type; // the first of `types`
+};
+std::vector<AttachedAdapter> attachedAdapters(const Runtime &runtime);
 
 // The tool's results go to standard output; the library's log lines are sent
 // to standard error (WCAN_LOG_CONSOLE) before the library is loaded.

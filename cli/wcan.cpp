@@ -59,7 +59,35 @@ const char kDumpUsage[] =
     "  --tx CH:FRAME    once the channel runs, start channel CH of the same adapter\n"
     "                   alike and send FRAME on it (repeatable): a loopback test\n"
     "                   through a cable between two ports, or the simulation\n"
-    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
+    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n"
+    "\n"
+    "Capture (Wireshark reads the files and the stream):\n"
+    "  CHANNEL may list several channels (0,1) or be 'all'; with --connect several\n"
+    "  BUS names may follow. Their frames come in one stream, in time order.\n"
+    "  -w FILE          write pcapng (link type 227) to FILE ('-': standard output)\n"
+    "  --format F       text (candump -L lines) or pcapng, on standard output\n"
+    "  -C SIZE          start a new file (FILE1, FILE2, ...) before FILE passes SIZE\n"
+    "                   millions of bytes (or SIZE with k, M, G)\n"
+    "  -G SECONDS       start a new file every SECONDS seconds\n";
+
+const char kPlayUsage[] =
+    "usage: wcan play FILE TYPE INDEX CHANNEL [options]\n"
+    "       wcan play FILE --connect HOST[:PORT] BUS [options]\n"
+    "\n"
+    "Sends the frames of a candump -L log or a pcapng capture on a channel, or on\n"
+    "bus BUS of a 'wcan serve' server, keeping the recorded gaps between them.\n"
+    "\n"
+    "Options:\n"
+    "  --speed X        play X times as fast (0.5: half speed)\n"
+    "  --fast           send back to back, ignoring the time stamps\n"
+    "  --loop N         play the file N times\n"
+    "  --map SRC=DST    send what was recorded on bus SRC to channel (or server\n"
+    "                   bus) DST; repeatable. With --map, buses without a route are\n"
+    "                   skipped and counted, and CHANNEL or BUS may be left out\n"
+    "  --skip-bad       report a bad log line or block and go on (default: stop)\n"
+    "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --connect HOST[:PORT]  use a server instead of a local adapter\n";
 
 const char kSendUsage[] =
     "usage: wcan send TYPE INDEX CHANNEL FRAME... [options]\n"
@@ -216,8 +244,25 @@ const std::vector<Command> &commands() {
         {"--timeout", true},
         {"--log", true},
         {"--tx", true},
-        {"--connect", true}},
+        {"--connect", true},
+        {"-w", true},
+        {"--format", true},
+        {"-C", true},
+        {"-G", true}},
        runDump},
+      {"play",
+       "replay a candump log or pcapng capture",
+       kPlayUsage,
+       {{"--speed", true},
+        {"--fast", false},
+        {"--loop", true},
+        {"--map", true},
+        {"--skip-bad", false},
+        {"--bitrate", true},
+        {"--dbitrate", true},
+        {"--fd", false},
+        {"--connect", true}},
+       runPlay},
       {"send",
        "send frames given in cansend syntax",
        kSendUsage,
@@ -366,5 +411,9 @@ int runMain(std::vector<std::string> argv) {
 
 int main(int argc, char **argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
+  // Installed a second time, as Wireshark's capture program.
+  const char *slash = argc > 0 ? std::strrchr(argv[0], '/') : nullptr;
+  if (argc > 0 && std::strcmp(slash ? slash + 1 : argv[0], "wcan-extcap") == 0)
+    return wcantool::runExtcap(std::move(args));
   return wcantool::runMain(std::move(args));
 }

@@ -17,11 +17,12 @@ Args::Args(const std::vector<std::string> &argv, const std::vector<OptionSpec> &
       optionsEnded = true;
       continue;
     }
-    // Short options ("-b") are options only where a command lists them.
-    const bool listedShort = arg.size() == 2 && arg[0] == '-' &&
+    // Long options, and the short ones a command names (dump's -w, -C, -G).
+    const bool longOption = arg.size() >= 3 && arg.compare(0, 2, "--") == 0;
+    const bool shortOption = arg.size() == 2 && arg[0] == '-' &&
                              std::any_of(options.begin(), options.end(),
                                          [&](const OptionSpec &o) { return arg == o.name; });
-    if (optionsEnded || (!listedShort && (arg.size() < 3 || arg.compare(0, 2, "--") != 0))) {
+    if (optionsEnded || (!longOption && !shortOption)) {
       positionals_.push_back(arg);
       continue;
     }

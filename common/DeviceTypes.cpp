@@ -105,4 +105,16 @@ std::string fdDataRatesText() {
   return joinRates(kFdDataRates, [](unsigned r) { return r; });
 }
 
+std::vector<unsigned> availableBitRates(Family family, bool dataPhase) {
+  if (family == Family::CanFd)
+    return dataPhase
+               ? std::vector<unsigned>(kFdDataRates.begin(), kFdDataRates.end())
+               : std::vector<unsigned>(kFdArbitrationRates.begin(), kFdArbitrationRates.end());
+  std::vector<unsigned> rates;
+  if (family == Family::Classic && !dataPhase)
+    for (const ClassicRate &r : kClassicRates)
+      rates.push_back(r.bitRate);
+  return rates;
+}
+
 } // namespace wcantool

@@ -44,6 +44,10 @@ std::optional<ClassicTiming> classicTimingFor(unsigned bitRate);
 bool isFdArbitrationRate(unsigned bitRate);
 bool isFdDataRate(unsigned bitRate);
 
+// The bit rates a family's channels run at, fastest first: of the data phase
+// when `dataPhase` (CAN FD adapters only; empty for the others).
+std::vector<unsigned> availableBitRates(Family family, bool dataPhase);
+
 // "500000, 250000, ..." for messages.
 std::string classicRatesText();
 std::string fdArbitrationRatesText();

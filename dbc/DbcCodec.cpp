@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "dbc/Dbc.h"
 
@@ -14,6 +15,7 @@ namespace wcantool::dbc {
 namespace {
 
 constexpr uint32_t kExtendedFlag = 0x80000000u;
+constexpr uint32_t kMaxFrameId = 0x1FFFFFFF;
 constexpr size_t kMaxData = 64;
 // Frame bytes plus the eight a load at the last byte may read.
 constexpr size_t kPaddedSize = kMaxData + 8;
@@ -85,6 +87,9 @@ uint64_t rawFor(const Signal &s, double phys) {
   if (s.factor == 0)
     throw EncodeError(s.name + " has the factor 0 and takes no values");
   const double scaled = (phys - s.offset) / s.factor;
+  if (!std::isfinite(scaled) ||
+      (s.type == ValueType::Float && std::fabs(scaled) > std::numeric_limits<float>::max()))
+    throw EncodeError(what + " does not fit in " + s.name);
   if (s.type == ValueType::Float) {
     const auto f = static_cast<float>(scaled);
     uint32_t bits;
@@ -182,7 +187,7 @@ void Database::index() {
   byKey_.clear();
   for (size_t i = 0; i < messages_.size(); ++i) {
     Message &m = messages_[i];
-    if (m.id <= 0x1FFFFFFF)
+    if (m.id <= kMaxFrameId)
       byKey_.emplace(keyOf(m.id, m.extended), i);
     m.multiplexerIndex = -1;
     for (size_t k = 0; k < m.signals.size(); ++k) {
@@ -244,6 +249,8 @@ double parseSignalValue(const Signal &s, std::string_view text) {
 }
 
 EncodedFrame encode(const Message &m, const std::vector<std::pair<std::string, double>> &values) {
+  if (m.id > kMaxFrameId)
+    throw EncodeError("message " + m.name + " is no frame");
   std::vector<std::pair<const Signal *, double>> given;
   std::optional<int64_t> active;
   for (const auto &[name, phys] : values) {

@@ -328,8 +328,6 @@ private:
 
     m.extended = (rawId & kExtendedFlag) != 0;
     m.id = rawId & ~kExtendedFlag;
-    if (m.id > 0x1FFFFFFF && (rawId & kPseudoIdBits) == 0)
-      in_.failAt(idAt, "message id out of range");
     if (!m.extended && m.id > 0x7FF && (rawId & kPseudoIdBits) == 0) {
       warn(idAt, "message " + m.name + ": standard id above 0x7FF, read as extended");
       m.extended = true;
@@ -612,8 +610,8 @@ private:
     if (def == attributeDefs_.end())
       return {};
     const auto &names = def->second.enumNames;
-    if (names.empty() || v->number < 0 || v->number >= static_cast<double>(names.size()))
-      return names.empty() ? std::to_string(static_cast<long long>(v->number)) : std::string();
+    if (v->number < 0 || v->number >= static_cast<double>(names.size()))
+      return {};
     return names[static_cast<size_t>(v->number)];
   }
 

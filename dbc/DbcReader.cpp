@@ -37,6 +37,9 @@ bool isNumberChar(char c) { return isWordChar(c) || c == '.' || c == '+' || c ==
 class Cursor {
 public:
   explicit Cursor(std::string_view text) : text_(text) {
+    // Editors on some systems start UTF-8 files with a byte order mark.
+    if (text_.substr(0, 3) == "\xEF\xBB\xBF")
+      pos_ = 3;
     lineStarts_.push_back(0);
     for (size_t i = 0; i < text.size(); ++i)
       if (text[i] == '\n')

@@ -13,6 +13,7 @@
 
 #include "cli/Capture.h"
 #include "cli/Commands.h"
+#include "cli/DbcSupport.h"
 #include "cli/Generator.h"
 #include "cli/Traffic.h"
 #include "common/Device.h"
@@ -134,9 +135,11 @@ namespace {
 // Appends received frames to `batch`, waiting up to waitMs for the first.
 using FrameSource = std::function<void(std::vector<RxFrame> &batch, int waitMs)>;
 
-// Prints frames as log lines until the count, the time-out or Ctrl-C.
+// Prints frames as log lines until the count, the time-out or Ctrl-C; with a
+// database, their signals follow on standard output only, so that the --log
+// file stays a log that candump readers take.
 int dumpFrames(const FrameSource &receive, const std::string &ifname, const DumpLimits &limits,
-               FILE *log, const std::string &logPath) {
+               FILE *log, const std::string &logPath, const dbc::Database *signals) {
   unsigned long long received = 0;
   auto lastFrame = Clock::now();
   std::vector<RxFrame> batch;
@@ -155,6 +158,8 @@ int dumpFrames(const FrameSource &receive, const std::string &ifname, const Dump
         break;
       std::string line = formatLogLine(rx.hostTime, ifname, rx.frame) + "\n";
       std::fputs(line.c_str(), out());
+      if (signals)
+        printSignals(*signals, rx.frame, out());
       if (log)
         std::fputs(line.c_str(), log);
       ++received;
@@ -195,16 +200,19 @@ int dumpRemote(const Args &args, const RemoteBus &remote) {
   args.expectPositionals(1, 1);
   rejectLocalOptions(args, {"--bitrate", "--dbitrate", "--fd", "--listen-only", "--tx"});
   const DumpLimits limits = parseDumpLimits(args);
+  const std::optional<dbc::Database> db = loadDbcOption(args, "dump");
   const std::string logPath = args.value("--log").value_or("");
   FilePtr log = openLog(args.value("--log"));
   net::Client client(remote.server, remote.bus);
   client.rawMode();
   return dumpFrames(
       [&](std::vector<RxFrame> &batch, int wait) { receiveRemote(client, batch, wait); },
-      remote.bus, limits, log.get(), logPath);
+      remote.bus, limits, log.get(), logPath, db ? &*db : nullptr);
 }
 
 std::vector<Frame> parseFrameArgs(const Args &args, size_t first) {
+  if (const std::optional<dbc::Database> db = loadDbcOption(args, "send"))
+    return {encodeFrameArgs(*db, args.positionals(), first)};
   std::vector<Frame> frames;
   for (size_t i = first; i < args.positionals().size(); ++i)
     frames.push_back(parseFrameArg(args.positionals()[i]));
@@ -250,6 +258,7 @@ int runDump(Context &ctx, const Args &args) {
   checkChannelUse(type, target.channel, settings);
   for (const TxRequest &r : tx)
     checkChannelUse(type, r.channel, settings, {r.frame});
+  const std::optional<dbc::Database> db = loadDbcOption(args, "dump");
   const std::string logPath = args.value("--log").value_or("");
   FilePtr log = openLog(args.value("--log"));
 
@@ -259,7 +268,8 @@ int runDump(Context &ctx, const Args &args) {
     sendLoopbackFrames(device, {target.channel}, tx, settings);
   return dumpFrames(
       [&](std::vector<RxFrame> &batch, int wait) { device.receive(target.channel, batch, wait); },
-      interfaceName(target.type, target.index, target.channel), limits, log.get(), logPath);
+      interfaceName(target.type, target.index, target.channel), limits, log.get(), logPath,
+      db ? &*db : nullptr);
 }
 
 int runSend(Context &ctx, const Args &args) {

@@ -56,6 +56,9 @@ const char kDumpUsage[] =
     "  --timeout MS     stop when no frame arrived for MS milliseconds; the exit\n"
     "                   status is 1 if --count frames had not arrived by then\n"
     "  --log FILE       also write the lines to FILE\n"
+    "  --dbc FILE       decode the frames with the DBC file FILE: the signals of a\n"
+    "                   known message follow its line, indented, on standard\n"
+    "                   output only (the --log file stays a candump log)\n"
     "  --tx CH:FRAME    once the channel runs, start channel CH of the same adapter\n"
     "                   alike and send FRAME on it (repeatable): a loopback test\n"
     "                   through a cable between two ports, or the simulation\n"
@@ -92,6 +95,7 @@ const char kPlayUsage[] =
 const char kSendUsage[] =
     "usage: wcan send TYPE INDEX CHANNEL FRAME... [options]\n"
     "       wcan send --connect HOST[:PORT] BUS FRAME...\n"
+    "       wcan send ... --dbc FILE MESSAGE [SIGNAL=VALUE...]\n"
     "\n"
     "Initialises and starts a channel and sends the frames, given in cansend\n"
     "syntax, or sends them on bus BUS of a 'wcan serve' server:\n"
@@ -100,11 +104,16 @@ const char kSendUsage[] =
     "  123#R  123#R4    remote frame, optional length\n"
     "  123##1AABBCC     CAN FD frame; flag digit 1 = bit-rate switch, 0 = none;\n"
     "                   0..8, 12, 16, 20, 24, 32, 48 or 64 data bytes\n"
+    "With --dbc the one frame of message MESSAGE is built from signal values:\n"
+    "numbers in physical units or names from the value table, e.g.\n"
+    "  --dbc car.dbc EngineData EngineSpeed=800 Gear=Drive\n"
+    "Signals not given are sent as zero bits.\n"
     "\n"
     "Options:\n"
     "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
     "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
     "  --fd             open the channel for CAN FD even without CAN FD frames\n"
+    "  --dbc FILE       build the frame from signal values with the DBC file FILE\n"
     "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
 
 const char kGenUsage[] =
@@ -245,6 +254,7 @@ const std::vector<Command> &commands() {
         {"--log", true},
         {"--tx", true},
         {"--connect", true},
+        {"--dbc", true},
         {"-w", true},
         {"--format", true},
         {"-C", true},
@@ -266,7 +276,11 @@ const std::vector<Command> &commands() {
       {"send",
        "send frames given in cansend syntax",
        kSendUsage,
-       {{"--bitrate", true}, {"--dbitrate", true}, {"--fd", false}, {"--connect", true}},
+       {{"--bitrate", true},
+        {"--dbitrate", true},
+        {"--fd", false},
+        {"--dbc", true},
+        {"--connect", true}},
        runSend},
       {"gen",
        "generate traffic",

@@ -375,6 +375,30 @@ def check_top():
             subprocess.run(["tmux", "-L", TMUX_SOCKET, "kill-server"], capture_output=True)
 
 
+def check_dbc():
+    dbc = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "vehicle.dbc")
+    frames = ["064#A5090382FD800000", "18FEF100#1234", "7C0#02.6A.FF", "333#01"]
+    with tempfile.TemporaryDirectory() as tmp:
+        log_path = os.path.join(tmp, "dump.log")
+        out = dump_with_loopback(41, frames, ["--dbc", dbc, "--log", log_path])
+        with open(log_path) as f:
+            log = f.read()
+    lines = out.splitlines()
+    expect(lines[1::2][:3] == [
+        '  EngineData: EngineSpeed=1234.5 rpm Gear=3 "Drive" CoolantTemp=90 degC Torque=-10 Nm',
+        "  VehicleSpeed: WheelSpeed=46.6 km/h",
+        '  Diagnostics: Service=2 "ReadCurrent" Current=-1.5 A'], f"signals:\n{out}")
+    expect(len(lines) == 7 and lines[-1].endswith(" 333#01"), f"unknown id decoded:\n{out}")
+    # The log file holds the frames only, so that candump log readers take it.
+    expect(log.splitlines() == lines[0:6:2] + lines[-1:], f"--log file:\n{log}")
+    result = run(["send", "41", "0", "0", "--dbc", dbc, "SensorFrame", "State=Ready",
+                  "Accel=-1.5"], env_sim="41")
+    expect("1 frame sent" in result.stderr, result.stderr)
+    result = run(["send", "41", "0", "0", "--dbc", dbc, "EngineData", "Gear=9"], env_sim="41",
+                 code=2)
+    expect("Gear=9 is outside 0..7" in result.stderr, result.stderr)
+
+
 CHECKS = {name[6:]: fn for name, fn in globals().items() if name.startswith("check_")}
 
 

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "cli/Commands.h"
+#include "cli/DumpView.h"
 #include "cli/Generator.h"
 #include "common/Device.h"
 #include "net/Client.h"
@@ -147,12 +148,49 @@ DumpLimits parseDumpLimits(const Args &args) {
 // Appends received frames to `batch`, waiting up to waitMs for the first.
 using FrameSource = std::function<void(std::vector<RxFrame> &batch, int waitMs)>;
 
-// Prints frames as log lines until the count, the time-out or Ctrl-C.
+// Which frames a dump shows, how, and where else it writes them.
+struct DumpOutput {
+  FrameFilter filter;
+  std::optional<FrameView> view; // human-readable lines; log lines without
+  FilePtr log;
+  std::string logPath;
+};
+
+DumpOutput parseDumpOutput(const Args &args) {
+  DumpOutput output;
+  std::vector<IdFilter> filters;
+  for (const std::string &f : args.values("--filter"))
+    filters.push_back(parseIdFilter(f));
+  output.filter = FrameFilter(std::move(filters));
+  const std::optional<std::string> stamps = args.value("-t");
+  const bool ascii = args.flag("-a");
+  if ((stamps || ascii) && args.flag("-L"))
+    throw UsageError{"-L writes log lines, which have no -t or -a: leave out one or the other"};
+  if (stamps || ascii)
+    output.view.emplace(stamps ? parseStampMode(*stamps) : StampMode::None, ascii);
+  output.logPath = args.value("--log").value_or("");
+  output.log = openLog(args.value("--log"));
+  return output;
+}
+
+// Writes one frame to standard output and the log; false when the log failed.
+void writeFrame(DumpOutput &output, const RxFrame &rx, const std::string &ifname) {
+  const std::string logLine = formatLogLine(logTimeOf(rx.epochUs), ifname, rx.frame) + "\n";
+  if (output.view)
+    std::fprintf(out(), "%s\n", output.view->line(rx.epochUs, ifname, rx.frame).c_str());
+  else
+    std::fputs(logLine.c_str(), out());
+  if (output.log)
+    std::fputs(logLine.c_str(), output.log.get());
+}
+
+// Prints frames until the count, the time-out or Ctrl-C.
 int dumpFrames(const FrameSource &receive, const std::string &ifname, const DumpLimits &limits,
-               FILE *log, const std::string &logPath) {
+               DumpOutput &output) {
   unsigned long long received = 0;
   auto lastFrame = Clock::now();
   std::vector<RxFrame> batch;
+  FILE *log = output.log.get();
   while (!stopRequested() && (limits.count == 0 || received < limits.count)) {
     int wait = kPollMs;
     if (limits.timeoutMs > 0) {
@@ -166,10 +204,9 @@ int dumpFrames(const FrameSource &receive, const std::string &ifname, const Dump
     for (const RxFrame &rx : batch) {
       if (limits.count != 0 && received == limits.count)
         break;
-      std::string line = formatLogLine(rx.hostTime, ifname, rx.frame) + "\n";
-      std::fputs(line.c_str(), out());
-      if (log)
-        std::fputs(line.c_str(), log);
+      if (!output.filter.passes(rx.frame))
+        continue;
+      writeFrame(output, rx, ifname);
       ++received;
     }
     if (!batch.empty()) {
@@ -180,7 +217,7 @@ int dumpFrames(const FrameSource &receive, const std::string &ifname, const Dump
       if (std::ferror(out()))
         return kExitOk; // the reader went away
       if (log && std::ferror(log))
-        throw ToolError{"cannot write " + logPath};
+        throw ToolError{"cannot write " + output.logPath};
     }
   }
   if (limits.count != 0 && received < limits.count && !stopRequested()) {
@@ -197,20 +234,19 @@ void receiveRemote(net::Client &client, std::vector<RxFrame> &batch, int waitMs)
   constexpr size_t kMaxBatch = 256;
   for (std::optional<net::ReceivedFrame> rx = client.nextFrame(waitMs); rx;
        rx = batch.size() < kMaxBatch ? client.nextFrame(0) : std::nullopt)
-    batch.push_back({rx->frame, 0, rx->time});
+    batch.push_back({rx->frame, 0, epochUsOf(rx->time)});
 }
 
 int dumpRemote(const Args &args, const RemoteBus &remote) {
   args.expectPositionals(1, 1);
   rejectLocalOptions(args, {"--bitrate", "--dbitrate", "--fd", "--listen-only", "--tx"});
   const DumpLimits limits = parseDumpLimits(args);
-  const std::string logPath = args.value("--log").value_or("");
-  FilePtr log = openLog(args.value("--log"));
+  DumpOutput output = parseDumpOutput(args);
   net::Client client(remote.server, remote.bus);
   client.rawMode();
   return dumpFrames(
       [&](std::vector<RxFrame> &batch, int wait) { receiveRemote(client, batch, wait); },
-      remote.bus, limits, log.get(), logPath);
+      remote.bus, limits, output);
 }
 
 std::vector<Frame> parseFrameArgs(const Args &args, size_t first) {
@@ -256,8 +292,7 @@ int runDump(Context &ctx, const Args &args) {
   checkChannelUse(type, target.channel, settings);
   for (const TxRequest &r : tx)
     checkChannelUse(type, r.channel, settings, {r.frame});
-  const std::string logPath = args.value("--log").value_or("");
-  FilePtr log = openLog(args.value("--log"));
+  DumpOutput output = parseDumpOutput(args);
 
   DeviceSession device(ctx.runtime(), target.type, target.index);
   device.startChannel(target.channel, settings);
@@ -265,7 +300,7 @@ int runDump(Context &ctx, const Args &args) {
     sendLoopbackFrames(device, target.channel, tx, settings);
   return dumpFrames(
       [&](std::vector<RxFrame> &batch, int wait) { device.receive(target.channel, batch, wait); },
-      interfaceName(target.type, target.index, target.channel), limits, log.get(), logPath);
+      interfaceName(target.type, target.index, target.channel), limits, output);
 }
 
 int runSend(Context &ctx, const Args &args) {

@@ -42,8 +42,9 @@ const char kDumpUsage[] =
     "\n"
     "Initialises and starts a channel and prints every received frame as a\n"
     "candump -L log line, e.g. (1700000000.123456) wcan41-0-1 123#DEADBEEF,\n"
-    "until Ctrl-C, --count or --timeout ends it. With --connect the frames\n"
-    "come from bus BUS (e.g. wcan41-0-1) of a 'wcan serve' server (port 29536\n"
+    "until Ctrl-C, --count or --timeout ends it. Each frame carries the\n"
+    "adapter's own time stamp as host time. With --connect the frames come\n"
+    "from bus BUS (e.g. wcan41-0-1) of a 'wcan serve' server (port 29536\n"
     "unless given), with the server's time stamps and channel settings.\n"
     "\n"
     "Options:\n"
@@ -54,7 +55,14 @@ const char kDumpUsage[] =
     "  --count N        stop after N frames\n"
     "  --timeout MS     stop when no frame arrived for MS milliseconds; the exit\n"
     "                   status is 1 if --count frames had not arrived by then\n"
-    "  --log FILE       also write the lines to FILE\n"
+    "  --log FILE       also write the frames to FILE as log lines\n"
+    "  --filter ID:MASK show only frames whose id agrees with ID under MASK\n"
+    "                   (hex; ID~MASK: that disagrees; 8 digits: extended id);\n"
+    "                   repeatable, a frame passing any filter is shown\n"
+    "  -t a|d|z|A       human-readable lines with absolute, delta, relative to\n"
+    "                   the first frame, or date-and-time stamps\n"
+    "  -a               human-readable lines with an ASCII column\n"
+    "  -L               log lines (the default)\n"
     "  --tx CH:FRAME    once the channel runs, start channel CH of the same adapter\n"
     "                   alike and send FRAME on it (repeatable): a loopback test\n"
     "                   through a cable between two ports, or the simulation\n"
@@ -166,7 +174,11 @@ const std::vector<Command> &commands() {
         {"--timeout", true},
         {"--log", true},
         {"--tx", true},
-        {"--connect", true}},
+        {"--connect", true},
+        {"--filter", true},
+        {"-t", true},
+        {"-a", false},
+        {"-L", false}},
        runDump},
       {"send",
        "send frames given in cansend syntax",

@@ -9,6 +9,17 @@
 
 namespace wcantool {
 
+namespace {
+
+// "-x" or "-xVALUE": a short option, as the Linux CAN tools take them. A
+// lone "-" and negative numbers stay positionals.
+bool isShortOption(const std::string &arg) {
+  return arg.size() >= 2 && arg[0] == '-' && arg[1] != '-' &&
+         std::isalpha(static_cast<unsigned char>(arg[1]));
+}
+
+} // namespace
+
 Args::Args(const std::vector<std::string> &argv, const std::vector<OptionSpec> &options) {
   bool optionsEnded = false;
   for (size_t i = 0; i < argv.size(); ++i) {
@@ -17,11 +28,13 @@ Args::Args(const std::vector<std::string> &argv, const std::vector<OptionSpec> &
       optionsEnded = true;
       continue;
     }
-    if (optionsEnded || arg.size() < 3 || arg.compare(0, 2, "--") != 0) {
+    const bool shortOption = !optionsEnded && isShortOption(arg);
+    if (!shortOption && (optionsEnded || arg.size() < 3 || arg.compare(0, 2, "--") != 0)) {
       positionals_.push_back(arg);
       continue;
     }
-    size_t eq = arg.find('=');
+    // A short option's value may follow it directly ("-tz"); a long one's after '='.
+    size_t eq = shortOption ? (arg.size() > 2 ? 2 : std::string::npos) : arg.find('=');
     std::string name = arg.substr(0, eq);
     auto spec = std::find_if(options.begin(), options.end(),
                              [&](const OptionSpec &o) { return name == o.name; });
@@ -30,7 +43,7 @@ Args::Args(const std::vector<std::string> &argv, const std::vector<OptionSpec> &
     std::string value;
     if (spec->takesValue) {
       if (eq != std::string::npos)
-        value = arg.substr(eq + 1);
+        value = arg.substr(shortOption ? eq : eq + 1);
       else if (i + 1 < argv.size())
         value = argv[++i];
       else

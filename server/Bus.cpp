@@ -73,11 +73,15 @@ std::optional<BusAddress> parseBusName(std::string_view name) {
 Channel::Channel(const Runtime &runtime, DeviceSession &device, unsigned channel, std::string name,
                  ChannelSettings settings, DeliverySink sink)
     : runtime_(runtime), device_(device), channel_(channel), name_(std::move(name)),
-      settings_(settings), sink_(std::move(sink)) {}
+      settings_(settings), sink_(std::move(sink)), clock_(device.type().counterBits) {}
 
 Channel::~Channel() { join(); }
 
 void Channel::start() {
+  {
+    std::lock_guard<std::mutex> lock(clockMutex_);
+    clock_.restart();
+  }
   device_.startChannel(channel_, settings_);
   threads_.emplace_back([this] { readLoop(false); });
   if (device_.type().family == Family::CanFd)
@@ -125,21 +129,38 @@ void Channel::transmit(uint64_t origin, bool cyclic, const std::vector<Frame> &f
 int Channel::receive(bool fdQueue, std::vector<TimedFrame> &out) {
   const WcanApi &api = runtime_.wcan();
   const unsigned type = device_.type().type;
+  std::vector<uint32_t> counters;
+  counters.reserve(kRxBatch);
   int n = 0;
   if (fdQueue) {
     _WCAN_CANFD_OBJ buf[kRxBatch];
     n = api.WCAN_ReceiveFD(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
-    const LogTime now = logTimeNow();
-    for (int i = 0; i < n; ++i)
-      out.push_back({fromCanFdObj(buf[i]), now});
+    for (int i = 0; i < n; ++i) {
+      out.push_back({fromCanFdObj(buf[i]), {}});
+      counters.push_back(buf[i].timeStamp);
+    }
   } else {
     _WCAN_CAN_OBJ buf[kRxBatch];
     n = api.WCAN_Receive(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
-    const LogTime now = logTimeNow();
-    for (int i = 0; i < n; ++i)
-      out.push_back({fromCanObj(buf[i]), now});
+    for (int i = 0; i < n; ++i) {
+      out.push_back({fromCanObj(buf[i]), {}});
+      counters.push_back(buf[i].timeStamp);
+    }
   }
+  stampInOrder(counters, out);
   return n;
+}
+
+// The adapter's time stamps, not the time the reader woke: a batch keeps the
+// spacing the frames had on the bus.
+void Channel::stampInOrder(const std::vector<uint32_t> &counters, std::vector<TimedFrame> &frames) {
+  std::vector<int64_t> times(counters.size());
+  {
+    std::lock_guard<std::mutex> lock(clockMutex_);
+    clock_.toEpochUs(counters.data(), counters.size(), hostEpochUs(), times.data());
+  }
+  for (size_t i = 0; i < times.size(); ++i)
+    frames[frames.size() - times.size() + i].time = logTimeOf(times[i]);
 }
 
 void Channel::pauseAfterFailedWait() {

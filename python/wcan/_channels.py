@@ -23,7 +23,7 @@ from typing import NamedTuple, Optional
 from can import CanOperationError, Message
 
 from . import _adapters, _filters
-from ._clock import BatchStamper, DeviceClock
+from ._clock import DeviceClock
 from ._records import (
     WCAN_CAN_OBJ,
     WCAN_CANFD_OBJ,
@@ -178,17 +178,16 @@ class Subscriber:
         self.ranges = _filters.id_ranges(filters)
 
 
-def received_messages(records, reference, channel_name, is_fd, matches):
-    """can.Message objects for one batch of unpacked records."""
-    last, last_counter, mask = reference
+def received_messages(records, stamps, channel_name, is_fd, matches):
+    """can.Message objects for one batch of unpacked records and their epoch seconds."""
     messages = []
     append = messages.append
-    for can_id, counter, flags, remote, extended, length, payload in records:
+    for (can_id, _, flags, remote, extended, length, payload), stamp in zip(records, stamps):
         if matches is not None and not matches(can_id, extended):
             continue
         append(
             Message(
-                last - ((last_counter - counter) & mask) * 1e-6,
+                stamp,
                 can_id,
                 extended,
                 remote,
@@ -218,7 +217,6 @@ class Adapter:
         self.kind = kind
         self.index = index
         self.name = f"{kind.number}/{index}"
-        self.clock = DeviceClock(kind.counter_bits)
         self.channels_in_use = 0
 
     def open(self):
@@ -244,6 +242,8 @@ class Channel:
         self._readers = []
         self._hardware_ranges = None
         self._ids = (self.kind.number, adapter.index, name.channel)
+        # Both receive queues' readers share it, so their frames share one time line.
+        self.clock = DeviceClock(self.kind.counter_bits)
 
     # -- start and stop ---------------------------------------------------
 
@@ -251,6 +251,7 @@ class Channel:
         lib, (dev_type, index, channel) = self.lib, self._ids
         s = self.settings
         lib.WCAN_ClearBuffer(dev_type, index, channel)
+        self.clock.restart()
         if self.kind.family == _adapters.CLASSIC:
             timing0, timing1 = _adapters.CLASSIC_TIMINGS[s.bitrate]
             config = WCAN_INIT_CONFIG(timing0=timing0, timing1=timing1, mode=int(s.listen_only))
@@ -292,7 +293,7 @@ class Channel:
         buffer = (record_type * BATCH)()
         address = ctypes.addressof(buffer)
         dev_type, index, channel = self._ids
-        stamper = BatchStamper(self.adapter.clock)
+        clock = self.clock
         stopping = self._stop
         while not stopping.is_set():
             asked = time.monotonic()
@@ -302,13 +303,18 @@ class Channel:
                     # The library refused at once instead of waiting.
                     stopping.wait(READ_WAIT_MS / 1000)
                 continue
-            now = time.time()
+            now_us = time.time_ns() // 1000
             try:
                 records = list(layout.iter_unpack(ctypes.string_at(address, count * layout.size)))
-                reference = stamper.reference(records[0][1], records[-1][1], now)
+                stamps = [
+                    us * 1e-6
+                    for us in clock.batch_to_epoch_us([record[1] for record in records], now_us)
+                ]
                 for subscriber in self.subscribers:
                     subscriber.inbox.put(
-                        received_messages(records, reference, self.name, is_fd, subscriber.matches)
+                        received_messages(
+                            records, stamps, self.name, is_fd, subscriber.matches
+                        )
                     )
             except Exception:  # a reader that dies silently would lose every later frame
                 log.exception("%s: frames lost while handing them out", self.name)

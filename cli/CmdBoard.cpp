@@ -5,41 +5,11 @@
 
 #include "cli/Commands.h"
 #include "cli/RecordFields.h"
+#include "common/Adapters.h"
 #include "common/Device.h"
 
 namespace wcantool {
 namespace {
-
-struct UsbContext {
-  const UsbApi &usb;
-  libusb_context *ctx = nullptr;
-
-  explicit UsbContext(const UsbApi &api) : usb(api) {
-    if (usb.init(&ctx) != 0)
-      throw ToolError{"cannot initialise the USB library"};
-  }
-  ~UsbContext() { usb.exit(ctx); }
-  UsbContext(const UsbContext &) = delete;
-  UsbContext &operator=(const UsbContext &) = delete;
-};
-
-struct DeviceList {
-  const UsbApi &usb;
-  libusb_device **list = nullptr;
-  ssize_t count = 0;
-
-  DeviceList(const UsbApi &api, libusb_context *ctx) : usb(api) {
-    count = usb.getDeviceList(ctx, &list);
-    if (count < 0)
-      throw ToolError{"cannot list the USB devices"};
-  }
-  ~DeviceList() {
-    if (list)
-      usb.freeDeviceList(list, 1);
-  }
-  DeviceList(const DeviceList &) = delete;
-  DeviceList &operator=(const DeviceList &) = delete;
-};
 
 std::string joinTypes(const std::vector<unsigned> &types) {
   std::string s;
@@ -64,10 +34,8 @@ struct RecordAction {
   unsigned filterNumber = 0;            // filter-show
 };
 
-unsigned hexIdArg(std::string text, const char *what) {
-  if (text.compare(0, 2, "0x") != 0)
-    text = "0x" + text;
-  return static_cast<unsigned>(parseNumber(text, what, 0, 0x1FFFFFFF));
+unsigned hexIdArg(const std::string &text, const char *what) {
+  return static_cast<unsigned>(parseHex(text, what, 0, 0x1FFFFFFF));
 }
 
 bool isAssignment(const std::string &word) { return word.find('=') != std::string::npos; }
@@ -161,34 +129,19 @@ void runFilterAction(DeviceSession &dev, const WcanApi &api, unsigned ch, Record
 
 int runList(Context &ctx, const Args &args) {
   args.expectPositionals(0, 0);
-  Runtime &rt = ctx.runtime();
-  if (!rt.usb().complete())
-    throw ToolError{"the loaded USB library offers no device list"};
-  UsbContext usb(rt.usb());
-  DeviceList devices(rt.usb(), usb.ctx);
-  // The library counts an adapter's index among the devices with the same
-  // USB ids, in the order of the device list.
-  std::map<std::pair<uint16_t, uint16_t>, unsigned> seen;
-  unsigned found = 0;
-  for (ssize_t i = 0; i < devices.count; ++i) {
-    libusb_device *dev = devices.list[i];
-    libusb_device_descriptor desc{};
-    if (rt.usb().getDeviceDescriptor(dev, &desc) != 0)
-      continue;
-    std::vector<unsigned> types = typesForUsbId(desc.idVendor, desc.idProduct);
-    if (types.empty())
-      continue;
-    unsigned index = seen[{desc.idVendor, desc.idProduct}]++;
-    const DeviceType &t = *findDeviceType(types.front());
-    if (found++ == 0)
-      std::fprintf(out(), "%-9s %-5s %-9s %-7s %-8s %s\n", "TYPE", "INDEX", "USB ID", "BUS/ADR",
-                   "CHANNELS", "FAMILY");
-    std::fprintf(out(), "%-9s %-5u %04x:%04x %03u/%03u %-8u %s\n", joinTypes(types).c_str(), index,
-                 desc.idVendor, desc.idProduct, rt.usb().getBusNumber(dev),
-                 rt.usb().getDeviceAddress(dev), t.channels, familyName(t.family));
-  }
-  if (found == 0)
+  const std::vector<AttachedAdapter> adapters = attachedAdapters(ctx.runtime());
+  if (adapters.empty()) {
     std::fprintf(out(), "no supported adapter attached\n");
+    return kExitOk;
+  }
+  std::fprintf(out(), "%-9s %-5s %-9s %-7s %-8s %s\n", "TYPE", "INDEX", "USB ID", "BUS/ADR",
+               "CHANNELS", "FAMILY");
+  for (const AttachedAdapter &a : adapters) {
+    const DeviceType &t = *findDeviceType(a.types.front());
+    std::fprintf(out(), "%-9s %-5u %04x:%04x %03u/%03u %-8u %s\n", joinTypes(a.types).c_str(),
+                 a.index, a.vendorId, a.productId, a.busNumber, a.address, t.channels,
+                 familyName(t.family));
+  }
   return kExitOk;
 }
 

@@ -266,8 +266,8 @@ int sendRemote(const Args &args, const RemoteBus &remote) {
   if (!errors.empty())
     throw ToolError{std::to_string(errors.size()) + " of " + std::to_string(frames.size()) +
                     " frames not sent on " + client.describe() + ": " + errors.front()};
-  std::fprintf(stderr, "wcan send: %zu frame%s sent on %s\n", frames.size(),
-               frames.size() == 1 ? "" : "s", client.describe().c_str());
+  note("wcan send: %zu frame%s sent on %s\n", frames.size(), frames.size() == 1 ? "" : "s",
+       client.describe().c_str());
   return kExitOk;
 }
 
@@ -320,8 +320,8 @@ int runSend(Context &ctx, const Args &args) {
   if (sent < frames.size())
     device.fail("sending frame " + std::to_string(sent + 1) + " (" + formatFrame(frames[sent]) +
                 ")");
-  std::fprintf(stderr, "wcan send: %zu frame%s sent on adapter %s channel %u\n", sent,
-               sent == 1 ? "" : "s", device.name().c_str(), target.channel);
+  note("wcan send: %zu frame%s sent on adapter %s channel %u\n", sent, sent == 1 ? "" : "s",
+       device.name().c_str(), target.channel);
   return kExitOk;
 }
 
@@ -391,7 +391,7 @@ struct GenOutlet {
 
 int generate(const GenPlan &plan, const GenOutlet &outlet) {
   FrameGenerator generator(plan.spec, std::random_device{}());
-  const bool live = isatty(STDERR_FILENO) != 0;
+  const bool live = !quiet() && isatty(STDERR_FILENO) != 0;
   const size_t maxBatch = 64;
   GenProgress progress;
   auto lastShown = Clock::now();

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // wcan: command line front end of the library, for real or simulated adapters.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,12 +9,13 @@
 
 #include "cli/Commands.h"
 #include "cli/RecordFields.h"
+#include "common/DeviceTypes.h"
 
 namespace wcantool {
 namespace {
 
 const char kProgramUsage[] =
-    "usage: wcan [--sim SPEC] COMMAND [ARGS...]\n"
+    "usage: wcan [-q|-v] [--sim SPEC] COMMAND [ARGS...]\n"
     "       wcan --version\n"
     "\n"
     "Commands:\n"
@@ -23,6 +25,10 @@ const char kProgramUsage[] =
     "variable WCAN_SIM is set, simulated adapters are used instead: SPEC is a\n"
     "comma-separated list of device types, e.g. --sim 41,4,61. In a simulated\n"
     "adapter, channel 0 is cabled to channel 1 (and 2 to 3, ...).\n"
+    "\n"
+    "The library's own log lines are shown only when they are warnings or\n"
+    "errors, on standard error. -v shows all of them; -q shows none and no\n"
+    "progress either: only the command's output and its errors.\n"
     "\n"
     "Run 'wcan COMMAND --help' for the arguments of a command.\n";
 
@@ -236,6 +242,45 @@ const Command *findCommand(const std::string &name) {
   return nullptr;
 }
 
+// -q and -v wherever they stand before "--"; the last one counts.
+Verbosity takeVerbosity(std::vector<std::string> &argv) {
+  Verbosity v = Verbosity::Normal;
+  for (size_t i = 0; i < argv.size() && argv[i] != "--";) {
+    if (argv[i] == "-q" || argv[i] == "-v" || argv[i] == "--verbose") {
+      v = argv[i] == "-q" ? Verbosity::Quiet : Verbosity::Verbose;
+      argv.erase(argv.begin() + static_cast<long>(i));
+    } else {
+      ++i;
+    }
+  }
+  return v;
+}
+
+// The simulated adapters are device type numbers; anything else would be
+// ignored by the simulation and leave the user with no adapter.
+void checkSimSpec(const std::string &spec, const char *source) {
+  if (spec.empty())
+    return; // the simulation without adapters
+  size_t pos = 0;
+  while (pos <= spec.size()) {
+    const size_t comma = std::min(spec.find(',', pos), spec.size());
+    const std::string item = spec.substr(pos, comma - pos);
+    const bool digits = !item.empty() && item.size() < 10 &&
+                        item.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits || !findDeviceType(static_cast<unsigned>(std::stoul(item))))
+      throw UsageError{std::string(source) + " names " +
+                       (item.empty() ? std::string("an empty item") : "'" + item + "'") +
+                       ", which is no device type; the types are " + supportedTypesText()};
+    pos = comma + 1;
+  }
+}
+
+int usageError(const std::string &who, const std::string &message, const std::string &helpCall) {
+  std::fprintf(stderr, "%s: %s\nRun '%s' for its usage.\n", who.c_str(), message.c_str(),
+               helpCall.c_str());
+  return kExitUsage;
+}
+
 bool wantsHelp(const std::vector<std::string> &args) {
   for (const std::string &a : args) {
     if (a == "--")
@@ -260,12 +305,13 @@ std::string formatUsage(const Command &cmd) {
 
 int runMain(std::vector<std::string> argv) {
   std::optional<std::string> sim;
+  const Verbosity verbosity = takeVerbosity(argv);
   try {
     sim = takeSimOption(argv);
+    if (sim)
+      checkSimSpec(*sim, "--sim");
   } catch (const UsageError &e) {
-    std::fprintf(stderr, "wcan: %s\n", e.message.c_str());
-    printProgramUsage(stderr);
-    return kExitUsage;
+    return usageError("wcan", e.message, "wcan --help");
   }
   if (argv.empty()) {
     printProgramUsage(stderr);
@@ -284,30 +330,32 @@ int runMain(std::vector<std::string> argv) {
     return kExitOk;
   }
   const Command *cmd = findCommand(argv[0]);
-  if (!cmd) {
-    std::fprintf(stderr, "wcan: unknown command '%s'\n", argv[0].c_str());
-    printProgramUsage(stderr);
-    return kExitUsage;
-  }
+  if (!cmd)
+    return usageError("wcan", "unknown command '" + argv[0] + "'", "wcan --help");
   std::vector<std::string> rest(argv.begin() + 1, argv.end());
   if (wantsHelp(rest)) {
     std::fputs(formatUsage(*cmd).c_str(), out());
     return kExitOk;
   }
+  const std::string name = std::string("wcan ") + cmd->name;
   if (!sim) {
     if (const char *env = std::getenv("WCAN_SIM"))
       sim = std::string(env);
+    try {
+      if (sim)
+        checkSimSpec(*sim, "WCAN_SIM");
+    } catch (const UsageError &e) {
+      return usageError("wcan", e.message, "wcan --help");
+    }
   }
-  separateLibraryLog();
+  separateLibraryLog(verbosity);
   Context ctx(sim);
   try {
     Args args(rest, cmd->options);
     installStopHandler();
     return cmd->run(ctx, args);
   } catch (const UsageError &e) {
-    std::fprintf(stderr, "wcan %s: %s\n\n%s", cmd->name, e.message.c_str(),
-                 formatUsage(*cmd).c_str());
-    return kExitUsage;
+    return usageError(name, e.message, name + " --help");
   } catch (const ToolError &e) {
     std::fflush(out());
     std::fprintf(stderr, "wcan %s: %s\n", cmd->name, e.message.c_str());

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <iterator>
 
@@ -77,21 +78,49 @@ std::vector<std::string> Args::values(const std::string &name) const {
   return out;
 }
 
-unsigned long long parseNumber(std::string_view text, const char *what, unsigned long long min,
-                               unsigned long long max) {
+namespace {
+
+bool hexPrefixed(std::string_view text) {
+  return text.size() > 1 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+}
+
+// Limits are echoed in the base the user wrote the number in.
+std::string inBase(unsigned long long v, bool hex, const char *prefix) {
+  if (!hex)
+    return std::to_string(v);
+  char text[24];
+  std::snprintf(text, sizeof text, "%s%llX", prefix, v);
+  return text;
+}
+
+unsigned long long parseInBase(std::string_view text, const char *what, unsigned long long min,
+                               unsigned long long max, int base, const char *prefix) {
   std::string s(text);
   bool digitsOnly = !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
     return std::isxdigit(static_cast<unsigned char>(c)) || c == 'x' || c == 'X';
   });
   char *end = nullptr;
   errno = 0;
-  unsigned long long v = digitsOnly ? std::strtoull(s.c_str(), &end, 0) : 0;
+  unsigned long long v = digitsOnly ? std::strtoull(s.c_str(), &end, base) : 0;
   if (!digitsOnly || errno != 0 || end == s.c_str() || *end != '\0')
     throw UsageError{std::string(what) + " must be a number, not '" + s + "'"};
+  const bool hex = base == 16 || hexPrefixed(text);
   if (v < min || v > max)
-    throw UsageError{std::string(what) + " must be between " + std::to_string(min) + " and " +
-                     std::to_string(max) + ", not " + s};
+    throw UsageError{std::string(what) + " must be between " + inBase(min, hex, prefix) + " and " +
+                     inBase(max, hex, prefix) + ", not " + s};
   return v;
+}
+
+} // namespace
+
+unsigned long long parseNumber(std::string_view text, const char *what, unsigned long long min,
+                               unsigned long long max) {
+  return parseInBase(text, what, min, max, 0, "0x");
+}
+
+unsigned long long parseHex(std::string_view text, const char *what, unsigned long long min,
+                            unsigned long long max) {
+  return parseInBase(text, what, min, max, 16, "");
 }
 
 unsigned parseUnsigned(std::string_view text, const char *what, unsigned min, unsigned max) {

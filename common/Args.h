@@ -51,6 +51,9 @@ private:
 unsigned long long parseNumber(std::string_view text, const char *what, unsigned long long min,
                                unsigned long long max);
 unsigned parseUnsigned(std::string_view text, const char *what, unsigned min, unsigned max);
+// Hexadecimal with or without 0x, as CAN ids are written.
+unsigned long long parseHex(std::string_view text, const char *what, unsigned long long min,
+                            unsigned long long max);
 
 // Removes "--sim LIST" / "--sim=LIST" wherever it stands; returns the adapter list.
 std::optional<std::string> takeSimOption(std::vector<std::string> &argv);

@@ -34,7 +34,7 @@ const DeviceType &checkedDeviceType(unsigned type) {
   const DeviceType *t = findDeviceType(type);
   if (!t)
     throw UsageError{"unsupported device type " + std::to_string(type) +
-                     " (supported: 41 42 43 64 65 66 67, 3 4, 61 62)"};
+                     " (supported: " + supportedTypesText() + ")"};
   return *t;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <tuple>
 
+#include "common/Adapters.h"
 #include "common/Args.h"
 #include "net/Protocol.h"
 
@@ -270,7 +271,8 @@ std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string
   const std::optional<BusAddress> bus = parseBusName(busName);
   const DeviceType *type = bus ? findDeviceType(bus->type) : nullptr;
   if (!type) {
-    why = "'" + busName + "' names no bus: buses are wcan<TYPE>-<INDEX>-<CHANNEL>";
+    why = "'" + busName + "' names no bus (wcan41-0-1 is type 41, index 0, channel 1); " +
+          busesOnOffer();
     return nullptr;
   }
   const AdapterKey key{type->vendorId, type->productId, bus->index};
@@ -294,7 +296,17 @@ std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string
   } catch (const UsageError &e) {
     why = e.message;
   }
+  why += "; " + busesOnOffer();
   return nullptr;
+}
+
+// What a client that named a bus the server cannot open may use instead.
+std::string BusHub::busesOnOffer() const {
+  try {
+    return "this server has " + attachedBusNames(runtime_);
+  } catch (const ToolError &e) {
+    return "the attached adapters are unknown: " + e.message;
+  }
 }
 
 BusHub::OpenAdapter &BusHub::openAdapter(const AdapterKey &key, const DeviceType &type,

@@ -155,6 +155,7 @@ private:
 
   OpenAdapter &openAdapter(const AdapterKey &key, const DeviceType &type, unsigned index);
   void closeAdapter(const AdapterKey &key);
+  std::string busesOnOffer() const;
   std::shared_ptr<Channel> startChannel(OpenAdapter &adapter, const BusAddress &bus,
                                         const std::string &busName);
 

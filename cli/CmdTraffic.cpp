@@ -91,20 +91,27 @@ long msSince(Clock::time_point t) {
       std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
 }
 
-// Starts the --tx channels like the dumped one and sends their frames.
+// Starts the --tx channels like the dumped one and sends their frames, each
+// run of frames for one channel in one call so that they follow each other
+// on the bus.
 void sendLoopbackFrames(DeviceSession &device, unsigned dumpChannel,
                         const std::vector<TxRequest> &requests, ChannelSettings settings) {
   if (std::any_of(requests.begin(), requests.end(), [](const TxRequest &r) { return r.frame.fd; }))
     settings.fd = true;
   settings.listenOnly = false;
   std::vector<unsigned> started{dumpChannel};
-  for (const TxRequest &r : requests) {
-    if (std::find(started.begin(), started.end(), r.channel) == started.end()) {
-      device.startChannel(r.channel, settings);
-      started.push_back(r.channel);
+  for (size_t i = 0; i < requests.size();) {
+    const unsigned channel = requests[i].channel;
+    if (std::find(started.begin(), started.end(), channel) == started.end()) {
+      device.startChannel(channel, settings);
+      started.push_back(channel);
     }
-    if (device.send(r.channel, {r.frame}) != 1)
-      device.fail("sending " + formatFrame(r.frame) + " on channel " + std::to_string(r.channel));
+    std::vector<Frame> run;
+    for (; i < requests.size() && requests[i].channel == channel; ++i)
+      run.push_back(requests[i].frame);
+    const size_t sent = device.send(channel, run);
+    if (sent != run.size())
+      device.fail("sending " + formatFrame(run[sent]) + " on channel " + std::to_string(channel));
   }
 }
 

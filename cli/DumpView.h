@@ -15,9 +15,11 @@
 namespace wcantool {
 
 // candump's "ID:MASK" (passes when the ids agree under the mask) and
-// "ID~MASK" (passes when they do not). Ids compare as SocketCAN's can_id:
-// an id written with 8 hex digits carries the extended-frame flag, so
-// "123:7FF" passes only standard id 0x123 unless the mask leaves that flag out.
+// "ID~MASK" (passes when they do not). Ids compare as SocketCAN's can_id,
+// flags included: an id written with 8 hex digits carries the extended-frame
+// flag (0x80000000), which counts only where the mask has it, so "123:7FF"
+// passes extended ids ending in 0x123 too and "123:C00007FF" only the
+// standard data frame.
 struct IdFilter {
   uint32_t id = 0;
   uint32_t mask = 0;

@@ -18,17 +18,17 @@ void DeviceClock::anchor(uint64_t counter, int64_t hostNowUs) {
 
 // Behind by less than a restart's margin, while the host saw too little time
 // pass for the counter to have come round again.
-bool DeviceClock::behindLast(uint64_t counter, int64_t hostNowUs) const {
+int64_t DeviceClock::behindLast(uint64_t counter, int64_t hostNowUs) const {
   const int64_t behind = static_cast<int64_t>((lastCounter_ - counter) & mask_);
   const int64_t halfSpan = static_cast<int64_t>(mask_ / 2);
-  return behind > 0 && behind <= std::min(kRestartUs, halfSpan) &&
-         hostNowUs - lastHostUs_ < halfSpan;
+  const bool late = behind <= std::min(kRestartUs, halfSpan) && hostNowUs - lastHostUs_ < halfSpan;
+  return late ? behind : 0;
 }
 
 int64_t DeviceClock::toEpochUs(uint32_t rawCounter, int64_t hostNowUs) {
   const uint64_t counter = rawCounter & mask_;
-  if (anchored_ && behindLast(counter, hostNowUs))
-    return lastEpochUs_;
+  if (const int64_t behind = anchored_ ? behindLast(counter, hostNowUs) : 0)
+    return originUs_ + lastExtended_ - behind;
   if (!anchored_) {
     anchor(counter, hostNowUs);
   } else {

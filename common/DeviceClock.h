@@ -12,9 +12,10 @@
 // A frame can never arrive before it happened: one that would moves the
 // anchor earlier (it arrived faster than the first one did). One that would
 // lie far in the future means the counter restarted, and the clock anchors
-// again. The times handed out never run backwards: a frame a little behind
-// the last one (from the adapter's other receive queue, handed over later)
-// takes the last time handed out and leaves the clock as it was.
+// again. The times handed out never run backwards, with one exception: a
+// frame a little behind the last one (from the adapter's other receive queue,
+// handed over later) gets the time its counter says and leaves the clock as
+// it was; whoever merges the queues puts it in its place.
 #pragma once
 
 #include <climits>
@@ -49,7 +50,8 @@ public:
 
 private:
   void anchor(uint64_t counter, int64_t hostNowUs);
-  bool behindLast(uint64_t counter, int64_t hostNowUs) const;
+  // How far a counter lies behind the last one; 0 when it does not.
+  int64_t behindLast(uint64_t counter, int64_t hostNowUs) const;
 
   unsigned bits_;
   uint64_t mask_;

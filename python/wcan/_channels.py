@@ -89,8 +89,9 @@ class Inbox:
     """The frames waiting for one Bus; a closed inbox wakes and refuses readers.
 
     The reader threads of a channel's two queues hand over their batches
-    independently, so a frame may follow one of the other kind that was on
-    the bus after it. It then takes that frame's time stamp: the time stamps
+    independently, so a frame may arrive after one of the other kind that was
+    on the bus after it. It takes its place among the frames still waiting;
+    behind one already read it takes that frame's time stamp: the time stamps
     of a Bus never run backwards, which log writers rely on.
     """
 
@@ -102,7 +103,7 @@ class Inbox:
         self.closed = False
         self._ready = threading.Condition(threading.Lock())
         self._waiting = 0
-        self._last_stamp = 0.0
+        self._last_taken = 0.0
 
     def put(self, messages):
         if not messages:
@@ -114,16 +115,24 @@ class Inbox:
                 messages = messages[:room]
             else:
                 self._dropping = False
-            last = self._last_stamp
-            for msg in messages:  # a batch is in order: only its head can lie behind
-                if msg.timestamp >= last:
-                    break
-                msg.timestamp = last
-            if messages:
-                self._last_stamp = max(last, messages[-1].timestamp)
-            self.frames.extend(messages)
+            frames = self.frames
+            for msg in messages:
+                if msg.timestamp < self._last_taken:
+                    msg.timestamp = self._last_taken
+                if not frames or frames[-1].timestamp <= msg.timestamp:
+                    frames.append(msg)
+                else:
+                    self._insert(msg)
             if self._waiting:
                 self._ready.notify()
+
+    def _insert(self, msg):
+        """Puts a frame that lies behind the last waiting one in its place."""
+        frames = self.frames
+        place = len(frames) - 1
+        while place > 0 and frames[place - 1].timestamp > msg.timestamp:
+            place -= 1
+        frames.insert(place, msg)
 
     def _drop(self, count):
         if not self._dropping:
@@ -135,22 +144,18 @@ class Inbox:
         """The oldest frame; None after `timeout` seconds (None waits without limit)."""
         if self.closed:
             raise CanOperationError("the bus is shut down")
-        try:
-            return self.frames.popleft()
-        except IndexError:
-            if timeout is not None and timeout <= 0:
-                return None
         deadline = None if timeout is None else time.monotonic() + timeout
+        # Under the lock: put() may be inserting behind the head.
         with self._ready:
             self._waiting += 1
             try:
                 while True:
                     if self.closed:
                         raise CanOperationError("the bus was shut down while receiving")
-                    try:
-                        return self.frames.popleft()
-                    except IndexError:
-                        pass
+                    if self.frames:
+                        msg = self.frames.popleft()
+                        self._last_taken = msg.timestamp
+                        return msg
                     left = None if deadline is None else deadline - time.monotonic()
                     if left is not None and left <= 0:
                         return None

@@ -12,9 +12,10 @@ is the adapter's, to the microsecond.
 
 A frame can never arrive before it happened: one that would moves the anchor
 earlier. One that would lie far in the future means the counter restarted, and
-the clock anchors again. The times handed out never run backwards: a frame a
-little behind the last one (from the adapter's other receive queue, handed
-over later) takes the last time handed out and leaves the clock as it was.
+the clock anchors again. The times handed out never run backwards, with one
+exception: a frame a little behind the last one (from the adapter's other
+receive queue, handed over later) gets the time its counter says and leaves
+the clock as it was; the Inbox puts it in its place.
 """
 
 import threading
@@ -48,8 +49,9 @@ class DeviceClock:
         """Epoch microseconds of a frame stamped `counter` received at `host_us`."""
         counter &= self.mask
         with self._lock:
-            if self._anchored and self._behind_last(counter, host_us):
-                return self._last_epoch
+            behind = self._behind_last(counter, host_us) if self._anchored else 0
+            if behind:
+                return self._origin + self._last_extended - behind
             if not self._anchored:
                 self._anchor(counter, host_us)
             else:
@@ -78,10 +80,11 @@ class DeviceClock:
         self._last_extended = counter
 
     def _behind_last(self, counter, host_us):
+        """How far `counter` lies behind the last one; 0 when it does not."""
         behind = (self._last_counter - counter) & self.mask
         half_span = self.mask // 2
-        return (0 < behind <= min(RESTART_US, half_span)
-                and host_us - self._last_host < half_span)
+        late = behind <= min(RESTART_US, half_span) and host_us - self._last_host < half_span
+        return behind if late else 0
 
     def _advance(self, counter, host_us):
         span = self.mask + 1

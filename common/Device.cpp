@@ -84,7 +84,7 @@ void DeviceSession::fail(const std::string &what) const {
 
 void DeviceSession::startChannel(unsigned channel, const ChannelSettings &settings) {
   checkChannelUse(type_, channel, settings);
-  clocks_.insert_or_assign(channel, DeviceClock(type_.counterBits));
+  clocks_.insert_or_assign(channel, ChannelClock{DeviceClock(type_.counterBits), 0});
   if (type_.family == Family::Classic)
     startClassic(channel, settings);
   else
@@ -187,15 +187,18 @@ size_t DeviceSession::receive(unsigned channel, std::vector<RxFrame> &out, int w
 
 // Every frame was on the bus by now, the time the clock anchors against.
 void DeviceSession::stampInOrder(unsigned channel, std::vector<RxFrame> &frames) {
-  DeviceClock &clock = clocks_.try_emplace(channel, type_.counterBits).first->second;
+  ChannelClock &clock =
+      clocks_.try_emplace(channel, ChannelClock{DeviceClock(type_.counterBits), 0}).first->second;
   std::vector<uint32_t> counters;
   counters.reserve(frames.size());
   for (const RxFrame &rx : frames)
     counters.push_back(rx.deviceTime);
   std::vector<int64_t> times(frames.size());
-  clock.toEpochUs(counters.data(), counters.size(), hostEpochUs(), times.data());
-  for (size_t i = 0; i < frames.size(); ++i)
-    frames[i].epochUs = times[i];
+  clock.clock.toEpochUs(counters.data(), counters.size(), hostEpochUs(), times.data());
+  for (size_t i = 0; i < frames.size(); ++i) {
+    clock.lastUs = std::max(clock.lastUs, times[i]);
+    frames[i].epochUs = clock.lastUs;
+  }
 }
 
 bool DeviceSession::boardInfo(_WCAN_BOARD_INFO &info) {

@@ -81,7 +81,13 @@ private:
   const WcanApi &api_;
   const DeviceType &type_;
   unsigned index_;
-  std::map<unsigned, DeviceClock> clocks_;
+  // A channel's clock, and the last time it handed out: a frame of the other
+  // queue handed over after later ones were returned takes that time.
+  struct ChannelClock {
+    DeviceClock clock;
+    int64_t lastUs = 0;
+  };
+  std::map<unsigned, ChannelClock> clocks_;
 };
 
 // Board information as "key: value" lines for `info` and the demo.

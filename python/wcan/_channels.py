@@ -119,18 +119,19 @@ class Inbox:
             for msg in messages:
                 if msg.timestamp < self._last_taken:
                     msg.timestamp = self._last_taken
-                if not frames or frames[-1].timestamp <= msg.timestamp:
-                    frames.append(msg)
-                else:
-                    self._insert(msg)
+                self._insert(msg)
             if self._waiting:
                 self._ready.notify()
 
     def _insert(self, msg):
-        """Puts a frame that lies behind the last waiting one in its place."""
+        """Puts a frame that lies behind the last waiting one in its place,
+        never before a frame of its own queue, which the adapter sent first."""
         frames = self.frames
-        place = len(frames) - 1
+        place = len(frames)
         while place > 0 and frames[place - 1].timestamp > msg.timestamp:
+            if frames[place - 1].is_fd == msg.is_fd:
+                msg.timestamp = frames[place - 1].timestamp
+                break
             place -= 1
         frames.insert(place, msg)
 

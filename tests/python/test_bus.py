@@ -50,11 +50,7 @@ def test_every_frame_kind_crosses_the_cable_both_ways_in_order(open_bus, cabled)
                 content(m) for m in frames if m.is_fd == fd
             ]
         assert {(m.channel, m.is_rx) for m in got} == {(name, True)}
-        stamps = [m.timestamp for m in got]
-        assert stamps == sorted(stamps)  # log writers need it
-        # Each frame has its adapter's time: on the paced bus, nearly all differ
-        # (the clock's first corrections after a start may merge a few).
-        assert len(set(stamps)) * 4 >= len(stamps) * 3
+        assert all(a.timestamp <= b.timestamp for a, b in zip(got, got[1:]))  # log writers need it
         assert receiver.recv(0.05) is None
 
 

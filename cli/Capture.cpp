@@ -24,10 +24,6 @@ constexpr int64_t kReorderUs = 100000;
 // With several channels no single channel may hold up the others for long.
 constexpr int kChannelWaitMs = 2;
 
-int64_t toEpochUs(LogTime t) {
-  return static_cast<int64_t>(t.seconds) * 1000000 + static_cast<int64_t>(t.micros);
-}
-
 std::string adapterDescription(DeviceSession &device, unsigned channel,
                                const ChannelSettings &settings) {
   std::string text = bitRateText(settings.bitRate);
@@ -63,7 +59,6 @@ LocalCapture::LocalCapture(const Runtime &runtime, unsigned type, unsigned index
     : device_(runtime, type, index), channels_(channels) {
   for (unsigned channel : channels_) {
     device_.startChannel(channel, settings);
-    clocks_.emplace_back(device_.type().counterBits);
     interfaces_.push_back(
         {interfaceName(type, index, channel), adapterDescription(device_, channel, settings)});
   }
@@ -92,9 +87,7 @@ void LocalCapture::receive(std::vector<CapturedFrame> &out, int waitMs) {
     scratch_.clear();
     device_.receive(channels_[i], scratch_, wait);
     for (const RxFrame &rx : scratch_)
-      out.push_back({static_cast<uint32_t>(i),
-                     clocks_[i].toEpochUs(rx.deviceTime, toEpochUs(rx.hostTime)), rx.frame,
-                     capture::Direction::Inbound});
+      out.push_back({static_cast<uint32_t>(i), rx.epochUs, rx.frame, capture::Direction::Inbound});
   }
 }
 
@@ -116,7 +109,7 @@ void RemoteCapture::receive(std::vector<CapturedFrame> &out, int waitMs) {
       if (!rx)
         break;
       out.push_back(
-          {static_cast<uint32_t>(i), toEpochUs(rx->time), rx->frame, capture::Direction::Inbound});
+          {static_cast<uint32_t>(i), epochUsOf(rx->time), rx->frame, capture::Direction::Inbound});
     }
   }
 }

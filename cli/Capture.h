@@ -50,7 +50,6 @@ public:
 private:
   DeviceSession device_;
   std::vector<unsigned> channels_;
-  std::vector<DeviceClock> clocks_;
   std::vector<CapturedFrame> sent_;
   std::vector<RxFrame> scratch_;
 };

@@ -10,6 +10,7 @@
 
 #include "cli/Capture.h"
 #include "cli/Commands.h"
+#include "common/Adapters.h"
 #include "net/Protocol.h"
 
 namespace wcantool {
@@ -63,12 +64,13 @@ void printInterfaces(Context &ctx) {
     std::fprintf(stderr, "wcan-extcap: %s\n", e.message.c_str());
   }
   for (const AttachedAdapter &a : adapters) {
-    if (a.type.family == Family::Recorder)
+    const DeviceType &type = *a.type;
+    if (type.family == Family::Recorder)
       continue; // records by itself, carries no traffic for the host
-    for (unsigned ch = 0; ch < a.type.channels; ++ch)
+    for (unsigned ch = 0; ch < type.channels; ++ch)
       std::printf("interface {value=%s}{display=wcan %s %u/%u channel %u}\n",
-                  interfaceName(a.type.type, a.index, ch).c_str(), familyName(a.type.family),
-                  a.type.type, a.index, ch);
+                  interfaceName(type.type, a.index, ch).c_str(), familyName(type.family), type.type,
+                  a.index, ch);
   }
 }
 
@@ -167,7 +169,7 @@ int runExtcap(std::vector<std::string> argv) {
   for (std::string &a : argv)
     if (a == "--extcap-version")
       a = "--extcap-version=";
-  separateLibraryLog();
+  separateLibraryLog(Verbosity::Normal);
   std::optional<std::string> sim;
   if (const char *env = std::getenv("WCAN_SIM"))
     sim = std::string(env);

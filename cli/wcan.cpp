@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // wcan: command line front end of the library, for real or simulated adapters.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,12 +10,13 @@
 #include "cli/Commands.h"
 #include "cli/LiveFeed.h"
 #include "cli/RecordFields.h"
+#include "common/DeviceTypes.h"
 
 namespace wcantool {
 namespace {
 
 const char kProgramUsage[] =
-    "usage: wcan [--sim SPEC] COMMAND [ARGS...]\n"
+    "usage: wcan [-q|-v] [--sim SPEC] COMMAND [ARGS...]\n"
     "       wcan --version\n"
     "\n"
     "Commands:\n"
@@ -24,6 +26,10 @@ const char kProgramUsage[] =
     "variable WCAN_SIM is set, simulated adapters are used instead: SPEC is a\n"
     "comma-separated list of device types, e.g. --sim 41,4,61. In a simulated\n"
     "adapter, channel 0 is cabled to channel 1 (and 2 to 3, ...).\n"
+    "\n"
+    "The library's own log lines are shown only when they are warnings or\n"
+    "errors, on standard error. -v shows all of them; -q shows none and no\n"
+    "progress either: only the command's output and its errors.\n"
     "\n"
     "Run 'wcan COMMAND --help' for the arguments of a command.\n";
 
@@ -43,8 +49,9 @@ const char kDumpUsage[] =
     "\n"
     "Initialises and starts a channel and prints every received frame as a\n"
     "candump -L log line, e.g. (1700000000.123456) wcan41-0-1 123#DEADBEEF,\n"
-    "until Ctrl-C, --count or --timeout ends it. With --connect the frames\n"
-    "come from bus BUS (e.g. wcan41-0-1) of a 'wcan serve' server (port 29536\n"
+    "until Ctrl-C, --count or --timeout ends it. Each frame carries the\n"
+    "adapter's own time stamp as host time. With --connect the frames come\n"
+    "from bus BUS (e.g. wcan41-0-1) of a 'wcan serve' server (port 29536\n"
     "unless given), with the server's time stamps and channel settings.\n"
     "\n"
     "Options:\n"
@@ -55,10 +62,18 @@ const char kDumpUsage[] =
     "  --count N        stop after N frames\n"
     "  --timeout MS     stop when no frame arrived for MS milliseconds; the exit\n"
     "                   status is 1 if --count frames had not arrived by then\n"
-    "  --log FILE       also write the lines to FILE\n"
+    "  --log FILE       also write the frames to FILE as log lines\n"
+    "  --filter ID:MASK show only frames whose id agrees with ID under MASK\n"
+    "                   (hex; ID~MASK: that disagrees; 8 digits: extended id);\n"
+    "                   repeatable, a frame passing any filter is shown\n"
+    "  -t a|d|z|A       human-readable lines with absolute, delta, relative to\n"
+    "                   the first frame, or date-and-time stamps\n"
+    "  -a               human-readable lines with an ASCII column\n"
+    "  -L               log lines (the default)\n"
     "  --dbc FILE       decode the frames with the DBC file FILE: the signals of a\n"
-    "                   known message follow its line, indented, on standard\n"
-    "                   output only (the --log file stays a candump log)\n"
+    "                   known message follow its line, indented; under log lines\n"
+    "                   on standard error, so that standard output and the --log\n"
+    "                   file stay candump logs\n"
     "  --tx CH:FRAME    once the channel runs, start channel CH of the same adapter\n"
     "                   alike and send FRAME on it (repeatable): a loopback test\n"
     "                   through a cable between two ports, or the simulation\n"
@@ -258,7 +273,11 @@ const std::vector<Command> &commands() {
         {"-w", true},
         {"--format", true},
         {"-C", true},
-        {"-G", true}},
+        {"-G", true},
+        {"--filter", true},
+        {"-t", true},
+        {"-a", false},
+        {"-L", false}},
        runDump},
       {"play",
        "replay a candump log or pcapng capture",
@@ -338,6 +357,45 @@ const Command *findCommand(const std::string &name) {
   return nullptr;
 }
 
+// -q and -v wherever they stand before "--"; the last one counts.
+Verbosity takeVerbosity(std::vector<std::string> &argv) {
+  Verbosity v = Verbosity::Normal;
+  for (size_t i = 0; i < argv.size() && argv[i] != "--";) {
+    if (argv[i] == "-q" || argv[i] == "-v" || argv[i] == "--verbose") {
+      v = argv[i] == "-q" ? Verbosity::Quiet : Verbosity::Verbose;
+      argv.erase(argv.begin() + static_cast<long>(i));
+    } else {
+      ++i;
+    }
+  }
+  return v;
+}
+
+// The simulated adapters are device type numbers; anything else would be
+// ignored by the simulation and leave the user with no adapter.
+void checkSimSpec(const std::string &spec, const char *source) {
+  if (spec.empty())
+    return; // the simulation without adapters
+  size_t pos = 0;
+  while (pos <= spec.size()) {
+    const size_t comma = std::min(spec.find(',', pos), spec.size());
+    const std::string item = spec.substr(pos, comma - pos);
+    const bool digits = !item.empty() && item.size() < 10 &&
+                        item.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits || !findDeviceType(static_cast<unsigned>(std::stoul(item))))
+      throw UsageError{std::string(source) + " names " +
+                       (item.empty() ? std::string("an empty item") : "'" + item + "'") +
+                       ", which is no device type; the types are " + supportedTypesText()};
+    pos = comma + 1;
+  }
+}
+
+int usageError(const std::string &who, const std::string &message, const std::string &helpCall) {
+  std::fprintf(stderr, "%s: %s\nRun '%s' for its usage.\n", who.c_str(), message.c_str(),
+               helpCall.c_str());
+  return kExitUsage;
+}
+
 bool wantsHelp(const std::vector<std::string> &args) {
   for (const std::string &a : args) {
     if (a == "--")
@@ -362,12 +420,13 @@ std::string formatUsage(const Command &cmd) {
 
 int runMain(std::vector<std::string> argv) {
   std::optional<std::string> sim;
+  const Verbosity verbosity = takeVerbosity(argv);
   try {
     sim = takeSimOption(argv);
+    if (sim)
+      checkSimSpec(*sim, "--sim");
   } catch (const UsageError &e) {
-    std::fprintf(stderr, "wcan: %s\n", e.message.c_str());
-    printProgramUsage(stderr);
-    return kExitUsage;
+    return usageError("wcan", e.message, "wcan --help");
   }
   if (argv.empty()) {
     printProgramUsage(stderr);
@@ -386,30 +445,32 @@ int runMain(std::vector<std::string> argv) {
     return kExitOk;
   }
   const Command *cmd = findCommand(argv[0]);
-  if (!cmd) {
-    std::fprintf(stderr, "wcan: unknown command '%s'\n", argv[0].c_str());
-    printProgramUsage(stderr);
-    return kExitUsage;
-  }
+  if (!cmd)
+    return usageError("wcan", "unknown command '" + argv[0] + "'", "wcan --help");
   std::vector<std::string> rest(argv.begin() + 1, argv.end());
   if (wantsHelp(rest)) {
     std::fputs(formatUsage(*cmd).c_str(), out());
     return kExitOk;
   }
+  const std::string name = std::string("wcan ") + cmd->name;
   if (!sim) {
     if (const char *env = std::getenv("WCAN_SIM"))
       sim = std::string(env);
+    try {
+      if (sim)
+        checkSimSpec(*sim, "WCAN_SIM");
+    } catch (const UsageError &e) {
+      return usageError("wcan", e.message, "wcan --help");
+    }
   }
-  separateLibraryLog();
+  separateLibraryLog(verbosity);
   Context ctx(sim);
   try {
     Args args(rest, cmd->options);
     installStopHandler();
     return cmd->run(ctx, args);
   } catch (const UsageError &e) {
-    std::fprintf(stderr, "wcan %s: %s\n\n%s", cmd->name, e.message.c_str(),
-                 formatUsage(*cmd).c_str());
-    return kExitUsage;
+    return usageError(name, e.message, name + " --help");
   } catch (const ToolError &e) {
     std::fflush(out());
     std::fprintf(stderr, "wcan %s: %s\n", cmd->name, e.message.c_str());

@@ -33,6 +33,9 @@ std::vector<unsigned> typesForUsbId(uint16_t vendorId, uint16_t productId);
 
 const char *familyName(Family family);
 
+// "41 42 43 64 65 66 67 (CAN FD), 3 4 (classic), 61 62 (recorder)" for messages.
+std::string supportedTypesText();
+
 // Bus timing register pair of the classic adapter for a bit rate.
 struct ClassicTiming {
   uint8_t timing0;

@@ -173,6 +173,33 @@ TEST_F(Log, ConsoleLinesFollowTheEnvironment) {
   unsetenv("WCAN_LOG_CONSOLE");
 }
 
+TEST_F(Log, ConsoleLevelDropsOnlyTheConsoleLinesBelowIt) {
+  struct Case {
+    const char *setting; // nullptr: unset
+    bool infoShown, warnShown;
+  } cases[] = {
+      {nullptr, true, true},   {"info", true, true},  {"WARN", false, true},
+      {"error", false, false}, {"bogus", true, true},
+  };
+  setenv("WCAN_LOG_CONSOLE", "stdout", 1);
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.setting ? c.setting : "(unset)");
+    if (c.setting)
+      setenv("WCAN_LOG_CONSOLE_LEVEL", c.setting, 1);
+    else
+      unsetenv("WCAN_LOG_CONSOLE_LEVEL");
+    reloadQuietly();
+    ::testing::internal::CaptureStdout();
+    log().Info("an info line");
+    log().Warn("a warning line");
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.find("an info line") != std::string::npos, c.infoShown);
+    EXPECT_EQ(out.find("a warning line") != std::string::npos, c.warnShown);
+  }
+  unsetenv("WCAN_LOG_CONSOLE_LEVEL");
+  unsetenv("WCAN_LOG_CONSOLE");
+}
+
 TEST(LogTrim, TrimsBothEnds) {
   char text[] = " \t key = value \n";
   EXPECT_STREQ(QUserLog::TrimWhitespace(text), "key = value");

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "../canrecord/RecordConfigFields.h"
 #include "RealLibusb.h"
 #include "WcanLibrary.h"
 
@@ -147,12 +148,6 @@ _WCAN_RECORD_CONFIG recordSettings(unsigned char seed) {
   return c;
 }
 
-auto fields(const _WCAN_RECORD_CONFIG &c) {
-  return std::make_tuple(+c.recFlag1, +c.recFlag2, +c.recFlag3, +c.abitParam, +c.dbitParam,
-                         c.abitTiming, c.dbitTiming, +c.recOptFlag0, +c.recOptByte1, +c.recOptByte2,
-                         +c.recOptFlag1, +c.recOptByte3);
-}
-
 class FamilyOverRealLibusb : public WcanScenario, public ::testing::WithParamInterface<Family> {
 protected:
   const Family &family = GetParam();
@@ -223,7 +218,8 @@ protected:
     for (unsigned ch = 0; ch < 2; ++ch) {
       _WCAN_RECORD_CONFIG read{};
       ASSERT_EQ(api_->RecordSettingGet(type, index, ch, &read), 1) << "channel " << ch;
-      EXPECT_EQ(fields(read), fields(recordSettings(static_cast<unsigned char>(0x40 + ch))))
+      EXPECT_EQ(recordFields(read),
+                recordFields(recordSettings(static_cast<unsigned char>(0x40 + ch))))
           << "channel " << ch;
     }
   }

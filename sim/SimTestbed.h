@@ -31,10 +31,6 @@ public:
   std::vector<std::shared_ptr<Adapter>> pluggedAdapters() const;
   bool anyPlugged() const;
 
-  void connect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
-  void disconnect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
-  void disconnectAll(AdapterId adapter);
-
   bool pacing() const { return bus_.enabled(); }
   void setPacing(bool on) { bus_.setEnabled(on); }
 

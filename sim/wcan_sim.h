@@ -39,7 +39,6 @@ AdapterId plugIn(unsigned devType);
 // list, in its reset state, with its device clock restarted.
 void unplug(AdapterId adapter);
 void replug(AdapterId adapter);
-bool isPlugged(AdapterId adapter);
 
 // Accept writes but never answer on any IN endpoint (reads time out).
 void setSilent(AdapterId adapter, bool silent);
@@ -57,11 +56,6 @@ void pushIn(AdapterId adapter, uint8_t ep, const Bytes &bytes);
 // Every transfer the host wrote, per OUT endpoint, in order.
 std::vector<Bytes> written(AdapterId adapter, uint8_t ep);
 void clearWritten(AdapterId adapter);
-
-// Bus wiring: a frame sent on one channel reaches every channel linked to it.
-void connect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
-void disconnect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
-void disconnectAll(AdapterId adapter);
 
 // Put a frame on the bus of a channel as if a foreign node had sent it: the
 // channel and the channels linked to it receive it (if started). Returns once

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "api/DriverFactory.h"
 #include "api/QErrMgr.h"
@@ -17,7 +16,7 @@ constexpr int kMinReplyLength = 3;
 
 // A read that came back without a usable reply at once (nothing open, device
 // gone) must not turn the reply wait into a busy loop.
-void pauseBeforeNextRead() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+void pauseBeforeNextRead() { pauseFor(std::chrono::milliseconds(1)); }
 
 } // namespace
 

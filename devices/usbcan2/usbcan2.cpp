@@ -2,8 +2,6 @@
 // and the open/close/init/start/reset/queue/board-information functions.
 #include "devices/usbcan2/usbcan2.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -50,7 +48,7 @@ void paceAttempt(uint32_t attemptStart, uint32_t loopStart, uint32_t budgetUs) {
   const uint32_t spent = getLapseMicroSec(attemptStart);
   const uint32_t left = budgetUs - std::min(budgetUs, getLapseMicroSec(loopStart));
   if (spent < kMinAttemptUs) {
-    usleep(std::min(kMinAttemptUs - spent, left));
+    pauseFor(std::chrono::microseconds(std::min(kMinAttemptUs - spent, left)));
   }
 }
 

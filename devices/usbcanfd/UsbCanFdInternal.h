@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "platform/QUserLog.h"
+#include "platform/QUserUtils.h"
 
 namespace usbcanfd {
 
@@ -23,7 +24,7 @@ inline QUserLog &logger() { return QUserLog::GetInstance(); }
 // busy loop; a millisecond keeps the cadence honest.
 inline void pauseAfterFailedTransfer(int result) {
   if (result < 0 && result != LIBUSB_ERROR_TIMEOUT) {
-    usleep(1000);
+    pauseFor(std::chrono::milliseconds(1));
   }
 }
 

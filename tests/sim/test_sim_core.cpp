@@ -1,4 +1,5 @@
 // The libusb simulation layer and the virtual bus, seen through libusb calls.
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
@@ -238,4 +239,61 @@ TEST(SimEnvironment, PlugsInListedAdaptersAndTracesTransfers) {
 }
 
 } // namespace
+} // namespace wcansim
+
+namespace wcansim {
+namespace {
+
+std::atomic<ReadWait> readWaitAnswer{ReadWait::Block};
+ReadWait answerReadWait(uint8_t, unsigned) { return readWaitAnswer.load(); }
+
+// Leaves the simulation without a policy whatever the test did.
+class SimReadWait : public SimUsbHost {
+protected:
+  void SetUp() override {
+    SimUsbHost::SetUp();
+    readWaitAnswer = ReadWait::Block;
+    setReadWaitPolicy(&answerReadWait);
+  }
+  void TearDown() override {
+    setReadWaitPolicy(nullptr);
+    SimUsbHost::TearDown();
+  }
+};
+
+} // namespace
+
+TEST_F(SimReadWait, PolicyEndsEmptyReadsAtOnceButNeverWithholdsData) {
+  plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  readWaitAnswer = ReadWait::TimeOut;
+  unsigned char buf[64];
+  int n = -1;
+  const auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(libusb_bulk_transfer(h, kStream, buf, sizeof buf, &n, 10000), LIBUSB_ERROR_TIMEOUT);
+  EXPECT_EQ(libusb_bulk_transfer(h, kStream, buf, sizeof buf, &n, 0), LIBUSB_ERROR_TIMEOUT)
+      << "a read without a time-out asks too";
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+  EXPECT_EQ(command(h, {0x55, 0x01, 0x01, 0x01}).at(1), 0x01) << "a queued reply is served";
+}
+
+TEST_F(SimReadWait, WokenReadersAskAgain) {
+  plugIn(41);
+  libusb_device_handle *h = openFd();
+  ASSERT_NE(h, nullptr);
+  auto reader = std::async(std::launch::async, [h] {
+    unsigned char buf[64];
+    int n = -1;
+    return libusb_bulk_transfer(h, kStream, buf, sizeof buf, &n, 0); // no time-out
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(reader.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout)
+      << "blocks while the policy says so";
+  readWaitAnswer = ReadWait::TimeOut;
+  wakeReaders();
+  ASSERT_EQ(reader.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(reader.get(), LIBUSB_ERROR_TIMEOUT);
+}
+
 } // namespace wcansim

@@ -76,6 +76,10 @@ int64_t lastReadEndNs(AdapterId adapter, uint8_t ep) {
   return a ? a->lastReadEndNs(ep) : 0;
 }
 
+void setReadWaitPolicy(ReadWaitPolicy policy) { Adapter::setReadWaitPolicy(policy); }
+
+void wakeReaders() { bed().wakeReaders(); }
+
 } // namespace wcansim
 
 extern "C" {

@@ -86,6 +86,16 @@ std::vector<std::shared_ptr<Adapter>> Testbed::pluggedAdapters() const {
 
 bool Testbed::anyPlugged() const { return !pluggedAdapters().empty(); }
 
+void Testbed::wakeReaders() const {
+  std::vector<std::shared_ptr<Adapter>> all;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    all = adapters_;
+  }
+  for (const auto &a : all)
+    a->wakeReaders();
+}
+
 Testbed::Link Testbed::makeLink(BusPort a, BusPort b) { return b < a ? Link{b, a} : Link{a, b}; }
 
 std::vector<Testbed::Destination> Testbed::linkedTo(BusPort from, bool includeSelf) const {

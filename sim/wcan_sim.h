@@ -80,6 +80,18 @@ bool pacing();
 // the library from the end of the bulk read with it.
 int64_t lastReadEndNs(AdapterId adapter, uint8_t ep);
 
+// How a read that finds nothing to hand over waits, for harnesses that run
+// the library on virtual time. The policy is asked before every wait of a
+// read (with the adapter's lock held: it must not call back into the
+// simulation): Block waits as ever for data, an unplug or the time-out;
+// TimeOut ends the read at once with LIBUSB_ERROR_TIMEOUT, as if its time-out
+// had passed. wakeReaders() makes every waiting read ask again. With no
+// policy (the default) every read blocks.
+enum class ReadWait { Block, TimeOut };
+using ReadWaitPolicy = ReadWait (*)(uint8_t ep, unsigned timeoutMs);
+void setReadWaitPolicy(ReadWaitPolicy policy);
+void wakeReaders();
+
 } // namespace wcansim
 
 // The same essentials with C linkage, for programs that load the layer with

@@ -275,6 +275,7 @@ void PacedBus::deliverFinished(std::unique_lock<std::mutex> &lock, Clock::time_p
   lock.unlock();
   for (const auto &[end, q] : done)
     wiring_.carry(q.tx, end);
+  wiring_.roundDone();
   lock.lock();
   carrying_ = 0;
   for (const auto &entry : done)

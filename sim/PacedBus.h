@@ -55,6 +55,7 @@ struct Transmission {
   std::shared_ptr<Adapter> sender;
   CanFrame frame;
   std::chrono::nanoseconds duration{};
+  uint32_t origin = 0; // who queued it, where the buses serve several processes
 };
 
 // What the buses are made of: the test bed's cabling and adapters.
@@ -65,6 +66,8 @@ public:
   virtual std::vector<BusPort> busOf(BusPort port) const = 0;
   // A frame's last bit went out at `end`: give it to its receivers.
   virtual void carry(const Transmission &t, std::chrono::steady_clock::time_point end) = 0;
+  // A round of carried frames is complete: receivers that batch may flush.
+  virtual void roundDone() {}
 };
 
 class PacedBus {

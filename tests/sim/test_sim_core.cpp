@@ -217,6 +217,7 @@ namespace {
 [[noreturn]] void plugFromEnvironmentAndTrace() {
   reset();
   setenv("WCAN_SIM", "41,64,x,99,41", 1);
+  setenv("WCAN_SIM_PRIVATE", "1", 1);
   setenv("WCAN_SIM_TRACE", "1", 1);
   libusb_init(nullptr);
   libusb_device **list = nullptr;

@@ -106,7 +106,8 @@ public:
   void catchUp();
   // The adapter's queued frames and the one it is sending vanish (unplug,
   // USB reset); the frames it finished sending still arrive.
-  void drop(AdapterId adapter);
+  // With an origin, only the frames that origin queued vanish.
+  void drop(AdapterId adapter, uint32_t origin = 0);
   void dropAll();
 
 private:
@@ -126,7 +127,7 @@ private:
   void run();
   void deliverFinished(std::unique_lock<std::mutex> &lock, Clock::time_point now);
   size_t queuedFrom(AdapterId adapter) const;
-  void dropLocked(bool all, AdapterId adapter);
+  void dropLocked(bool all, AdapterId adapter, uint32_t origin = 0);
 
   BusWiring &wiring_;
   std::atomic<bool> enabled_;

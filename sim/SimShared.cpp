@@ -329,6 +329,7 @@ void SharedBus::dispatch(const uint8_t *data, size_t len) {
         adapter->unplug();
         std::lock_guard<std::mutex> lock(mutex_);
         bound_.at(adapter->id()).inHost = 0;
+        bound_.at(adapter->id()).reported.clear();
       }
       changed_.notify_all();
       break;

@@ -192,7 +192,7 @@ void Host::readFrom(const ClientPtr &c) {
       c->dead = true; // a client that garbles the protocol is cut off
   }
   for (int slot : drops)
-    bus_.drop(slot);
+    bus_.drop(slot, c->id); // a USB reset in one process leaves the others' frames
   const Clock::time_point now = Clock::now();
   for (Transmission &t : toBus) {
     if (bus_.enabled())
@@ -439,7 +439,10 @@ bool Host::changePlug(const std::string &name, bool plug, std::string &reply) {
   bus_.catchUp();
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    slots_.at(slot).plugged = false;
+    Slot &s = slots_.at(slot);
+    s.plugged = false;
+    for (auto &byClient : s.states)
+      byClient.clear(); // an unplugged adapter's channels are closed
     toHolders(slot, [&](Writer &w) {
       w.begin(Rec::Unplug);
       w.i32(slot);

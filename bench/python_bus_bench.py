@@ -41,6 +41,7 @@ def parse_args():
 
 def prepare(args):
     os.environ["WCAN_SIM"] = "41,66"
+    os.environ.setdefault("WCAN_SIM_PRIVATE", "1")  # the in-process figures
     os.environ["WCAN_LOG_CONSOLE"] = "none"
     # Raw speed: frames reach their receivers without taking their bus time;
     # the eight-channel run keeps the rate itself.

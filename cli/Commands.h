@@ -55,6 +55,7 @@ int runServe(Context &ctx, const Args &args);
 int runBusload(Context &ctx, const Args &args);
 int runTop(Context &ctx, const Args &args);
 int runPlay(Context &ctx, const Args &args);
+int runSim(Context &ctx, const Args &args);
 
 // The Wireshark capture program: `wcan` run under the name wcan-extcap.
 int runExtcap(std::vector<std::string> argv);

@@ -168,6 +168,22 @@ const char kRecordUsage[] =
     "\n"
     "Settings fields: %s\n";
 
+const char kSimUsage[] =
+    "usage: wcan sim status\n"
+    "       wcan sim unplug|replug|garble TYPE INDEX\n"
+    "       wcan sim stop\n"
+    "\n"
+    "Shows and changes the simulated adapters and buses that every process of\n"
+    "this user running with --sim or WCAN_SIM shares (unless WCAN_SIM_PRIVATE=1),\n"
+    "through the simulation host in $XDG_RUNTIME_DIR (else /tmp/wcan-sim-UID).\n"
+    "\n"
+    "  status             the adapters, their channels and bit rates, and the\n"
+    "                     processes (pid, program) that use them\n"
+    "  unplug TYPE INDEX  pull adapter INDEX of that type out of its USB port\n"
+    "  replug TYPE INDEX  plug it in again\n"
+    "  garble TYPE INDEX  send garbage on the adapter's receive stream\n"
+    "  stop               end the host (processes still using it start a new one)\n";
+
 const char kDemoUsage[] =
     "usage: wcan demo [--rounds N] [--quiet]\n"
     "\n"
@@ -331,6 +347,7 @@ const std::vector<Command> &commands() {
       {"top", "watch the identifiers on a bus", kTopUsage,
        withLiveFeed({{"-t", true}, {"--filter", true}, {"--once", false}, {"--interval", true}}),
        runTop},
+      {"sim", "show and change the shared simulation", kSimUsage, {}, runSim},
       {"demo",
        "run the demonstration on simulated adapters",
        kDemoUsage,

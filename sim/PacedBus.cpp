@@ -94,9 +94,9 @@ size_t PacedBus::queuedFrom(AdapterId adapter) const {
   return n;
 }
 
-void PacedBus::drop(AdapterId adapter) {
+void PacedBus::drop(AdapterId adapter, uint32_t origin) {
   std::lock_guard<std::mutex> lock(mutex_);
-  dropLocked(false, adapter);
+  dropLocked(false, adapter, origin);
 }
 
 void PacedBus::dropAll() {
@@ -105,21 +105,29 @@ void PacedBus::dropAll() {
   freeAt_.clear();
 }
 
-void PacedBus::dropLocked(bool all, AdapterId adapter) {
+void PacedBus::dropLocked(bool all, AdapterId adapter, uint32_t origin) {
   auto gone = [&](const BusPort &p) { return all || p.adapter == adapter; };
+  auto mine = [&](const Queued &q) { return origin == 0 || q.tx.origin == origin; };
   for (auto it = queues_.begin(); it != queues_.end();) {
     if (!gone(it->first)) {
       ++it;
       continue;
     }
-    for (const Queued &q : it->second)
-      awaited_.erase(q.ticket);
-    it = queues_.erase(it);
+    auto &queue = it->second;
+    for (auto q = queue.begin(); q != queue.end();) {
+      if (mine(*q)) {
+        awaited_.erase(q->ticket);
+        q = queue.erase(q);
+      } else {
+        ++q;
+      }
+    }
+    it = queue.empty() ? queues_.erase(it) : std::next(it);
   }
   // Frames already through stay on the schedule: they reach their receivers.
   const Clock::time_point now = Clock::now();
   for (auto it = scheduled_.begin(); it != scheduled_.end();) {
-    if (!gone(it->second.tx.from) || (!all && it->first <= now)) {
+    if (!gone(it->second.tx.from) || !mine(it->second) || (!all && it->first <= now)) {
       ++it;
       continue;
     }
@@ -275,6 +283,7 @@ void PacedBus::deliverFinished(std::unique_lock<std::mutex> &lock, Clock::time_p
   lock.unlock();
   for (const auto &[end, q] : done)
     wiring_.carry(q.tx, end);
+  wiring_.roundDone();
   lock.lock();
   carrying_ = 0;
   for (const auto &entry : done)

@@ -55,6 +55,7 @@ struct Transmission {
   std::shared_ptr<Adapter> sender;
   CanFrame frame;
   std::chrono::nanoseconds duration{};
+  uint32_t origin = 0; // who queued it, where the buses serve several processes
 };
 
 // What the buses are made of: the test bed's cabling and adapters.
@@ -65,6 +66,8 @@ public:
   virtual std::vector<BusPort> busOf(BusPort port) const = 0;
   // A frame's last bit went out at `end`: give it to its receivers.
   virtual void carry(const Transmission &t, std::chrono::steady_clock::time_point end) = 0;
+  // A round of carried frames is complete: receivers that batch may flush.
+  virtual void roundDone() {}
 };
 
 class PacedBus {
@@ -103,7 +106,8 @@ public:
   void catchUp();
   // The adapter's queued frames and the one it is sending vanish (unplug,
   // USB reset); the frames it finished sending still arrive.
-  void drop(AdapterId adapter);
+  // With an origin, only the frames that origin queued vanish.
+  void drop(AdapterId adapter, uint32_t origin = 0);
   void dropAll();
 
 private:
@@ -123,7 +127,7 @@ private:
   void run();
   void deliverFinished(std::unique_lock<std::mutex> &lock, Clock::time_point now);
   size_t queuedFrom(AdapterId adapter) const;
-  void dropLocked(bool all, AdapterId adapter);
+  void dropLocked(bool all, AdapterId adapter, uint32_t origin = 0);
 
   BusWiring &wiring_;
   std::atomic<bool> enabled_;

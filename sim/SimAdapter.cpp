@@ -51,21 +51,27 @@ uint64_t nextReplugOrder() {
   return counter.fetch_add(1) + 1;
 }
 
+} // namespace
+
 // Sixteen sockets per bus: root port 1 feeds a four-port hub, each of whose
-// ports feeds another four-port hub. Ids past 4,079 share sockets again.
-UsbSocket socketOf(AdapterId id) {
-  const auto n = static_cast<unsigned>(id);
+// ports feeds another four-port hub. Slots past 4,079 share sockets again.
+UsbSocket socketOf(int slot) {
+  const auto n = static_cast<unsigned>(slot);
   return {static_cast<uint8_t>(1 + n / 16 % 255),
           {1, static_cast<uint8_t>(1 + n / 4 % 4), static_cast<uint8_t>(1 + n % 4)}};
 }
 
-} // namespace
+std::string serialNumberOf(unsigned devType, int slot) {
+  char text[32];
+  std::snprintf(text, sizeof text, "WS%02u%06d", devType % 100, slot);
+  return text;
+}
 
-Adapter::Adapter(AdapterId id, unsigned devType, std::unique_ptr<DeviceModel> model)
-    : id_(id), devType_(devType), model_(std::move(model)), vendorId_(model_->vendorId()),
-      productId_(model_->productId()),
+Adapter::Adapter(AdapterId id, unsigned devType, std::unique_ptr<DeviceModel> model, int slot)
+    : id_(id), slot_(slot < 0 ? id : slot), devType_(devType), model_(std::move(model)),
+      vendorId_(model_->vendorId()), productId_(model_->productId()),
       channelCount_(std::min<unsigned>(model_->channelCount(), kMaxChannels)),
-      hasUsbSerialNumber_(model_->hasUsbSerialNumber()), socket_(socketOf(id)),
+      hasUsbSerialNumber_(model_->hasUsbSerialNumber()), socket_(socketOf(slot_)),
       address_(nextBusAddress()), pluggedAt_(std::chrono::steady_clock::now()) {}
 
 uint32_t Adapter::deviceTimeUs() const { return deviceTimeAt(std::chrono::steady_clock::now()); }
@@ -280,6 +286,26 @@ void Adapter::replug() {
   model_->onReset();
   plugged_.store(true, std::memory_order_release);
   wakeAllReaders();
+}
+
+void Adapter::setPluggedAt(std::chrono::steady_clock::time_point at) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  pluggedAt_ = at;
+}
+
+std::vector<ChannelState> Adapter::channelStates() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<ChannelState> states(channelCount_);
+  for (unsigned ch = 0; ch < channelCount_; ++ch)
+    states[ch] = {model_->channelStarted(ch), model_->bitRates(ch)};
+  return states;
+}
+
+uint8_t Adapter::streamEndpoint() const {
+  for (uint8_t ep = 0x8F; ep > 0x81; --ep)
+    if (model_->endpointShape(ep).kind == EndpointShape::Stream)
+      return ep;
+  return kCommandReplyEp;
 }
 
 void Adapter::remove() {

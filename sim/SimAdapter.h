@@ -13,6 +13,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "InQueue.h"
@@ -39,11 +40,27 @@ struct UsbSocket {
   std::array<uint8_t, 3> ports;
 };
 
+// The socket and serial number of the adapter in a slot of the test bed:
+// the same slot gives the same in every process sharing the buses.
+UsbSocket socketOf(int slot);
+std::string serialNumberOf(unsigned devType, int slot);
+
+// What the host set a channel to, as the shared simulation shows it.
+struct ChannelState {
+  bool started = false;
+  BitRates rates;
+  bool operator==(const ChannelState &o) const {
+    return started == o.started && rates.nominal == o.rates.nominal && rates.data == o.rates.data;
+  }
+};
+
 class Adapter final : public ModelHost {
 public:
-  Adapter(AdapterId id, unsigned devType, std::unique_ptr<DeviceModel> model);
+  // `slot` numbers its socket and serial number; by default its id.
+  Adapter(AdapterId id, unsigned devType, std::unique_ptr<DeviceModel> model, int slot = -1);
 
   AdapterId id() const { return id_; }
+  int slot() const { return slot_; }
   unsigned devType() const { return devType_; }
   uint16_t vendorId() const { return vendorId_; }
   uint16_t productId() const { return productId_; }
@@ -92,6 +109,11 @@ public:
 
   void unplug();
   void replug();
+  // The device clock counts from `at` (a host sharing the adapter decides).
+  void setPluggedAt(std::chrono::steady_clock::time_point at);
+  std::vector<ChannelState> channelStates() const;
+  // The IN endpoint received frames stream on (the command replies if none).
+  uint8_t streamEndpoint() const;
   void remove(); // gone for good (the test bed was reset)
   void setSilent(bool silent);
   void injectReplyFault(ReplyFault fault, uint8_t value, int count);
@@ -124,6 +146,7 @@ private:
   void trace(const char *dir, uint8_t ep, const uint8_t *data, size_t len) const;
 
   const AdapterId id_;
+  const int slot_;
   const unsigned devType_;
   const std::unique_ptr<DeviceModel> model_;
   const uint16_t vendorId_;

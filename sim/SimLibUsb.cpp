@@ -161,7 +161,8 @@ private:
 LibUsbObjects &objects() { return LibUsbObjects::instance(); }
 
 // WCAN_SIM=41,41,4,61 plugs those adapters in, once per process, unless a
-// program already plugged its own through the control interface.
+// program already plugged its own through the control interface; they sit
+// on the buses every process of the user shares (see SimShared.h).
 void plugInFromEnvironment() {
   static std::once_flag once;
   std::call_once(once, [] {
@@ -169,6 +170,7 @@ void plugInFromEnvironment() {
     if (list == nullptr || Testbed::instance().anyPlugged())
       return;
     std::string text(list);
+    std::vector<unsigned> types;
     size_t pos = 0;
     while (pos <= text.size()) {
       const size_t comma = std::min(text.find(',', pos), text.size());
@@ -176,16 +178,15 @@ void plugInFromEnvironment() {
       char *end = nullptr;
       const unsigned long type = std::strtoul(item.c_str(), &end, 10);
       if (!item.empty() && end != nullptr && *end == '\0')
-        Testbed::instance().plugIn(static_cast<unsigned>(type));
+        types.push_back(static_cast<unsigned>(type));
       pos = comma + 1;
     }
+    // Shared with the user's other processes unless WCAN_SIM_PRIVATE=1.
+    if (wcansim::SharedBus::wanted() && Testbed::instance().plugInShared(text, types))
+      return;
+    for (unsigned type : types)
+      Testbed::instance().plugIn(type);
   });
-}
-
-std::string serialNumberOf(const Adapter &a) {
-  char text[32];
-  std::snprintf(text, sizeof text, "WS%02u%06d", a.devType() % 100, a.id());
-  return text;
 }
 
 int stringDescriptor(const Adapter &a, uint8_t index, unsigned char *data, uint16_t room) {
@@ -199,7 +200,7 @@ int stringDescriptor(const Adapter &a, uint8_t index, unsigned char *data, uint1
     else if (index == 2)
       text = "Simulated CAN adapter type " + std::to_string(a.devType());
     else if (index == kSerialStringIndex && a.hasUsbSerialNumber())
-      text = serialNumberOf(a);
+      text = wcansim::serialNumberOf(a.devType(), a.slot());
     else
       return LIBUSB_ERROR_PIPE;
     desc = {static_cast<uint8_t>(2 + 2 * text.size()), LIBUSB_DT_STRING};

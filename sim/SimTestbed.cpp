@@ -4,6 +4,7 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <new>
 
 #include "BusTiming.h"
@@ -53,6 +54,62 @@ AdapterId Testbed::plugIn(unsigned devType) {
     links_.insert(makeLink({id, ch}, {id, ch + 1}));
   adapters_.push_back(std::move(adapter));
   return id;
+}
+
+bool Testbed::plugInShared(const std::string &spec, const std::vector<unsigned> &types) {
+  std::vector<SharedBus::Request> requests;
+  std::vector<std::unique_ptr<DeviceModel>> models;
+  for (unsigned type : types) {
+    std::unique_ptr<DeviceModel> model = makeModel(type);
+    if (!model)
+      continue;
+    SharedBus::Request r{type, model->vendorId(), model->productId(), 0, model->channelCount()};
+    // The index in the group of its USB ids, as the library counts devices.
+    for (const SharedBus::Request &earlier : requests)
+      r.index += earlier.vendor == r.vendor && earlier.product == r.product ? 1 : 0;
+    requests.push_back(r);
+    models.push_back(std::move(model));
+  }
+  auto shared = std::make_unique<SharedBus>(*this, spec);
+  std::vector<std::optional<SharedBus::Granted>> granted;
+  std::string error;
+  if (!shared->attach(requests, granted, error)) {
+    std::fprintf(stderr, "wcan-sim: %s; simulating in this process only\n", error.c_str());
+    return false;
+  }
+  for (size_t i = 0; i < requests.size(); ++i) {
+    if (!granted[i])
+      continue;
+    requests[i].slot = granted[i]->slot;
+    std::shared_ptr<Adapter> adapter;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      const auto id = static_cast<AdapterId>(adapters_.size());
+      adapter = std::make_shared<Adapter>(id, requests[i].devType, std::move(models[i]),
+                                          granted[i]->slot);
+      adapters_.push_back(adapter);
+    }
+    adapter->setPluggedAt(
+        std::chrono::steady_clock::time_point(std::chrono::nanoseconds(granted[i]->pluggedAtNs)));
+    if (!granted[i]->plugged)
+      adapter->unplug();
+    shared->bind(adapter, requests[i]);
+  }
+  shared_.store(shared.get(), std::memory_order_release);
+  sharedOwner_ = std::move(shared);
+  return true;
+}
+
+SharedBus *Testbed::sharedFor(AdapterId adapter) const {
+  SharedBus *shared = shared_.load(std::memory_order_acquire);
+  return shared != nullptr && shared->owns(adapter) ? shared : nullptr;
+}
+
+void Testbed::dropUnsent(AdapterId adapter) {
+  if (SharedBus *shared = sharedFor(adapter))
+    shared->drop(adapter);
+  else
+    bus_.drop(adapter);
 }
 
 // What the bus finished before the unplug still reaches the adapter and
@@ -139,6 +196,8 @@ bool Testbed::isCurrent(const Adapter &adapter) const {
 }
 
 int Testbed::awaitTransmitRoom(const Adapter &adapter, uint32_t generation, unsigned timeoutMs) {
+  if (SharedBus *shared = sharedFor(adapter.id()))
+    return shared->awaitRoom(adapter, generation, timeoutMs);
   if (!pacing())
     return 0;
   switch (bus_.awaitRoom(adapter.id(), timeoutMs, [&] { return adapter.isCurrent(generation); })) {
@@ -173,6 +232,10 @@ void Testbed::carry(const Transmission &t, std::chrono::steady_clock::time_point
 void Testbed::route(const std::shared_ptr<Adapter> &from, const BusFrames &frames) {
   if (!from->isPlugged())
     return; // unplugged after taking the write
+  if (SharedBus *shared = sharedFor(from->id())) {
+    shared->send(from, frames);
+    return;
+  }
   for (const BusFrame &f : frames) {
     Transmission t{{from->id(), f.channel}, from, f.frame, f.duration};
     if (pacing())

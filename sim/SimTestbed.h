@@ -7,13 +7,16 @@
 // then a frame reaches its receivers before the transfer that sent it returns.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "PacedBus.h"
 #include "SimAdapter.h"
+#include "SimShared.h"
 
 namespace wcansim {
 
@@ -24,6 +27,9 @@ public:
 
   void reset();
   AdapterId plugIn(unsigned devType);
+  // Plugs in the adapters of a WCAN_SIM list on the buses of the user's
+  // shared simulation; false (nothing plugged) when it cannot be reached.
+  bool plugInShared(const std::string &spec, const std::vector<unsigned> &types);
   void unplug(AdapterId id);
   std::shared_ptr<Adapter> adapter(AdapterId id) const;
   // Plugged adapters as the host lists them: the replugged ones first, most
@@ -40,7 +46,7 @@ public:
   // queue is full. Returns 0 or a negative libusb error (time-out, gone).
   int awaitTransmitRoom(const Adapter &adapter, uint32_t generation, unsigned timeoutMs);
   // The adapter forgets the frames it has not sent yet (USB reset).
-  void dropUnsent(AdapterId adapter) { bus_.drop(adapter); }
+  void dropUnsent(AdapterId adapter);
 
   // Carry frames that left `from` to every channel cabled to theirs. Must be
   // called with no adapter lock held.
@@ -66,8 +72,12 @@ private:
 
   // Lock order: the bus's lock, then this one, then an adapter's; the bus is
   // never called with this lock held.
+  SharedBus *sharedFor(AdapterId adapter) const;
+
   mutable std::mutex mutex_;
   std::vector<std::shared_ptr<Adapter>> adapters_; // index = AdapterId
+  std::unique_ptr<SharedBus> sharedOwner_;
+  std::atomic<SharedBus *> shared_{nullptr};
   std::set<Link> links_;
   PacedBus bus_;
 };

@@ -36,7 +36,8 @@ def expect(cond, message):
 
 
 def env(**extra):
-    e = {k: v for k, v in os.environ.items() if not k.startswith("WCAN_SIM")}
+    e = {k: v for k, v in os.environ.items()
+         if not k.startswith("WCAN_SIM") or k == "WCAN_SIM_PRIVATE"}
     e.update(extra)
     return e
 

@@ -65,6 +65,10 @@ public:
   int ReadUSBDevice(unsigned char *buffer, int length, unsigned char ep, unsigned int timeout);
   int bulkReadUSBDevice(unsigned char *buffer, int length, unsigned char ep, unsigned int timeout);
   int resetUSBEp(unsigned char ep);
+  // Submits an asynchronous transfer on the open device (filled in but for
+  // the handle): 0 or the negative libusb error. The caller keeps every
+  // transfer it submitted ended before the device is closed or reopened.
+  int submitTransfer(libusb_transfer *transfer);
 
   bool isOpen() const { return handle.load(std::memory_order_acquire) != nullptr; }
   UsbAdapterIdentity identity() const;
@@ -91,6 +95,7 @@ private:
   unsigned int index = 0;
   UsbAdapterIdentity adapter; // guarded by mutex
   bool claimed = false;
+  bool interfaceClaimed = false; // guarded by mutex
   std::atomic<uint8_t> lastWriteFailEp{0xFF};
   // Written by every transfer (from the receive thread and host threads at
   // once), read when closing.

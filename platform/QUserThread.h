@@ -35,6 +35,11 @@ public:
   bool stopRequested() const { return stopRequest.load(std::memory_order_relaxed) != 0; }
   // Sleeps up to `duration`; returns false (early) once a stop is requested.
   bool sleepUnlessStopped(std::chrono::microseconds duration);
+  // Sleeps until nudged, a stop is requested or `limit` has passed (no
+  // limit by default); a nudge that came before the sleep ends it at once.
+  void sleepUntilNudged(std::chrono::microseconds limit = std::chrono::microseconds::max());
+  // Ends the thread's current or next sleep (any thread may call it).
+  void nudge();
 
 private:
   static void *entry(void *self);
@@ -47,4 +52,5 @@ private:
   std::condition_variable wake;
   pthread_t handle{};
   bool running_ = false;
+  bool nudged_ = false; // guarded by lock
 };

@@ -15,6 +15,7 @@ import atexit
 import collections
 import ctypes
 import logging
+import os
 import struct
 import threading
 import time
@@ -92,6 +93,10 @@ class Inbox:
     independently, so a frame may follow one of the other kind that was on
     the bus after it. It then takes that frame's time stamp: the time stamps
     of a Bus never run backwards, which log writers rely on.
+
+    Its event is a descriptor readable while frames wait, for hosts that
+    wait in selectors or asyncio; closing the inbox makes it readable, then
+    closes it.
     """
 
     def __init__(self, capacity):
@@ -103,6 +108,8 @@ class Inbox:
         self._ready = threading.Condition(threading.Lock())
         self._waiting = 0
         self._last_stamp = 0.0
+        self.event = os.eventfd(0, os.EFD_CLOEXEC | os.EFD_NONBLOCK)
+        self._signalled = False
 
     def put(self, messages):
         if not messages:
@@ -122,8 +129,22 @@ class Inbox:
             if messages:
                 self._last_stamp = max(last, messages[-1].timestamp)
             self.frames.extend(messages)
+            if messages and not self._signalled:
+                os.eventfd_write(self.event, 1)
+                self._signalled = True
             if self._waiting:
                 self._ready.notify()
+
+    def _taken(self, msg):
+        if not self.frames and self._signalled:
+            with self._ready:
+                self._clear_event_if_drained()
+        return msg
+
+    def _clear_event_if_drained(self):
+        if not self.frames and self._signalled and not self.closed:
+            os.eventfd_read(self.event)
+            self._signalled = False
 
     def _drop(self, count):
         if not self._dropping:
@@ -136,7 +157,7 @@ class Inbox:
         if self.closed:
             raise CanOperationError("the bus is shut down")
         try:
-            return self.frames.popleft()
+            return self._taken(self.frames.popleft())
         except IndexError:
             if timeout is not None and timeout <= 0:
                 return None
@@ -148,9 +169,12 @@ class Inbox:
                     if self.closed:
                         raise CanOperationError("the bus was shut down while receiving")
                     try:
-                        return self.frames.popleft()
+                        msg = self.frames.popleft()
                     except IndexError:
                         pass
+                    else:
+                        self._clear_event_if_drained()
+                        return msg
                     left = None if deadline is None else deadline - time.monotonic()
                     if left is not None and left <= 0:
                         return None
@@ -159,8 +183,15 @@ class Inbox:
                 self._waiting -= 1
 
     def close(self):
+        """Wakes every reader, and every host waiting on the event, for good."""
         with self._ready:
             self.closed = True
+            if self.event >= 0:
+                # Readable first, so a host waiting on it wakes, then gone.
+                os.eventfd_write(self.event, 1)
+                os.close(self.event)
+                self.event = -1
+            self._signalled = True
             self._ready.notify_all()
 
 

@@ -14,8 +14,10 @@ neighbours' frames.
 import atexit
 import collections
 import ctypes
+import heapq
 import logging
 import os
+import select
 import struct
 import threading
 import time
@@ -35,8 +37,8 @@ from ._records import (
 
 log = logging.getLogger("can.wcan")
 
-# How long one library receive call waits. Stopping the channel ends a wait
-# at once; the bound only covers a reader that was between two waits then.
+# How long a reader waits on the receive event before it looks at its stop
+# flag again; stopping the channel ends a wait at once.
 READ_WAIT_MS = 1000
 # Frames taken from the library per call.
 BATCH = 512
@@ -260,6 +262,28 @@ class Adapter:
         self.lib.WCAN_CloseDevice(self.kind.number, self.index)
 
 
+class _Queue:
+    """One of a channel's receive queues as its reader takes it, without waiting."""
+
+    def __init__(self, receive, record_type, layout, is_fd, adapter):
+        self.receive = receive
+        self.buffer = (record_type * BATCH)()
+        self.address = ctypes.addressof(self.buffer)
+        self.layout = layout
+        self.is_fd = is_fd
+        self.stamper = BatchStamper(adapter.clock)
+
+    def take(self, ids):
+        """(records, stamp reference, is_fd) of what is queued; no records when empty."""
+        count = self.receive(*ids, self.buffer, BATCH, 0)
+        if count <= 0:
+            return [], None, self.is_fd
+        now = time.time()
+        data = ctypes.string_at(self.address, count * self.layout.size)
+        records = list(self.layout.iter_unpack(data))
+        return records, self.stamper.reference(records[0][1], records[-1][1], now), self.is_fd
+
+
 class Channel:
     def __init__(self, lib, name, adapter, settings):
         self.lib = lib
@@ -272,6 +296,7 @@ class Channel:
         self.subscribers = ()
         self._lock = threading.Lock()
         self._stop = threading.Event()
+        self._wake = os.eventfd(0, os.EFD_CLOEXEC | os.EFD_NONBLOCK)  # ends the reader's wait
         self._readers = []
         self._hardware_ranges = None
         self._ids = (self.kind.number, adapter.index, name.channel)
@@ -297,52 +322,57 @@ class Channel:
         if not started:
             rates = f"{s.bitrate} bit/s" + (f", data phase {s.data_bitrate} bit/s" if s.fd else "")
             raise lib.error(f"cannot start {self.name} at {rates}")
-        self._start_reader(lib.WCAN_Receive, WCAN_CAN_OBJ, _CLASSIC_RECORD, False)
-        if self.kind.family == _adapters.CAN_FD:
-            self._start_reader(lib.WCAN_ReceiveFD, WCAN_CANFD_OBJ, _FD_RECORD, True)
-
-    def _start_reader(self, receive, record_type, layout, is_fd):
-        thread = threading.Thread(
-            target=self._read,
-            args=(receive, record_type, layout, is_fd),
-            name=f"{self.name} {'CAN FD' if is_fd else 'CAN'} reader",
-            daemon=True,
-        )
+        thread = threading.Thread(target=self._read, name=f"{self.name} reader", daemon=True)
         self._readers.append(thread)
         thread.start()
 
     def stop(self):
         self._stop.set()
+        os.eventfd_write(self._wake, 1)
         self.lib.WCAN_Stop(*self._ids)
         for thread in self._readers:
             thread.join()
+        os.close(self._wake)
 
     # -- receiving --------------------------------------------------------
 
-    def _read(self, receive, record_type, layout, is_fd):
-        buffer = (record_type * BATCH)()
-        address = ctypes.addressof(buffer)
-        dev_type, index, channel = self._ids
-        stamper = BatchStamper(self.adapter.clock)
-        stopping = self._stop
-        while not stopping.is_set():
-            asked = time.monotonic()
-            count = receive(dev_type, index, channel, buffer, BATCH, READ_WAIT_MS)
-            if count <= 0:
-                if time.monotonic() - asked < READ_WAIT_MS / 2000:
-                    # The library refused at once instead of waiting.
-                    stopping.wait(READ_WAIT_MS / 1000)
+    def _read(self):
+        """Waits on the channel's receive event and takes both queues at each wake.
+
+        Frames of the two queues taken in one pass are handed on in the order
+        of the adapter's time stamps, so a Bus sees them as they were on the
+        bus, whichever queue they came through.
+        """
+        lib, (dev_type, index, channel) = self.lib, self._ids
+        queues = [_Queue(lib.WCAN_Receive, WCAN_CAN_OBJ, _CLASSIC_RECORD, False, self.adapter)]
+        if self.kind.family == _adapters.CAN_FD:
+            queues.append(_Queue(lib.WCAN_ReceiveFD, WCAN_CANFD_OBJ, _FD_RECORD, True, self.adapter))
+        event = lib.WCAN_GetReceiveEvent(dev_type, index, channel)
+        poller = select.poll()
+        poller.register(self._wake, select.POLLIN)
+        if event >= 0:
+            poller.register(event, select.POLLIN)
+        while not self._stop.is_set():
+            ready = poller.poll(READ_WAIT_MS if event >= 0 else READ_WAIT_MS // 10)
+            if any(revents & select.POLLNVAL for _, revents in ready):
+                self._stop.wait(READ_WAIT_MS / 1000)  # the adapter closed under the reader
                 continue
-            now = time.time()
             try:
-                records = list(layout.iter_unpack(ctypes.string_at(address, count * layout.size)))
-                reference = stamper.reference(records[0][1], records[-1][1], now)
-                for subscriber in self.subscribers:
-                    subscriber.inbox.put(
-                        received_messages(records, reference, self.name, is_fd, subscriber.matches)
-                    )
+                self._hand_out([q.take(self._ids) for q in queues])
             except Exception:  # a reader that dies silently would lose every later frame
                 log.exception("%s: frames lost while handing them out", self.name)
+
+    def _hand_out(self, batches):
+        batches = [(records, reference, is_fd) for records, reference, is_fd in batches if records]
+        for subscriber in self.subscribers:
+            lists = [
+                received_messages(records, reference, self.name, is_fd, subscriber.matches)
+                for records, reference, is_fd in batches
+            ]
+            if len(lists) == 1:
+                subscriber.inbox.put(lists[0])
+            elif lists:
+                subscriber.inbox.put(list(heapq.merge(*lists, key=lambda m: m.timestamp)))
 
     # -- sending ----------------------------------------------------------
 

@@ -98,16 +98,21 @@ void AdapterWorker::supervise(QUserLibUsb &usb, AdapterDuties &duties) {
   recovery_.supervise(usb, duties,
                       [this] { return thread_.sleepUnlessStopped(LinkRecovery::kSettle); });
   if (recovery_.attempts() != attempts) {
+    if (arrivals != arrivalsAtAttempt_) {
+      retriesAfterArrival_ = kRetriesAfterArrival;
+    } else if (retriesAfterArrival_ > 0) {
+      --retriesAfterArrival_;
+    }
     arrivalsAtAttempt_ = arrivals;
   }
 }
 
-// Where arrivals are reported, an adapter that was not in the list is looked
-// for again only once something arrived.
+// Where arrivals are reported, an adapter that was not found is looked for
+// again only once something arrived (and for a while after).
 bool AdapterWorker::attemptDue() const {
   const UsbEvents &events = UsbEvents::instance();
   return !(recovery_.faulted() && recovery_.adapterAbsent() && events.hotplugArrivals() &&
-           events.arrivals() == arrivalsAtAttempt_);
+           events.arrivals() == arrivalsAtAttempt_ && retriesAfterArrival_ == 0);
 }
 
 void AdapterWorker::sleepUntilAttempt() {

@@ -80,6 +80,10 @@ public:
   // Transfers kept queued on the data endpoint: enough that the adapter
   // never waits for the host between two of them.
   static constexpr size_t kQueuedTransfers = 8;
+  // After an arrival (or the loss), an adapter not yet found is looked for
+  // this many more times at the retry period before only arrivals count
+  // again: a device may be listed a moment before it can be opened.
+  static constexpr unsigned kRetriesAfterArrival = 40;
 
   explicit AdapterWorker(const char *recoveredLine) : recovery_(recoveredLine) {}
   ~AdapterWorker() { stop(); }
@@ -113,5 +117,6 @@ private:
   BulkInStream stream_;
   bool handlingEvents_ = false;
   uint64_t arrivalsAtAttempt_ = 0;
+  unsigned retriesAfterArrival_ = 0;
   std::atomic<libusb_transfer_status> lastEnd_{LIBUSB_TRANSFER_COMPLETED};
 };

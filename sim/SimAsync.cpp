@@ -11,6 +11,7 @@
 #include <libusb-1.0/libusb.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -77,11 +78,18 @@ public:
     return *pool;
   }
 
+  // Called for every frame an adapter takes from the bus: the lock is taken
+  // only when an event handler sleeps (it sets waiting_ under the lock before
+  // it looks at the sequence one last time).
   void happened(bool plugged) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++sequence_;
-    plugSequence_ += plugged ? 1 : 0;
-    changed_.notify_all();
+    if (plugged) {
+      plugSequence_.fetch_add(1);
+    }
+    sequence_.fetch_add(1);
+    if (waiting_.load()) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      changed_.notify_all();
+    }
   }
 
   libusb_transfer *allocate() {
@@ -125,7 +133,7 @@ public:
                                    : Clock::now() + std::chrono::milliseconds(pub->timeout);
     pub->actual_length = 0;
     pending_.push_back(&t);
-    ++sequence_;
+    sequence_.fetch_add(1);
     changed_.notify_all();
     return LIBUSB_SUCCESS;
   }
@@ -136,7 +144,7 @@ public:
     if (it == transfers_.end() || !it->second->inFlight || it->second->cancelRequested)
       return LIBUSB_ERROR_NOT_FOUND;
     it->second->cancelRequested = true;
-    ++sequence_;
+    sequence_.fetch_add(1);
     changed_.notify_all();
     return LIBUSB_SUCCESS;
   }
@@ -178,8 +186,9 @@ private:
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  uint64_t sequence_ = 0;
-  uint64_t plugSequence_ = 0;
+  std::atomic<uint64_t> sequence_{0};
+  std::atomic<uint64_t> plugSequence_{0};
+  std::atomic<bool> waiting_{false};
   uint64_t plugSequenceSeen_ = 0;
   bool interrupted_ = false;
   std::timed_mutex eventLock_;
@@ -218,13 +227,26 @@ bool EventPool::evaluate(SimTransfer &t, bool cancelRequested, libusb_transfer_s
   }
 }
 
+// Transfers on an endpoint that just came up empty are not asked again in
+// this round: they would find nothing either.
 std::vector<EventPool::Outcome>
 EventPool::collect(const std::vector<std::pair<SimTransfer *, bool>> &snapshot) {
   std::vector<Outcome> done;
+  std::vector<std::pair<const Adapter *, uint8_t>> dry;
+  const Clock::time_point now = Clock::now();
   for (const auto &[transfer, cancelRequested] : snapshot) {
+    const std::pair<const Adapter *, uint8_t> endpoint{transfer->adapter.get(),
+                                                       transfer->pub.endpoint};
     libusb_transfer_status status = LIBUSB_TRANSFER_COMPLETED;
+    if (!cancelRequested && std::find(dry.begin(), dry.end(), endpoint) != dry.end()) {
+      if (now >= transfer->deadline)
+        done.push_back({transfer, LIBUSB_TRANSFER_TIMED_OUT});
+      continue;
+    }
     if (evaluate(*transfer, cancelRequested, status))
       done.push_back({transfer, status});
+    else
+      dry.push_back(endpoint);
   }
   if (done.empty())
     return done;
@@ -306,9 +328,10 @@ int EventPool::handleEvents(const timeval *tv, int *completed) {
       }
       for (SimTransfer *t : pending_)
         snapshot.emplace_back(t, t->cancelRequested);
-      sequence = sequence_;
-      plugChanged = plugSequence_ != plugSequenceSeen_;
-      plugSequenceSeen_ = plugSequence_;
+      sequence = sequence_.load();
+      const uint64_t plugSequence = plugSequence_.load();
+      plugChanged = plugSequence != plugSequenceSeen_;
+      plugSequenceSeen_ = plugSequence;
     }
     const bool hotplugDelivered = plugChanged && deliverHotplug();
     const std::vector<Outcome> done = collect(snapshot);
@@ -322,11 +345,17 @@ int EventPool::handleEvents(const timeval *tv, int *completed) {
     std::unique_lock<std::mutex> lock(mutex_);
     const Clock::time_point wakeAt = std::min(until, earliestDeadlineLocked());
     const auto ready = [&] {
-      return sequence_ != sequence || interrupted_ || (completed != nullptr && *completed != 0);
+      return sequence_.load() != sequence || interrupted_ ||
+             (completed != nullptr && *completed != 0);
     };
+    waiting_.store(true);
+    bool woken = true;
     if (wakeAt == Clock::time_point::max())
       changed_.wait(lock, ready);
-    else if (!changed_.wait_until(lock, wakeAt, ready) && Clock::now() >= until)
+    else
+      woken = changed_.wait_until(lock, wakeAt, ready);
+    waiting_.store(false);
+    if (!woken && Clock::now() >= until)
       return LIBUSB_SUCCESS;
   }
 }

@@ -172,6 +172,35 @@ public:
   }
 
 private:
+  // Held while a thread handles events; another waits for it until `until`.
+  struct EventLock {
+    EventLock(EventPool &pool, Clock::time_point until) : pool_(pool) {
+      std::unique_lock<std::mutex> lock(pool_.mutex_);
+      const auto free = [this] { return !pool_.handling_; };
+      if (until == Clock::time_point::max()) {
+        pool_.changed_.wait(lock, free);
+        held = true;
+      } else {
+        held = pool_.changed_.wait_until(lock, until, free);
+      }
+      if (held)
+        pool_.handling_ = true;
+    }
+    ~EventLock() {
+      if (!held)
+        return;
+      {
+        std::lock_guard<std::mutex> lock(pool_.mutex_);
+        pool_.handling_ = false;
+      }
+      pool_.changed_.notify_all();
+    }
+    EventLock(const EventLock &) = delete;
+    EventLock &operator=(const EventLock &) = delete;
+    EventPool &pool_;
+    bool held = false;
+  };
+
   struct Outcome {
     SimTransfer *transfer;
     libusb_transfer_status status;
@@ -191,7 +220,7 @@ private:
   std::atomic<bool> waiting_{false};
   uint64_t plugSequenceSeen_ = 0;
   bool interrupted_ = false;
-  std::timed_mutex eventLock_;
+  bool handling_ = false; // the event-handling lock, held by one thread at a time
   std::map<libusb_transfer *, std::unique_ptr<SimTransfer>> transfers_;
   std::deque<SimTransfer *> pending_;
   std::map<int, HotplugRegistration> hotplugs_;
@@ -313,8 +342,8 @@ int EventPool::handleEvents(const timeval *tv, int *completed) {
   if (tv != nullptr)
     until =
         Clock::now() + std::chrono::seconds(tv->tv_sec) + std::chrono::microseconds(tv->tv_usec);
-  std::unique_lock<std::timed_mutex> events(eventLock_, std::defer_lock);
-  if (!events.try_lock_until(until))
+  const EventLock events(*this, until);
+  if (!events.held)
     return LIBUSB_SUCCESS;
   for (;;) {
     std::vector<std::pair<SimTransfer *, bool>> snapshot;

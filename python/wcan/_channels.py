@@ -344,9 +344,10 @@ class Channel:
         bus, whichever queue they came through.
         """
         lib, (dev_type, index, channel) = self.lib, self._ids
-        queues = [_Queue(lib.WCAN_Receive, WCAN_CAN_OBJ, _CLASSIC_RECORD, False, self.adapter)]
+        adapter = self.adapter
+        queues = [_Queue(lib.WCAN_Receive, WCAN_CAN_OBJ, _CLASSIC_RECORD, False, adapter)]
         if self.kind.family == _adapters.CAN_FD:
-            queues.append(_Queue(lib.WCAN_ReceiveFD, WCAN_CANFD_OBJ, _FD_RECORD, True, self.adapter))
+            queues.append(_Queue(lib.WCAN_ReceiveFD, WCAN_CANFD_OBJ, _FD_RECORD, True, adapter))
         event = lib.WCAN_GetReceiveEvent(dev_type, index, channel)
         poller = select.poll()
         poller.register(self._wake, select.POLLIN)

@@ -103,7 +103,8 @@ public:
 
   // One pass of the thread.
   void pass(QUserLibUsb &usb, AdapterDuties &duties);
-  // One step of link supervision, as a pass runs it.
+  // One step of link supervision, as a pass runs it: on the thread, or
+  // while the thread is stopped (it may stop the stream).
   void supervise(QUserLibUsb &usb, AdapterDuties &duties);
 
 private:

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
-// One USB device opened through libusb-1.0: selection by vendor/product id and
-// index, interrupt and bulk transfers, a link flag and a restart used by the
-// drivers' fault recovery.
+// One USB device opened through libusb-1.0, in the process's one libusb
+// context: selection by vendor/product id and index, its interface claimed
+// while it is open, interrupt and bulk transfers (and asynchronous ones
+// submitted on its handle), a link flag and a restart used by the drivers'
+// fault recovery.
 //
 // Every wrapper remembers which physical adapter it opened (its serial number
 // where it has one, and its bus and port path), so that a restart reopens

@@ -138,7 +138,9 @@ class Inbox:
                 self._ready.notify()
 
     def _taken(self, msg):
-        if not self.frames and self._signalled:
+        # Under the lock: a put may have woken a waiting host with its event
+        # and not yet noted that it did.
+        if not self.frames:
             with self._ready:
                 self._clear_event_if_drained()
         return msg

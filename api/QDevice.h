@@ -32,6 +32,9 @@ public:
   virtual int getReceiveNum(unsigned int channel, unsigned char frameKind) = 0;
   virtual int transmitData(unsigned char *data, unsigned int length) = 0;
   virtual int setFliter(unsigned int channel, _WCAN_FLITER_CONFIG *config) = 0;
+  // The channel's receive event (a descriptor readable while frames are
+  // queued); -1 for a channel without one.
+  virtual int receiveEvent(unsigned int) { return -1; }
   virtual int RecordSettingSet(unsigned int, _WCAN_RECORD_CONFIG *) { return 0; }
   virtual int RecordSettingGet(unsigned int, _WCAN_RECORD_CONFIG *) { return 0; }
   virtual int RecordCmdExecute(unsigned int, unsigned int, _WCAN_FLITER_INFO *,

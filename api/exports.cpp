@@ -311,6 +311,19 @@ WCAN_EXPORT int WCAN_ReceiveFD(unsigned int devType, unsigned int devIndex, unsi
                 [&](QDevice &d) { return receiveInto(d, channel, pObjs, count, waitTime); });
 }
 
+WCAN_EXPORT int WCAN_GetReceiveEvent(unsigned int devType, unsigned int devIndex,
+                                     unsigned int channel) {
+  if (familyOf(devType) == Family::ClassicCore) {
+    return usbcan2ReceiveEvent(devType, devIndex, channel);
+  }
+  int event = -1;
+  fdOnly(devType, devIndex, [&](QDevice &d) {
+    event = d.receiveEvent(channel);
+    return event >= 0 ? 1 : fail(WCAN_ERR_PARAMETER);
+  });
+  return event;
+}
+
 WCAN_EXPORT int WCAN_Transmit(unsigned int devType, unsigned int devIndex, unsigned int channel,
                               _WCAN_CAN_OBJ *pObjs, unsigned int count) {
   const Family family = familyOf(devType);

@@ -56,6 +56,37 @@ uint64_t cpuNsExcept(const std::set<pid_t> &excluded) {
   return total;
 }
 
+// Context switches (voluntary and not) of every thread of the process except
+// `excluded`: each one is a wake-up of a sleeping or preempted thread.
+uint64_t contextSwitchesExcept(const std::set<pid_t> &excluded) {
+  uint64_t total = 0;
+  DIR *dir = opendir("/proc/self/task");
+  if (dir == nullptr) {
+    return 0;
+  }
+  while (dirent *entry = readdir(dir)) {
+    const pid_t tid = static_cast<pid_t>(atoi(entry->d_name));
+    if (tid <= 0 || excluded.count(tid) != 0) {
+      continue;
+    }
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/self/task/%d/status", tid);
+    if (FILE *f = std::fopen(path, "r")) {
+      char line[128];
+      while (std::fgets(line, sizeof line, f) != nullptr) {
+        unsigned long long n = 0;
+        if (std::sscanf(line, "voluntary_ctxt_switches: %llu", &n) == 1 ||
+            std::sscanf(line, "nonvoluntary_ctxt_switches: %llu", &n) == 1) {
+          total += n;
+        }
+      }
+      std::fclose(f);
+    }
+  }
+  closedir(dir);
+  return total;
+}
+
 uint64_t threadCpuNs() {
   timespec ts{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
@@ -305,6 +336,32 @@ void BM_IdleBlockedReceiveCpu(benchmark::State &state) {
   state.counters["library_cpu_pct"] = 100.0 * static_cast<double>(libraryCpu) / 1e9 / seconds;
 }
 BENCHMARK(BM_IdleBlockedReceiveCpu)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// An open adapter with eight started channels on a silent bus, the host not
+// calling in: how often the library's threads wake, and the CPU they use.
+void BM_IdleAdapterWakeups(benchmark::State &state) {
+  FdAdapter dev(66, 8);
+  if (!dev.ok()) {
+    state.SkipWithError("adapter did not come up");
+    return;
+  }
+  const std::set<pid_t> host{getpid()};
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  double seconds = 0;
+  uint64_t wakeups = 0, cpu = 0;
+  for (auto _ : state) {
+    const uint64_t switchesBefore = contextSwitchesExcept(host);
+    const uint64_t cpuBefore = cpuNsExcept(host);
+    const auto start = Clock::now();
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    wakeups += contextSwitchesExcept(host) - switchesBefore;
+    cpu += cpuNsExcept(host) - cpuBefore;
+    seconds += std::chrono::duration<double>(Clock::now() - start).count();
+  }
+  state.counters["wakeups_per_s"] = static_cast<double>(wakeups) / seconds;
+  state.counters["library_cpu_pct"] = 100.0 * static_cast<double>(cpu) / 1e9 / seconds;
+}
+BENCHMARK(BM_IdleAdapterWakeups)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // WCAN_CloseDevice on a running adapter with both channels started: it must
 // not wait for the receive thread's pending read. Argument: device type.

@@ -52,8 +52,9 @@ Role roleOf(const std::string &name) {
     return Role::ChannelThreads;
   if (name == "serve loop")
     return Role::EventLoop;
-  // The device thread and the library's threads, which it started.
-  if (name == "wcan devices")
+  // The device thread and the library's threads, which it started (an
+  // adapter's supervision and the shared USB event thread).
+  if (name == "wcan devices" || name == "wcan adapter" || name == "wcan usb events")
     return Role::Library;
   return Role::Other;
 }

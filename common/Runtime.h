@@ -44,9 +44,11 @@ namespace wcantool {
   X(WCAN_DevBaudParaGet)                                                                           \
   X(WCAN_DevChStateGet)                                                                            \
   X(WCAN_GetLastError)                                                                             \
-  X(WCAN_GetLastErrorStr)
+  X(WCAN_GetLastErrorStr)                                                                          \
+  X(WCAN_GetReceiveEvent)
 
-// The 30 exported functions of libwcan.so.
+// The exported functions of libwcan.so: the 30 of the interface and the
+// receive-event extension.
 struct WcanApi {
 #define WCAN_TOOL_MEMBER(name) decltype(&::name) name = nullptr;
   WCAN_TOOL_API(WCAN_TOOL_MEMBER)

@@ -635,17 +635,12 @@ private:
 // short) then runs out of its budget after some hundred rounds.
 constexpr std::chrono::milliseconds kTransferTime{1};
 
-// Virtual time: only a receive thread's read of its receive endpoint really
-// blocks (until data comes, its adapter goes or its thread is asked to
-// stop). Every other read that finds nothing waits in vain, as the
-// simulation answers a command while it is written, so its time-out passes
-// on the library's clock at once; the command budgets, retry periods and
-// pauses built on that clock pass with it.
+// Virtual time: the receive streams are asynchronous transfers that wait
+// for data without a read, so every synchronous read that finds nothing
+// waits in vain (the simulation answers a command while it is written): its
+// time-out passes on the library's clock at once, and the command budgets,
+// retry periods and pauses built on that clock pass with it.
 wcansim::ReadWait readWait(uint8_t, unsigned timeoutMs) {
-  const QUserThreadObj *thread = QUserThreadObj::current();
-  if (AdapterWorker::inReceiveRead() && thread != nullptr && !thread->stopRequested()) {
-    return wcansim::ReadWait::Block;
-  }
   virtualtime::advance(std::chrono::milliseconds(timeoutMs));
   return wcansim::ReadWait::TimeOut;
 }

@@ -227,6 +227,19 @@ int WCAN_DevChStateGet(unsigned int devType, unsigned int devIndex, unsigned int
 int WCAN_GetLastError(void);
 const char *WCAN_GetLastErrorStr(void);
 
+/* ---- Extension: beyond the 30 calls of the interface above ----
+ *
+ * WCAN_GetReceiveEvent returns a file descriptor (an eventfd) that is
+ * readable while the channel's receive queues hold frames, so a host can
+ * wait for frames with poll, select, epoll or an event loop instead of
+ * blocking in WCAN_Receive / WCAN_ReceiveFD. Reading frames until the queues
+ * are empty makes it unreadable again. The descriptor belongs to the
+ * library: do not read, write or close it. It stays open while the adapter
+ * is open; WCAN_CloseDevice makes it readable (a host blocked in poll wakes
+ * and finds the adapter gone) and then closes it. Returns -1 with last error
+ * 7 when the adapter is not open, 8 for a channel it does not have. */
+int WCAN_GetReceiveEvent(unsigned int devType, unsigned int devIndex, unsigned int channel);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: MIT
-// The receive thread both adapter families run for an open adapter. Each pass
-// either reads the adapter's receive endpoint into the family's queues or,
-// between reads and only while no command exchange is in flight, watches the
-// USB link: a lost adapter is reopened (the same adapter, see QUserLibUsb)
-// every 50 ms until it answers, then every channel that was initialised is
-// configured and started again. While the link is being restored nothing is
-// read and the thread sleeps until the next attempt.
+// The supervision thread both adapter families run for an open adapter, and
+// its receive stream. The stream keeps several bulk transfers queued on the
+// adapter's data endpoint (BulkInStream); the shared event thread hands their
+// bytes to the family's decoder. The supervision thread sleeps without a
+// time limit while the stream is healthy; a transfer that ends for good wakes
+// it. A lost adapter is then reopened (the same adapter, see QUserLibUsb):
+// where libusb reports hot-plug arrivals, at each arrival, else every 50 ms
+// until it answers; then every channel that was initialised is configured
+// and started again, and the stream is queued again.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 
+#include "platform/BulkInStream.h"
 #include "platform/QUserLibUsb.h"
 #include "platform/QUserThread.h"
 
@@ -29,10 +32,12 @@ public:
   // The adapter was reopened after a loss: whatever part of a record the
   // last reads left behind belongs to a stream that is gone.
   virtual void linkReopened() = 0;
-  // One read of the receive endpoint; a read may block up to
-  // AdapterWorker::kReadTimeoutMs, and the thread's sleeps end early on a
-  // stop request.
-  virtual void readOnce(QUserLibUsb &usb, QUserThreadObj &thread) = 0;
+  // The data endpoint and the size of each queued transfer on it.
+  virtual uint8_t streamEndpoint() const = 0;
+  virtual size_t streamTransferBytes() const = 0;
+  // Bytes of the data stream, in the order the adapter sent them; called on
+  // the event thread, one call at a time.
+  virtual void streamData(const uint8_t *data, size_t length) = 0;
 };
 
 // The link supervision state of one open adapter: the fault word (0 healthy,
@@ -51,6 +56,10 @@ public:
   template <class Settle> void supervise(QUserLibUsb &usb, AdapterDuties &duties, Settle settle);
 
   bool faulted() const { return fault_.load(std::memory_order_relaxed) != 0; }
+  // The last attempt did not find the adapter in the device list.
+  bool adapterAbsent() const { return absent_.load(std::memory_order_relaxed); }
+  // Reopen attempts so far.
+  uint32_t attempts() const { return attempts_.load(std::memory_order_relaxed); }
   uint32_t faultWord() const { return fault_.load(std::memory_order_relaxed); }
   void clear() { fault_.store(0, std::memory_order_relaxed); }
   // Time left until the next attempt is due.
@@ -62,19 +71,30 @@ private:
   const char *recoveredLine_;
   std::atomic<uint32_t> fault_{0};
   std::atomic<uint32_t> lastAttempt_{0};
+  std::atomic<bool> absent_{false};
+  std::atomic<uint32_t> attempts_{0};
 };
 
 class AdapterWorker {
 public:
-  // How long a receive read may block: it bounds how long closing the
-  // adapter waits for the thread.
-  static constexpr unsigned kReadTimeoutMs = 20;
+  // Transfers kept queued on the data endpoint: enough that the adapter
+  // never waits for the host between two of them.
+  static constexpr size_t kQueuedTransfers = 8;
+  // After an arrival (or the loss), an adapter not yet found is looked for
+  // this many more times at the retry period before only arrivals count
+  // again: a device may be listed a moment before it can be opened.
+  static constexpr unsigned kRetriesAfterArrival = 40;
 
   explicit AdapterWorker(const char *recoveredLine) : recovery_(recoveredLine) {}
+  ~AdapterWorker() { stop(); }
+  AdapterWorker(const AdapterWorker &) = delete;
+  AdapterWorker &operator=(const AdapterWorker &) = delete;
 
-  // Starts the thread over an opened adapter; both must outlive stop().
+  // Starts the thread and the stream over an opened adapter; both must
+  // outlive stop().
   bool start(QUserLibUsb &usb, AdapterDuties &duties);
-  void stop() { thread_.stop(); }
+  // Ends the thread, then cancels the queued transfers and waits for them.
+  void stop();
   bool running() const { return thread_.running(); }
 
   LinkRecovery &recovery() { return recovery_; }
@@ -83,15 +103,21 @@ public:
 
   // One pass of the thread.
   void pass(QUserLibUsb &usb, AdapterDuties &duties);
-  // One step of link supervision, as a pass runs it.
+  // One step of link supervision, as a pass runs it: on the thread, or
+  // while the thread is stopped (it may stop the stream).
   void supervise(QUserLibUsb &usb, AdapterDuties &duties);
 
-  // Whether the calling thread is a receive thread in its read of the
-  // receive endpoint, the one wait that nothing in the foreground waits for:
-  // a harness on virtual time lets that one really block.
-  static bool inReceiveRead();
-
 private:
+  bool attemptDue() const;
+  void sleepUntilAttempt();
+  void keepStreaming(QUserLibUsb &usb, AdapterDuties &duties);
+  void streamEnded(QUserLibUsb &usb, libusb_transfer_status status);
+
   LinkRecovery recovery_;
   QUserThreadObj thread_;
+  BulkInStream stream_;
+  bool handlingEvents_ = false;
+  uint64_t arrivalsAtAttempt_ = 0;
+  unsigned retriesAfterArrival_ = 0;
+  std::atomic<libusb_transfer_status> lastEnd_{LIBUSB_TRANSFER_COMPLETED};
 };

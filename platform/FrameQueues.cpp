@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "platform/FrameQueues.h"
 
+#include <sys/eventfd.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -40,8 +42,36 @@ FrameQueues::Channel::Channel() {
 }
 
 FrameQueues::Channel::~Channel() {
+  closeEvent();
   pthread_cond_destroy(&canFdArrived);
   pthread_cond_destroy(&canArrived);
+}
+
+void FrameQueues::Channel::signalEvent() {
+  if (event >= 0 && !signalled) {
+    const uint64_t one = 1;
+    signalled = write(event, &one, sizeof one) == sizeof one;
+  }
+}
+
+void FrameQueues::Channel::clearEventIfDrained() {
+  if (event >= 0 && signalled && empty()) {
+    uint64_t count = 0;
+    signalled = read(event, &count, sizeof count) != sizeof count;
+  }
+}
+
+// Readable first, so a host blocked in poll on it wakes and finds the
+// adapter gone; then closed.
+void FrameQueues::Channel::closeEvent() {
+  if (event < 0) {
+    return;
+  }
+  signalled = false;
+  signalEvent();
+  ::close(event);
+  event = -1;
+  signalled = false;
 }
 
 FrameQueues::FrameQueues(unsigned channels)
@@ -71,6 +101,9 @@ FrameQueues::Producer::~Producer() {
     if (filled_ & 1u << (2 * q + 1)) {
       pthread_cond_broadcast(&channel.canFdArrived);
     }
+    if (filled_ & 3u << (2 * q)) {
+      channel.signalEvent();
+    }
   }
   pthread_mutex_unlock(&queues_.mutex_);
 }
@@ -95,6 +128,7 @@ int FrameQueues::takeFrom(std::deque<Obj> Channel::*frames, pthread_cond_t Chann
     if (n > 0) {
       std::copy(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(n), out);
       waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(n));
+      channel.clearEventIfDrained();
       return static_cast<int>(n);
     }
     if (closed_ || limit == 0 || channel.interrupts != interruptsAtStart) {
@@ -133,6 +167,22 @@ void FrameQueues::clear(unsigned queue) {
   Channel &channel = channels_[index(queue)];
   channel.can.clear();
   channel.canFd.clear();
+  channel.clearEventIfDrained();
+}
+
+int FrameQueues::receiveEvent(unsigned queue) {
+  QUserMutex guard(mutex_);
+  if (closed_) {
+    return -1;
+  }
+  Channel &channel = channels_[index(queue)];
+  if (channel.event < 0) {
+    channel.event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (!channel.empty()) {
+      channel.signalEvent();
+    }
+  }
+  return channel.event;
 }
 
 void FrameQueues::wakeAll(Channel &channel) {
@@ -152,6 +202,7 @@ void FrameQueues::close() {
   closed_ = true;
   for (unsigned q = 0; q < count_; ++q) {
     wakeAll(channels_[q]);
+    channels_[q].closeEvent();
   }
 }
 

@@ -5,6 +5,11 @@
 // adapter is closed: an arrival on one channel wakes no reader of another.
 // Both adapter families keep their frames here. The queues are unbounded:
 // frames wait until the host takes or clears them.
+//
+// A channel's receive event is an eventfd a host can poll: readable while
+// either queue of the channel holds frames. It is made on first request and
+// lives until the queues are closed, which makes it readable (waking a host
+// blocked in poll) and then closes it.
 #pragma once
 
 #include <pthread.h>
@@ -61,6 +66,10 @@ public:
   int take(unsigned queue, _WCAN_CAN_OBJ *out, unsigned maxCount, int waitMs);
   int take(unsigned queue, _WCAN_CANFD_OBJ *out, unsigned maxCount, int waitMs);
 
+  // The channel's receive event, made on first request; -1 when closed or
+  // when no eventfd could be made.
+  int receiveEvent(unsigned queue);
+
   // Kind 0 classic, 1 CAN FD, 2 both; any other kind counts 0.
   unsigned count(unsigned queue, unsigned char kind);
   void clear(unsigned queue);
@@ -83,6 +92,14 @@ private:
     pthread_cond_t canArrived;
     pthread_cond_t canFdArrived;
     uint64_t interrupts = 0;
+    int event = -1;
+    bool signalled = false;
+    bool empty() const { return can.empty() && canFd.empty(); }
+    // The event follows the queues: readable once frames came, cleared
+    // once both queues are drained.
+    void signalEvent();
+    void clearEventIfDrained();
+    void closeEvent();
   };
   unsigned index(unsigned queue) const { return queue < count_ ? queue : count_ - 1; }
   template <class Obj>

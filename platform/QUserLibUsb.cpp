@@ -12,6 +12,7 @@
 
 #include "platform/QUserLog.h"
 #include "platform/QUserUtils.h"
+#include "platform/UsbEvents.h"
 
 namespace {
 
@@ -19,6 +20,8 @@ constexpr unsigned int kMaxMatches = 63;
 constexpr uint32_t kRestartSettleMicros = 100000;
 constexpr uint16_t kEnglishUs = 0x0409;
 constexpr unsigned int kDescriptorTimeoutMs = 1000;
+// Every family's adapter has its endpoints on its first interface.
+constexpr int kInterface = 0;
 
 QUserLog &logger() { return QUserLog::GetInstance(); }
 
@@ -130,14 +133,13 @@ bool UsbAdapterIdentity::sameAdapter(const UsbAdapterIdentity &other) const {
   return samePath(other);
 }
 
-QUserLibUsb::QUserLibUsb() {
-  libusb_init(&ctx);
-  initRecursivePiMutex(&mutex);
-}
+// Every wrapper uses the process's one context, so one thread handles the
+// events of all adapters.
+QUserLibUsb::QUserLibUsb() : ctx(UsbEvents::instance().acquire()) { initRecursivePiMutex(&mutex); }
 
 QUserLibUsb::~QUserLibUsb() {
   CloseUSBDevice();
-  libusb_exit(ctx);
+  UsbEvents::instance().release();
   ctx = nullptr;
   pthread_mutex_destroy(&mutex);
 }
@@ -161,8 +163,15 @@ libusb_device_handle *QUserLibUsb::openAndIdentify(libusb_device *dev, UsbAdapte
   return open;
 }
 
+// The interface is claimed before the first transfer; an adapter that
+// refuses the claim is still used, as before claims were made.
 void QUserLibUsb::adopt(libusb_device_handle *chosen, const UsbAdapterIdentity &id) {
   libusb_reset_device(chosen);
+  const int claim = libusb_claim_interface(chosen, kInterface);
+  interfaceClaimed = claim == 0;
+  if (!interfaceClaimed) {
+    logger().Warn("USB Device<%u> interface claim failed: %s", index, libusb_strerror(claim));
+  }
   adapter = id;
   {
     std::unique_lock<std::shared_mutex> noTransfers(handleInUse);
@@ -283,6 +292,10 @@ void QUserLibUsb::closeLocked() {
       libusb_clear_halt(open, out);
     }
   }
+  if (interfaceClaimed) {
+    libusb_release_interface(open, kInterface);
+    interfaceClaimed = false;
+  }
   libusb_reset_device(open);
   std::unique_lock<std::shared_mutex> noTransfers(handleInUse);
   handle.store(nullptr, std::memory_order_release);
@@ -399,6 +412,19 @@ int QUserLibUsb::read(Kind kind, unsigned char *buffer, int length, unsigned cha
       logger().Warn("line:%d ep:%02x bulk read fail,ret=%d %s", 487, ep, err, libusb_strerror(err));
     }
   }
+  return err;
+}
+
+int QUserLibUsb::submitTransfer(libusb_transfer *transfer) {
+  std::shared_lock<std::shared_mutex> inUse(handleInUse);
+  libusb_device_handle *open = handle.load(std::memory_order_acquire);
+  if (open == nullptr) {
+    return LIBUSB_ERROR_NO_DEVICE;
+  }
+  inEps[transfer->endpoint & 0x07].store(transfer->endpoint, std::memory_order_relaxed);
+  transfer->dev_handle = open;
+  const int err = libusb_submit_transfer(transfer);
+  ProcessUSBDeviceErrCode(err);
   return err;
 }
 

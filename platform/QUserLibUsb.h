@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
-// One USB device opened through libusb-1.0: selection by vendor/product id and
-// index, interrupt and bulk transfers, a link flag and a restart used by the
-// drivers' fault recovery.
+// One USB device opened through libusb-1.0, in the process's one libusb
+// context: selection by vendor/product id and index, its interface claimed
+// while it is open, interrupt and bulk transfers (and asynchronous ones
+// submitted on its handle), a link flag and a restart used by the drivers'
+// fault recovery.
 //
 // Every wrapper remembers which physical adapter it opened (its serial number
 // where it has one, and its bus and port path), so that a restart reopens
@@ -65,6 +67,10 @@ public:
   int ReadUSBDevice(unsigned char *buffer, int length, unsigned char ep, unsigned int timeout);
   int bulkReadUSBDevice(unsigned char *buffer, int length, unsigned char ep, unsigned int timeout);
   int resetUSBEp(unsigned char ep);
+  // Submits an asynchronous transfer on the open device (filled in but for
+  // the handle): 0 or the negative libusb error. The caller keeps every
+  // transfer it submitted ended before the device is closed or reopened.
+  int submitTransfer(libusb_transfer *transfer);
 
   bool isOpen() const { return handle.load(std::memory_order_acquire) != nullptr; }
   UsbAdapterIdentity identity() const;
@@ -91,6 +97,7 @@ private:
   unsigned int index = 0;
   UsbAdapterIdentity adapter; // guarded by mutex
   bool claimed = false;
+  bool interfaceClaimed = false; // guarded by mutex
   std::atomic<uint8_t> lastWriteFailEp{0xFF};
   // Written by every transfer (from the receive thread and host threads at
   // once), read when closing.

@@ -72,3 +72,22 @@ bool QUserThreadObj::sleepUnlessStopped(std::chrono::microseconds duration) {
   return !wake.wait_for(guard, virtualtime::sleepInstead(duration),
                         [this] { return stopRequested(); });
 }
+
+void QUserThreadObj::sleepUntilNudged(std::chrono::microseconds limit) {
+  std::unique_lock<std::mutex> guard(lock);
+  const auto woken = [this] { return stopRequested() || nudged_; };
+  if (limit == std::chrono::microseconds::max()) {
+    wake.wait(guard, woken);
+  } else {
+    wake.wait_for(guard, limit, woken);
+  }
+  nudged_ = false;
+}
+
+void QUserThreadObj::nudge() {
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    nudged_ = true;
+  }
+  wake.notify_all();
+}

@@ -37,6 +37,11 @@ public:
   // Under virtual time (see QUserUtils) the sleep is counted on the clock
   // and really lasts only a moment.
   bool sleepUnlessStopped(std::chrono::microseconds duration);
+  // Sleeps until nudged, a stop is requested or `limit` has passed (no
+  // limit by default); a nudge that came before the sleep ends it at once.
+  void sleepUntilNudged(std::chrono::microseconds limit = std::chrono::microseconds::max());
+  // Ends the thread's current or next sleep (any thread may call it).
+  void nudge();
 
   // The thread object whose thread is calling, or null on any other thread.
   static QUserThreadObj *current();
@@ -57,4 +62,5 @@ private:
   std::condition_variable wake;
   pthread_t handle{};
   bool running_ = false;
+  bool nudged_ = false; // guarded by lock
 };

@@ -15,23 +15,10 @@
 namespace wcantool::serve {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // Records taken from a receive queue per call.
 constexpr unsigned kRxBatch = 256;
-// On a busy bus (batches of several frames) a reader gathers frames for this
-// long before it takes the next batch, so the bus costs a few wake-ups per
-// channel and millisecond instead of one per read of the adapter. Frames that
-// come one by one are handed on at once.
-constexpr auto kGatherTime = std::chrono::milliseconds(10);
-constexpr int kBusyBatch = 4;
 // Frames of one session handed to the library in one call.
 constexpr size_t kTxBatch = 64;
-// How long a reader waits in the library before it looks at its stop flag:
-// stopping one channel of an adapter that stays open must not wait for
-// traffic.
-constexpr int kReceiveWaitMs = 200;
-
 bool takeNumber(std::string_view &text, unsigned &out) {
   size_t n = 0;
   out = 0;
@@ -71,23 +58,60 @@ std::optional<BusAddress> parseBusName(std::string_view name) {
   return a;
 }
 
-Channel::Channel(const Runtime &runtime, DeviceSession &device, unsigned channel, std::string name,
-                 ChannelSettings settings, DeliverySink sink)
-    : runtime_(runtime), device_(device), channel_(channel), name_(std::move(name)),
+Channel::Channel(const Runtime &runtime, asio::io_context &loop, DeviceSession &device,
+                 unsigned channel, std::string name, ChannelSettings settings, DeliverySink sink)
+    : runtime_(runtime), loop_(loop), device_(device), channel_(channel), name_(std::move(name)),
       settings_(settings), sink_(std::move(sink)), clock_(device.type().counterBits) {}
 
 Channel::~Channel() { join(); }
 
+void Channel::ReleaseDescriptor::operator()(asio::posix::stream_descriptor *d) const {
+  asio::error_code ignored;
+  d->cancel(ignored);
+  d->release();
+  delete d;
+}
+
 void Channel::start() {
-  {
-    std::lock_guard<std::mutex> lock(clockMutex_);
-    clock_.restart();
-  }
+  clock_.restart();
   device_.startChannel(channel_, settings_);
-  threads_.emplace_back([this] { readLoop(false); });
-  if (device_.type().family == Family::CanFd)
-    threads_.emplace_back([this] { readLoop(true); });
+  const int event =
+      runtime_.wcan().WCAN_GetReceiveEvent(device_.type().type, device_.index(), channel_);
+  if (event < 0)
+    throw ToolError{"the receive event of " + name_ + " is not available: " + runtime_.lastError()};
+  rxEvent_.reset(new asio::posix::stream_descriptor(loop_, event));
+  awaitFrames();
   threads_.emplace_back([this] { transmitLoop(); });
+}
+
+// The event is readable while frames are queued; once they are taken it is
+// waited on again. Stopping the channel lets the descriptor go, which ends
+// the wait without a call here.
+void Channel::awaitFrames() {
+  rxEvent_->async_wait(asio::posix::stream_descriptor::wait_read,
+                       [weak = weak_from_this()](const asio::error_code &error) {
+                         const std::shared_ptr<Channel> self = weak.lock();
+                         if (error || !self || !self->rxEvent_)
+                           return;
+                         self->takeQueued();
+                         self->awaitFrames();
+                       });
+}
+
+void Channel::takeQueued() {
+  const bool fdAdapter = device_.type().family == Family::CanFd;
+  for (const bool fdQueue : {false, true}) {
+    if (fdQueue && !fdAdapter)
+      break;
+    for (;;) {
+      std::vector<TimedFrame> frames;
+      const int n = receive(fdQueue, frames);
+      if (n > 0)
+        deliver(0, false, std::move(frames), 0, {});
+      if (n < static_cast<int>(kRxBatch))
+        break;
+    }
+  }
 }
 
 void Channel::askToStop() {
@@ -111,6 +135,7 @@ void Channel::join() {
 // Stopping the channel in the library ends its readers' waits at once; the
 // bounded wait only covers a reader that was between two waits then.
 void Channel::stop() {
+  rxEvent_.reset();
   if (threads_.empty())
     return;
   askToStop();
@@ -127,6 +152,7 @@ void Channel::transmit(uint64_t origin, bool cyclic, const std::vector<Frame> &f
   wake_.notify_all();
 }
 
+// What is queued, without waiting.
 int Channel::receive(bool fdQueue, std::vector<TimedFrame> &out) {
   const WcanApi &api = runtime_.wcan();
   const unsigned type = device_.type().type;
@@ -135,63 +161,30 @@ int Channel::receive(bool fdQueue, std::vector<TimedFrame> &out) {
   int n = 0;
   if (fdQueue) {
     _WCAN_CANFD_OBJ buf[kRxBatch];
-    n = api.WCAN_ReceiveFD(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
+    n = api.WCAN_ReceiveFD(type, device_.index(), channel_, buf, kRxBatch, 0);
     for (int i = 0; i < n; ++i) {
       out.push_back({fromCanFdObj(buf[i]), {}});
       counters.push_back(buf[i].timeStamp);
     }
   } else {
     _WCAN_CAN_OBJ buf[kRxBatch];
-    n = api.WCAN_Receive(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
+    n = api.WCAN_Receive(type, device_.index(), channel_, buf, kRxBatch, 0);
     for (int i = 0; i < n; ++i) {
       out.push_back({fromCanObj(buf[i]), {}});
       counters.push_back(buf[i].timeStamp);
     }
   }
-  stampInOrder(counters, out);
+  stampBatch(counters, out);
   return n;
 }
 
-// The adapter's time stamps, not the time the reader woke: a batch keeps the
-// spacing the frames had on the bus.
-void Channel::stampInOrder(const std::vector<uint32_t> &counters, std::vector<TimedFrame> &frames) {
+// The adapter's time stamps, not the time the loop woke: a batch keeps the
+// spacing the frames had on the bus (see DeviceClock).
+void Channel::stampBatch(const std::vector<uint32_t> &counters, std::vector<TimedFrame> &frames) {
   std::vector<int64_t> times(counters.size());
-  {
-    std::lock_guard<std::mutex> lock(clockMutex_);
-    clock_.toEpochUs(counters.data(), counters.size(), hostEpochUs(), times.data());
-  }
+  clock_.toEpochUs(counters.data(), counters.size(), hostEpochUs(), times.data());
   for (size_t i = 0; i < times.size(); ++i)
     frames[frames.size() - times.size() + i].time = logTimeOf(times[i]);
-}
-
-void Channel::pauseAfterFailedWait() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  wake_.wait_for(lock, std::chrono::milliseconds(kReceiveWaitMs), [this] { return stopping_; });
-}
-
-void Channel::readLoop(bool fdQueue) {
-  nameThisThread(name_, fdQueue ? "fd" : "rx");
-  bool busy = false;
-  for (;;) {
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      if (busy)
-        wake_.wait_for(lock, kGatherTime, [this] { return stopping_; });
-      if (stopping_)
-        return;
-    }
-    std::vector<TimedFrame> frames;
-    const auto before = Clock::now();
-    const int n = receive(fdQueue, frames);
-    // A full batch means more is waiting: take it at once.
-    busy = n >= kBusyBatch && n < static_cast<int>(kRxBatch);
-    if (n > 0) {
-      deliver(0, false, std::move(frames), 0, {});
-    } else if (Clock::now() - before < std::chrono::milliseconds(kReceiveWaitMs / 2)) {
-      // The library returned without waiting (an error): do not spin on it.
-      pauseAfterFailedWait();
-    }
-  }
 }
 
 std::vector<Channel::TxItem> Channel::nextTransmitRun() {
@@ -262,8 +255,9 @@ bool BusHub::AdapterKey::operator<(const AdapterKey &o) const {
   return std::tie(vendorId, productId, index) < std::tie(o.vendorId, o.productId, o.index);
 }
 
-BusHub::BusHub(const Runtime &runtime, ChannelSettings settings, DeliverySink sink)
-    : runtime_(runtime), settings_(settings), sink_(std::move(sink)) {}
+BusHub::BusHub(const Runtime &runtime, asio::io_context &loop, ChannelSettings settings,
+               DeliverySink sink)
+    : runtime_(runtime), loop_(loop), settings_(settings), sink_(std::move(sink)) {}
 
 BusHub::~BusHub() { closeAll(); }
 
@@ -343,8 +337,8 @@ std::shared_ptr<Channel> BusHub::startChannel(OpenAdapter &adapter, const BusAdd
   if (adapter.device->type().family != Family::CanFd)
     settings.fd = false;
   checkChannelUse(adapter.device->type(), bus.channel, settings);
-  auto channel =
-      std::make_shared<Channel>(runtime_, *adapter.device, bus.channel, busName, settings, sink_);
+  auto channel = std::make_shared<Channel>(runtime_, loop_, *adapter.device, bus.channel, busName,
+                                           settings, sink_);
   channel->start();
   std::fprintf(stderr, "wcan serve: started %s\n", busName.c_str());
   return channel;

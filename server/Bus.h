@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 // The adapter side of `wcan serve`: every channel a client opened runs here,
-// once for all the clients on it. Each open channel has reader threads that
-// block in the library's receive calls (one per receive queue kind) and a
-// transmit thread, so a slow USB transfer never holds up the network side.
-// Frames go to the network side through a sink as Deliveries.
+// once for all the clients on it. The device thread's event loop waits on
+// each open channel's receive event and takes what is queued when it becomes
+// readable; each channel has a transmit thread, so a slow USB transfer never
+// holds up the network side. Frames go to the network side through a sink as
+// Deliveries, stamped with the adapter's time.
 #pragma once
 
+#include <asio.hpp>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -20,6 +22,7 @@
 #include <vector>
 
 #include "common/Device.h"
+#include "common/DeviceClock.h"
 
 namespace wcantool::serve {
 
@@ -59,8 +62,10 @@ struct BusCounters {
 // One started channel of an open adapter.
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
-  Channel(const Runtime &runtime, DeviceSession &device, unsigned channel, std::string name,
-          ChannelSettings settings, DeliverySink sink);
+  // `loop` waits on the channel's receive event; it runs on the thread that
+  // starts and stops the channel.
+  Channel(const Runtime &runtime, asio::io_context &loop, DeviceSession &device, unsigned channel,
+          std::string name, ChannelSettings settings, DeliverySink sink);
   ~Channel();
   Channel(const Channel &) = delete;
   Channel &operator=(const Channel &) = delete;
@@ -91,39 +96,45 @@ private:
     Frame frame;
   };
 
-  void readLoop(bool fdQueue);
+  // The library owns the descriptor: it is let go, never closed, here.
+  struct ReleaseDescriptor {
+    void operator()(asio::posix::stream_descriptor *d) const;
+  };
+
+  void awaitFrames();
+  void takeQueued();
   int receive(bool fdQueue, std::vector<TimedFrame> &out);
-  void stampInOrder(const std::vector<uint32_t> &counters, std::vector<TimedFrame> &frames);
+  void stampBatch(const std::vector<uint32_t> &counters, std::vector<TimedFrame> &frames);
   void transmitLoop();
   std::vector<TxItem> nextTransmitRun();
   void deliver(uint64_t origin, bool cyclic, std::vector<TimedFrame> frames, size_t failed,
                const std::string &failure);
-  void pauseAfterFailedWait();
 
   const Runtime &runtime_;
+  asio::io_context &loop_;
   DeviceSession &device_;
   const unsigned channel_;
   const std::string name_;
   const ChannelSettings settings_;
   DeliverySink sink_;
 
-  // The adapter's time stamps as host time, shared by the readers of both
-  // receive queues so their frames share one time line.
-  std::mutex clockMutex_;
-  DeviceClock clock_;
-
   std::mutex mutex_;
   std::condition_variable wake_;
   bool stopping_ = false;
   std::deque<TxItem> txQueue_;
   std::vector<std::thread> threads_;
+  std::unique_ptr<asio::posix::stream_descriptor, ReleaseDescriptor> rxEvent_;
+  // The adapter's time stamps as host time, one time line for both receive
+  // queues; used on the event loop only.
+  DeviceClock clock_;
 };
 
 // The open adapters and their started channels. All calls come from one
-// thread (the server's device thread).
+// thread (the server's device thread), which runs `loop`.
 class BusHub {
 public:
-  BusHub(const Runtime &runtime, ChannelSettings settings, DeliverySink sink);
+  BusHub(const Runtime &runtime, asio::io_context &loop, ChannelSettings settings,
+         DeliverySink sink);
   ~BusHub();
   BusHub(const BusHub &) = delete;
   BusHub &operator=(const BusHub &) = delete;
@@ -160,6 +171,7 @@ private:
                                         const std::string &busName);
 
   const Runtime &runtime_;
+  asio::io_context &loop_;
   const ChannelSettings settings_;
   DeliverySink sink_;
   std::map<AdapterKey, OpenAdapter> adapters_;

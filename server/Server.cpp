@@ -26,7 +26,7 @@ asio::ip::tcp::endpoint listenEndpoint(const ServeOptions &options) {
 Server::Server(const Runtime &runtime, const ServeOptions &options)
     : options_(options), acceptor_(io_), signals_(io_), acceptRetry_(io_),
       deviceWork_(asio::make_work_guard(deviceIo_)),
-      hub_(runtime, options.settings, [this](std::unique_ptr<Delivery> d) {
+      hub_(runtime, deviceIo_, options.settings, [this](std::unique_ptr<Delivery> d) {
         asio::post(io_, [this, d = std::move(d)]() mutable { deliver(std::move(d)); });
       }) {
   const asio::ip::tcp::endpoint endpoint = listenEndpoint(options);

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "BusTiming.h"
+#include "SimEvents.h"
 
 namespace wcansim {
 
@@ -100,6 +101,7 @@ void Adapter::enqueue(uint8_t ep, Bytes bytes) {
     return;
   q.transfers.push_back(std::move(bytes));
   dataOrGone_[epSlot(ep)].notify_all();
+  usbEventHappened();
 }
 
 void Adapter::applyReplyFault(Bytes &reply) {
@@ -223,6 +225,21 @@ int Adapter::read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *t
   }
 }
 
+int Adapter::poll(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *transferred) {
+  *transferred = 0;
+  if ((ep & LIBUSB_ENDPOINT_IN) == 0 || len < 0 || (len > 0 && buf == nullptr))
+    return LIBUSB_ERROR_INVALID_PARAM;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!isCurrent(generation))
+    return LIBUSB_ERROR_NO_DEVICE;
+  InQueue &q = in_[epSlot(ep)];
+  if (q.transfers.empty() && !silent_)
+    model_->onReadEmpty(*this, ep);
+  if (q.transfers.empty())
+    return LIBUSB_ERROR_TIMEOUT;
+  return serve(ep, buf, len, transferred);
+}
+
 int Adapter::resetDevice(uint32_t generation) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!isCurrent(generation))
@@ -242,6 +259,7 @@ bool Adapter::deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus,
   delivered_[channel].fetch_add(1, std::memory_order_relaxed);
   collectOutbox(toBus);
   wakeAllReaders();
+  usbEventHappened();
   return true;
 }
 
@@ -272,6 +290,7 @@ void Adapter::unplug() {
   clearQueues();
   outbox_.clear();
   wakeAllReaders();
+  usbPlugEventHappened();
 }
 
 void Adapter::replug() {
@@ -286,6 +305,7 @@ void Adapter::replug() {
   model_->onReset();
   plugged_.store(true, std::memory_order_release);
   wakeAllReaders();
+  usbPlugEventHappened();
 }
 
 void Adapter::setPluggedAt(std::chrono::steady_clock::time_point at) {
@@ -316,6 +336,7 @@ void Adapter::remove() {
   for (auto &record : written_)
     record.clear();
   wakeAllReaders();
+  usbPlugEventHappened();
 }
 
 void Adapter::setSilent(bool silent) {

@@ -91,6 +91,9 @@ public:
             BusFrames &toBus);
   int read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *transferred,
            unsigned timeoutMs);
+  // The same read without waiting: LIBUSB_ERROR_TIMEOUT when nothing is
+  // queued (asynchronous transfers wait in the event handling instead).
+  int poll(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *transferred);
   int resetDevice(uint32_t generation);
   int checkAlive(uint32_t generation) const;
 

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "SimEvents.h"
 #include "SimTestbed.h"
 
 using wcansim::Adapter;
@@ -447,3 +448,11 @@ const char *libusb_strerror(int errcode) {
 }
 
 } // extern "C"
+
+std::shared_ptr<Adapter> wcansim::handleAdapter(libusb_device_handle *handle,
+                                                uint32_t *generation) {
+  if (handle == nullptr)
+    return nullptr;
+  *generation = handle->generation;
+  return handle->adapter;
+}

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "BusTiming.h"
+#include "SimEvents.h"
 
 namespace wcansim {
 
@@ -53,6 +54,7 @@ AdapterId Testbed::plugIn(unsigned devType) {
   for (unsigned ch = 0; ch + 1 < adapter->channelCount(); ch += 2)
     links_.insert(makeLink({id, ch}, {id, ch + 1}));
   adapters_.push_back(std::move(adapter));
+  usbPlugEventHappened();
   return id;
 }
 

@@ -59,7 +59,9 @@ struct devInfo final : AdapterDuties {
   bool anyChannelInitialised() const override { return chInit[0] != 0 || chInit[1] != 0; }
   bool replayChannels() override;
   void linkReopened() override { reassembler->clear(); }
-  void readOnce(QUserLibUsb &usb, QUserThreadObj &thread) override;
+  uint8_t streamEndpoint() const override { return usbcan2wire::kDataInEp; }
+  size_t streamTransferBytes() const override { return usbcan2wire::kReadChunk; }
+  void streamData(const uint8_t *data, size_t length) override;
 };
 
 devInfo &usbcan2Record(uint32_t index);

@@ -16,6 +16,8 @@ int32_t usbcan2StartCAN(uint32_t type, uint32_t index, uint32_t channel);
 uint32_t usbcan2ResetCAN(uint32_t type, uint32_t index, uint32_t channel);
 uint32_t usbcan2ClearBuffer(uint32_t type, uint32_t index, uint32_t channel);
 uint32_t usbcan2GetReceiveNum(uint32_t type, uint32_t index, uint32_t channel);
+// The channel's receive event, or -1 with the last error set.
+int usbcan2ReceiveEvent(uint32_t type, uint32_t index, uint32_t channel);
 int32_t usbcan2Receive(uint32_t type, uint32_t index, uint32_t channel, _WCAN_CAN_OBJ *out,
                        uint32_t maxFrames, int32_t waitMs);
 uint32_t usbcan2Transmit(uint32_t type, uint32_t index, uint32_t channel,

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The per-device worker of the classic family: it drains the receive endpoint
-// into the channel queues and brings a lost adapter back, on the receive
-// thread both adapter families share (AdapterWorker).
-#include <chrono>
-
+// The per-device worker of the classic family: its receive stream fills the
+// channel queues, and its supervision brings a lost adapter back
+// (AdapterWorker, shared by both adapter families).
 #include "api/QErrMgr.h"
 #include "devices/usbcan2/Usbcan2Device.h"
 #include "devices/usbcan2/Usbcan2Wire.h"
@@ -39,24 +37,11 @@ bool devInfo::replayChannels() {
   return true;
 }
 
-// The device the worker was started on stays alive until the worker has
-// stopped (closing detaches it first and releases it last).
-void devInfo::readOnce(QUserLibUsb &dev, QUserThreadObj &thread) {
-  uint8_t chunk[kReadChunk] = {};
-  const int got =
-      dev.bulkReadUSBDevice(chunk, sizeof chunk, kDataInEp, AdapterWorker::kReadTimeoutMs);
-  if (got > 0) {
-    FrameQueues::Producer producer(rxQueue);
-    reassembler->feed(
-        chunk, static_cast<size_t>(got),
-        [&](uint32_t channel, const _WCAN_CAN_OBJ &frame) { producer.can(channel, frame); });
-  } else if (got == 0) {
-    thread.sleepUnlessStopped(std::chrono::microseconds(100));
-  } else if (got != LIBUSB_ERROR_TIMEOUT) {
-    // A read that fails at once (device gone, no channel to recover) is not
-    // retried sooner than this.
-    thread.sleepUnlessStopped(std::chrono::milliseconds(1));
-  }
+void devInfo::streamData(const uint8_t *data, size_t length) {
+  FrameQueues::Producer producer(rxQueue);
+  reassembler->feed(data, length, [&](uint32_t channel, const _WCAN_CAN_OBJ &frame) {
+    producer.can(channel, frame);
+  });
 }
 
 void usbcan2ThreadStart(devInfo *info, QUserLibUsb &dev) {
@@ -89,4 +74,16 @@ int32_t usbcan2Receive(uint32_t /*type*/, uint32_t index, uint32_t channel, _WCA
     return 0;
   }
   return info.rxQueue.take(channel == 0 ? 0 : 1, out, maxFrames, waitMs);
+}
+
+int usbcan2ReceiveEvent(uint32_t type, uint32_t index, uint32_t channel) {
+  if (!usbcan2DevParaIsValid(type, index, channel)) {
+    return -1;
+  }
+  devInfo &info = usbcan2Record(index);
+  const int event = usbcan2Device(&info) ? info.rxQueue.receiveEvent(channel) : -1;
+  if (event < 0) {
+    setLastError(WCAN_ERR_DEVICE_NOT_OPENED);
+  }
+  return event;
 }

@@ -54,6 +54,9 @@ public:
   int stop(unsigned int channel) override;
   int clearBuffer(unsigned int channel) override;
   int getReceiveNum(unsigned int channel, unsigned char kind) override;
+  int receiveEvent(unsigned int channel) override {
+    return channel < chCount ? rxQueues.receiveEvent(channel) : -1;
+  }
   int transmitData(unsigned char *data, unsigned int length) override {
     return transmitData(data, length, false);
   }
@@ -130,12 +133,17 @@ public:
   uint32_t dbitPreset(unsigned channel) const { return presetDbitTiming[channel]; }
 
 private:
-  // AdapterDuties, run by the receive thread.
+  // AdapterDuties, run by the supervision thread and (the stream's bytes)
+  // the event thread.
   bool commandIdle() const override { return commands.idle(); }
   bool anyChannelInitialised() const override;
   bool replayChannels() override;
   void linkReopened() override { stream.reset(); }
-  void readOnce(QUserLibUsb &usb, QUserThreadObj &thread) override;
+  uint8_t streamEndpoint() const override { return usbcanfd::kEpStreamIn; }
+  size_t streamTransferBytes() const override { return usbcanfd::kStreamBufferLen; }
+  void streamData(const uint8_t *data, size_t length) override {
+    usbRxDataProcess(data, static_cast<uint32_t>(length));
+  }
 
   usbcanfd::UsbCanFdVariant variant() const { return usbcanfd::variantFor(deviceType); }
   // 0 on success, -1 not written or device not ready, -2 no matching reply.

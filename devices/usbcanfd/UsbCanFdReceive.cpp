@@ -1,33 +1,11 @@
 // SPDX-License-Identifier: MIT
-// The receive side of the CAN FD adapter: the receive thread's reads of the
-// data stream into the per-channel queues, and the host's receive calls.
+// The receive side of the CAN FD adapter: the data stream's bytes into the
+// per-channel queues, and the host's receive calls.
 #include "QDeviceUsbCanFd2.h"
 #include "UsbCanFdInternal.h"
 #include "platform/QUserUtils.h"
 
 using namespace usbcanfd;
-
-// The bulk read lands straight in the stream buffer's free space. A clear
-// asked for while the read was pending keeps only the bytes of that read.
-void QDeviceUsbCanFd2::readOnce(QUserLibUsb &usb, QUserThreadObj &thread) {
-  if (streamResetRequested.exchange(false, std::memory_order_relaxed)) {
-    stream.reset();
-  }
-  const int got = usb.bulkReadUSBDevice(stream.space(), static_cast<int>(stream.room()),
-                                        kEpStreamIn, AdapterWorker::kReadTimeoutMs);
-  if (got > 0) {
-    if (streamResetRequested.exchange(false, std::memory_order_relaxed)) {
-      stream.resetKeepingRead(static_cast<size_t>(got));
-    }
-    FrameQueues::Producer producer(rxQueues);
-    stream.commit(static_cast<size_t>(got), producer);
-  } else if (got == 0) {
-    thread.sleepUnlessStopped(std::chrono::microseconds(100));
-  } else if (got != LIBUSB_ERROR_TIMEOUT) {
-    // A lost device fails every read at once; pause so the pass does not spin.
-    thread.sleepUnlessStopped(std::chrono::milliseconds(1));
-  }
-}
 
 void QDeviceUsbCanFd2::msgReceiveTask() {
   MSG_OBJ msg{};
@@ -38,6 +16,8 @@ void QDeviceUsbCanFd2::msgReceiveTask() {
   }
 }
 
+// A clear asked for while a transfer was queued keeps only the bytes of
+// transfers that complete after it.
 void QDeviceUsbCanFd2::usbRxDataProcess(const uint8_t *data, uint32_t length) {
   if (streamResetRequested.exchange(false, std::memory_order_relaxed)) {
     stream.reset();

@@ -14,7 +14,10 @@ neighbours' frames.
 import atexit
 import collections
 import ctypes
+import heapq
 import logging
+import os
+import select
 import struct
 import threading
 import time
@@ -34,8 +37,8 @@ from ._records import (
 
 log = logging.getLogger("can.wcan")
 
-# How long one library receive call waits. Stopping the channel ends a wait
-# at once; the bound only covers a reader that was between two waits then.
+# How long a reader waits on the receive event before it looks at its stop
+# flag again; stopping the channel ends a wait at once.
 READ_WAIT_MS = 1000
 # Frames taken from the library per call.
 BATCH = 512
@@ -89,10 +92,13 @@ class Inbox:
     """The frames waiting for one Bus; a closed inbox wakes and refuses readers.
 
     The reader threads of a channel's two queues hand over their batches
-    independently, so a frame may arrive after one of the other kind that was
-    on the bus after it. It takes its place among the frames still waiting;
-    behind one already read it takes that frame's time stamp: the time stamps
+    independently, so a frame may follow one of the other kind that was on
+    the bus after it. It then takes that frame's time stamp: the time stamps
     of a Bus never run backwards, which log writers rely on.
+
+    Its event is a descriptor readable while frames wait, for hosts that
+    wait in selectors or asyncio; closing the inbox makes it readable, then
+    closes it.
     """
 
     def __init__(self, capacity):
@@ -103,7 +109,9 @@ class Inbox:
         self.closed = False
         self._ready = threading.Condition(threading.Lock())
         self._waiting = 0
-        self._last_taken = 0.0
+        self._last_stamp = 0.0
+        self.event = os.eventfd(0, os.EFD_CLOEXEC | os.EFD_NONBLOCK)
+        self._signalled = False
 
     def put(self, messages):
         if not messages:
@@ -115,25 +123,32 @@ class Inbox:
                 messages = messages[:room]
             else:
                 self._dropping = False
-            frames = self.frames
-            for msg in messages:
-                if msg.timestamp < self._last_taken:
-                    msg.timestamp = self._last_taken
-                self._insert(msg)
+            last = self._last_stamp
+            for msg in messages:  # a batch is in order: only its head can lie behind
+                if msg.timestamp >= last:
+                    break
+                msg.timestamp = last
+            if messages:
+                self._last_stamp = max(last, messages[-1].timestamp)
+            self.frames.extend(messages)
+            if messages and not self._signalled:
+                os.eventfd_write(self.event, 1)
+                self._signalled = True
             if self._waiting:
                 self._ready.notify()
 
-    def _insert(self, msg):
-        """Puts a frame that lies behind the last waiting one in its place,
-        never before a frame of its own queue, which the adapter sent first."""
-        frames = self.frames
-        place = len(frames)
-        while place > 0 and frames[place - 1].timestamp > msg.timestamp:
-            if frames[place - 1].is_fd == msg.is_fd:
-                msg.timestamp = frames[place - 1].timestamp
-                break
-            place -= 1
-        frames.insert(place, msg)
+    def _taken(self, msg):
+        # Under the lock: a put may have woken a waiting host with its event
+        # and not yet noted that it did.
+        if not self.frames:
+            with self._ready:
+                self._clear_event_if_drained()
+        return msg
+
+    def _clear_event_if_drained(self):
+        if not self.frames and self._signalled and not self.closed:
+            os.eventfd_read(self.event)
+            self._signalled = False
 
     def _drop(self, count):
         if not self._dropping:
@@ -145,17 +160,24 @@ class Inbox:
         """The oldest frame; None after `timeout` seconds (None waits without limit)."""
         if self.closed:
             raise CanOperationError("the bus is shut down")
+        try:
+            return self._taken(self.frames.popleft())
+        except IndexError:
+            if timeout is not None and timeout <= 0:
+                return None
         deadline = None if timeout is None else time.monotonic() + timeout
-        # Under the lock: put() may be inserting behind the head.
         with self._ready:
             self._waiting += 1
             try:
                 while True:
                     if self.closed:
                         raise CanOperationError("the bus was shut down while receiving")
-                    if self.frames:
+                    try:
                         msg = self.frames.popleft()
-                        self._last_taken = msg.timestamp
+                    except IndexError:
+                        pass
+                    else:
+                        self._clear_event_if_drained()
                         return msg
                     left = None if deadline is None else deadline - time.monotonic()
                     if left is not None and left <= 0:
@@ -165,8 +187,15 @@ class Inbox:
                 self._waiting -= 1
 
     def close(self):
+        """Wakes every reader, and every host waiting on the event, for good."""
         with self._ready:
             self.closed = True
+            if self.event >= 0:
+                # Readable first, so a host waiting on it wakes, then gone.
+                os.eventfd_write(self.event, 1)
+                os.close(self.event)
+                self.event = -1
+            self._signalled = True
             self._ready.notify_all()
 
 
@@ -233,6 +262,30 @@ class Adapter:
         self.lib.WCAN_CloseDevice(self.kind.number, self.index)
 
 
+class _Queue:
+    """One of a channel's receive queues as its reader takes it, without waiting."""
+
+    def __init__(self, receive, record_type, layout, is_fd, clock):
+        self.receive = receive
+        self.buffer = (record_type * BATCH)()
+        self.address = ctypes.addressof(self.buffer)
+        self.layout = layout
+        self.is_fd = is_fd
+        self.clock = clock
+
+    def take(self, ids):
+        """(records, epoch seconds of each, is_fd) of what is queued; no records when empty."""
+        count = self.receive(*ids, self.buffer, BATCH, 0)
+        if count <= 0:
+            return [], [], self.is_fd
+        now_us = time.time_ns() // 1000
+        data = ctypes.string_at(self.address, count * self.layout.size)
+        records = list(self.layout.iter_unpack(data))
+        counters = [record[1] for record in records]
+        stamps = [us * 1e-6 for us in self.clock.batch_to_epoch_us(counters, now_us)]
+        return records, stamps, self.is_fd
+
+
 class Channel:
     def __init__(self, lib, name, adapter, settings):
         self.lib = lib
@@ -245,10 +298,11 @@ class Channel:
         self.subscribers = ()
         self._lock = threading.Lock()
         self._stop = threading.Event()
+        self._wake = os.eventfd(0, os.EFD_CLOEXEC | os.EFD_NONBLOCK)  # ends the reader's wait
         self._readers = []
         self._hardware_ranges = None
         self._ids = (self.kind.number, adapter.index, name.channel)
-        # Both receive queues' readers share it, so their frames share one time line.
+        # Both receive queues share it, so their frames share one time line.
         self.clock = DeviceClock(self.kind.counter_bits)
 
     # -- start and stop ---------------------------------------------------
@@ -273,57 +327,58 @@ class Channel:
         if not started:
             rates = f"{s.bitrate} bit/s" + (f", data phase {s.data_bitrate} bit/s" if s.fd else "")
             raise lib.error(f"cannot start {self.name} at {rates}")
-        self._start_reader(lib.WCAN_Receive, WCAN_CAN_OBJ, _CLASSIC_RECORD, False)
-        if self.kind.family == _adapters.CAN_FD:
-            self._start_reader(lib.WCAN_ReceiveFD, WCAN_CANFD_OBJ, _FD_RECORD, True)
-
-    def _start_reader(self, receive, record_type, layout, is_fd):
-        thread = threading.Thread(
-            target=self._read,
-            args=(receive, record_type, layout, is_fd),
-            name=f"{self.name} {'CAN FD' if is_fd else 'CAN'} reader",
-            daemon=True,
-        )
+        thread = threading.Thread(target=self._read, name=f"{self.name} reader", daemon=True)
         self._readers.append(thread)
         thread.start()
 
     def stop(self):
         self._stop.set()
+        os.eventfd_write(self._wake, 1)
         self.lib.WCAN_Stop(*self._ids)
         for thread in self._readers:
             thread.join()
+        os.close(self._wake)
 
     # -- receiving --------------------------------------------------------
 
-    def _read(self, receive, record_type, layout, is_fd):
-        buffer = (record_type * BATCH)()
-        address = ctypes.addressof(buffer)
-        dev_type, index, channel = self._ids
+    def _read(self):
+        """Waits on the channel's receive event and takes both queues at each wake.
+
+        Frames of the two queues taken in one pass are handed on in the order
+        of the adapter's time stamps, so a Bus sees them as they were on the
+        bus, whichever queue they came through.
+        """
+        lib, (dev_type, index, channel) = self.lib, self._ids
         clock = self.clock
-        stopping = self._stop
-        while not stopping.is_set():
-            asked = time.monotonic()
-            count = receive(dev_type, index, channel, buffer, BATCH, READ_WAIT_MS)
-            if count <= 0:
-                if time.monotonic() - asked < READ_WAIT_MS / 2000:
-                    # The library refused at once instead of waiting.
-                    stopping.wait(READ_WAIT_MS / 1000)
+        queues = [_Queue(lib.WCAN_Receive, WCAN_CAN_OBJ, _CLASSIC_RECORD, False, clock)]
+        if self.kind.family == _adapters.CAN_FD:
+            queues.append(_Queue(lib.WCAN_ReceiveFD, WCAN_CANFD_OBJ, _FD_RECORD, True, clock))
+        event = lib.WCAN_GetReceiveEvent(dev_type, index, channel)
+        poller = select.poll()
+        poller.register(self._wake, select.POLLIN)
+        if event >= 0:
+            poller.register(event, select.POLLIN)
+        while not self._stop.is_set():
+            ready = poller.poll(READ_WAIT_MS if event >= 0 else READ_WAIT_MS // 10)
+            if any(revents & select.POLLNVAL for _, revents in ready):
+                self._stop.wait(READ_WAIT_MS / 1000)  # the adapter closed under the reader
                 continue
-            now_us = time.time_ns() // 1000
             try:
-                records = list(layout.iter_unpack(ctypes.string_at(address, count * layout.size)))
-                stamps = [
-                    us * 1e-6
-                    for us in clock.batch_to_epoch_us([record[1] for record in records], now_us)
-                ]
-                for subscriber in self.subscribers:
-                    subscriber.inbox.put(
-                        received_messages(
-                            records, stamps, self.name, is_fd, subscriber.matches
-                        )
-                    )
+                self._hand_out([q.take(self._ids) for q in queues])
             except Exception:  # a reader that dies silently would lose every later frame
                 log.exception("%s: frames lost while handing them out", self.name)
+
+    def _hand_out(self, batches):
+        batches = [(records, stamps, is_fd) for records, stamps, is_fd in batches if records]
+        for subscriber in self.subscribers:
+            lists = [
+                received_messages(records, stamps, self.name, is_fd, subscriber.matches)
+                for records, stamps, is_fd in batches
+            ]
+            if len(lists) == 1:
+                subscriber.inbox.put(lists[0])
+            elif lists:
+                subscriber.inbox.put(list(heapq.merge(*lists, key=lambda m: m.timestamp)))
 
     # -- sending ----------------------------------------------------------
 

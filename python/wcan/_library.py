@@ -71,6 +71,8 @@ PROTOTYPES = {
     "WCAN_DevChStateGet": (_u, _u, _u, _pu8, _pu8, _pu8),
     "WCAN_GetLastError": (),
     "WCAN_GetLastErrorStr": (),
+    # Extension: a descriptor readable while a channel's queues hold frames.
+    "WCAN_GetReceiveEvent": (_u, _u, _u),
 }
 
 

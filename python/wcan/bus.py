@@ -134,6 +134,16 @@ class WcanBus(BusABC):
         # The reader threads filter before they build messages.
         return self._inbox.get(timeout), True
 
+    def fileno(self):
+        """A descriptor readable while this bus holds received frames.
+
+        As with python-can's SocketCAN bus, a host can register the bus with
+        ``selectors`` or an asyncio loop and call ``recv(0)`` when it is
+        readable. ``shutdown()`` makes it readable (waking a waiting host),
+        then closes it; it is -1 from then on.
+        """
+        return self._inbox.event
+
     def _apply_filters(self, filters):
         self._channel.set_filters(self._subscriber, filters)
 

@@ -2,6 +2,7 @@
 """The python-can interface wcan on simulated adapters: traffic, sharing, errors."""
 
 import re
+import selectors
 import threading
 import time
 
@@ -217,3 +218,20 @@ def test_detected_configurations_list_every_channel_of_every_adapter():
     channels = {c["channel"] for c in can.detect_available_configs("wcan")}
     # Types that share their USB ids are listed as the first of them.
     assert channels == {"wcan41-0-0", "wcan41-0-1", "wcan3-0-0", "wcan3-0-1"}
+
+
+def test_fileno_lets_selectors_wait_for_frames(open_bus, cabled):
+    only = [{"can_id": 0x5A5, "can_mask": 0x7FF, "extended": False}]  # not what others left
+    tx, rx = open_bus(cabled[0]), open_bus(cabled[1], can_filters=only)
+    frame = can.Message(arbitration_id=0x5A5, data=b"\x01\x02", is_extended_id=False)
+    with selectors.DefaultSelector() as selector:
+        selector.register(rx, selectors.EVENT_READ)
+        assert selector.select(0) == [], "nothing received yet"
+        for _ in range(20):  # a host woken by a frame races the reader that put it there
+            tx.send(frame)
+            assert [key.fileobj for key, _ in selector.select(5)] == [rx]
+            assert content(rx.recv(0)) == content(frame)
+            assert selector.select(0) == [], "drained"
+        selector.unregister(rx)
+    rx.shutdown()
+    assert rx.fileno() == -1

@@ -129,35 +129,43 @@ void runFilterAction(DeviceSession &dev, const WcanApi &api, unsigned ch, Record
 
 } // namespace
 
-int runList(Context &ctx, const Args &args) {
-  args.expectPositionals(0, 0);
-  Runtime &rt = ctx.runtime();
+std::vector<AttachedAdapter> attachedAdapters(const Runtime &rt) {
   if (!rt.usb().complete())
     throw ToolError{"the loaded USB library offers no device list"};
   UsbContext usb(rt.usb());
   DeviceList devices(rt.usb(), usb.ctx);
-  // The library counts an adapter's index among the devices with the same
-  // USB ids, in the order of the device list.
   std::map<std::pair<uint16_t, uint16_t>, unsigned> seen;
-  unsigned found = 0;
+  std::vector<AttachedAdapter> found;
   for (ssize_t i = 0; i < devices.count; ++i) {
     libusb_device *dev = devices.list[i];
-    libusb_device_descriptor desc{};
-    if (rt.usb().getDeviceDescriptor(dev, &desc) != 0)
+    AttachedAdapter a;
+    if (rt.usb().getDeviceDescriptor(dev, &a.descriptor) != 0)
       continue;
-    std::vector<unsigned> types = typesForUsbId(desc.idVendor, desc.idProduct);
-    if (types.empty())
+    a.types = typesForUsbId(a.descriptor.idVendor, a.descriptor.idProduct);
+    if (a.types.empty())
       continue;
-    unsigned index = seen[{desc.idVendor, desc.idProduct}]++;
-    const DeviceType &t = *findDeviceType(types.front());
-    if (found++ == 0)
+    a.index = seen[{a.descriptor.idVendor, a.descriptor.idProduct}]++;
+    a.busNumber = rt.usb().getBusNumber(dev);
+    a.address = rt.usb().getDeviceAddress(dev);
+    found.push_back(std::move(a));
+  }
+  return found;
+}
+
+int runList(Context &ctx, const Args &args) {
+  args.expectPositionals(0, 0);
+  const std::vector<AttachedAdapter> adapters = attachedAdapters(ctx.runtime());
+  for (size_t i = 0; i < adapters.size(); ++i) {
+    const AttachedAdapter &a = adapters[i];
+    const DeviceType &t = *findDeviceType(a.types.front());
+    if (i == 0)
       std::fprintf(out(), "%-9s %-5s %-9s %-7s %-8s %s\n", "TYPE", "INDEX", "USB ID", "BUS/ADR",
                    "CHANNELS", "FAMILY");
-    std::fprintf(out(), "%-9s %-5u %04x:%04x %03u/%03u %-8u %s\n", joinTypes(types).c_str(), index,
-                 desc.idVendor, desc.idProduct, rt.usb().getBusNumber(dev),
-                 rt.usb().getDeviceAddress(dev), t.channels, familyName(t.family));
+    std::fprintf(out(), "%-9s %-5u %04x:%04x %03u/%03u %-8u %s\n", joinTypes(a.types).c_str(),
+                 a.index, a.descriptor.idVendor, a.descriptor.idProduct, a.busNumber, a.address,
+                 t.channels, familyName(t.family));
   }
-  if (found == 0)
+  if (adapters.empty())
     std::fprintf(out(), "no supported adapter attached\n");
   return kExitOk;
 }

@@ -6,6 +6,8 @@
 #include "cli/Commands.h"
 #include "common/DeviceTypes.h"
 
+#include <vector>
+
 namespace wcantool {
 
 struct UsbContext {
@@ -53,5 +55,15 @@ inline bool adapterAttached(const UsbApi &usb, libusb_context *ctx, const Device
   }
   return false;
 }
+
+// One attached adapter: the types its USB ids stand for and its index
+// among the devices with those ids, in the order of the device list.
+struct AttachedAdapter {
+  std::vector<unsigned> types;
+  unsigned index = 0;
+  libusb_device_descriptor descriptor{};
+  unsigned busNumber = 0, address = 0;
+};
+std::vector<AttachedAdapter> attachedAdapters(const Runtime &runtime);
 
 } // namespace wcantool

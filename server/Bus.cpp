@@ -245,7 +245,8 @@ BusHub::BusHub(const Runtime &runtime, ChannelSettings settings, DeliverySink si
 
 BusHub::~BusHub() { closeAll(); }
 
-std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string &why) {
+std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string &why,
+                                         const ChannelSettings *settings) {
   const std::optional<BusAddress> bus = parseBusName(busName);
   const DeviceType *type = bus ? findDeviceType(bus->type) : nullptr;
   if (!type) {
@@ -258,7 +259,7 @@ std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string
     OpenChannel &open = adapter.channels[bus->channel];
     if (!open.channel) {
       try {
-        open.channel = startChannel(adapter, *bus, busName);
+        open.channel = startChannel(adapter, *bus, busName, settings ? *settings : settings_);
       } catch (...) {
         adapter.channels.erase(bus->channel);
         if (adapter.channels.empty())
@@ -304,8 +305,8 @@ void BusHub::closeAdapter(const AdapterKey &key) {
 }
 
 std::shared_ptr<Channel> BusHub::startChannel(OpenAdapter &adapter, const BusAddress &bus,
-                                              const std::string &busName) {
-  ChannelSettings settings = settings_;
+                                              const std::string &busName,
+                                              ChannelSettings settings) {
   // --fd asks for CAN FD where the adapter has it; classic adapters ignore it.
   if (adapter.device->type().family != Family::CanFd)
     settings.fd = false;

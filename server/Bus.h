@@ -79,6 +79,7 @@ public:
   const std::string &name() const { return name_; }
   // Whether the channel carries CAN FD frames (a CAN FD adapter opened with --fd).
   bool fd() const { return settings_.fd; }
+  const ChannelSettings &settings() const { return settings_; }
 
   // Queues frames of one session for transmission, in order; the outcome
   // comes back through the sink. Any thread.
@@ -123,8 +124,10 @@ public:
   BusHub &operator=(const BusHub &) = delete;
 
   // The running channel behind a bus name, opened and started on first use;
-  // null with the reason when it cannot be.
-  std::shared_ptr<Channel> acquire(const std::string &busName, std::string &why);
+  // null with the reason when it cannot be. A channel started here runs with
+  // `settings` when given, else with the server's.
+  std::shared_ptr<Channel> acquire(const std::string &busName, std::string &why,
+                                   const ChannelSettings *settings = nullptr);
   // One user fewer; the last stops the channel, and the adapter closes with
   // its last channel.
   void release(const std::shared_ptr<Channel> &channel);
@@ -150,7 +153,7 @@ private:
   OpenAdapter &openAdapter(const AdapterKey &key, const DeviceType &type, unsigned index);
   void closeAdapter(const AdapterKey &key);
   std::shared_ptr<Channel> startChannel(OpenAdapter &adapter, const BusAddress &bus,
-                                        const std::string &busName);
+                                        const std::string &busName, ChannelSettings settings);
 
   const Runtime &runtime_;
   const ChannelSettings settings_;

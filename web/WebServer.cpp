@@ -6,6 +6,7 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include <array>
 #include <cstdio>
 #include <deque>
 #include <fstream>
@@ -234,7 +235,8 @@ private:
                                              "; Path=/; HttpOnly; SameSite=Strict");
       if (path == "/" || path == "/index.html")
         res.set("Content-Security-Policy",
-                "default-src 'self'; connect-src 'self'; frame-ancestors 'none'");
+                "default-src 'self'; connect-src 'self'; frame-ancestors 'none'; "
+                "style-src 'self' 'unsafe-inline'");
       return res;
     }
     const std::string_view chartPrefix = "/dygraphs/";
@@ -247,8 +249,8 @@ private:
                          "the chart library is missing from " + options_.chartLibraryDir +
                              " (install libjs-dygraphs)");
         return makeResponse(req, http::status::ok,
-                            file.back() == 's' ? "text/javascript; charset=utf-8"
-                                               : "text/css; charset=utf-8",
+                            file.substr(file.size() - 3) == ".js" ? "text/javascript; charset=utf-8"
+                                                                  : "text/css; charset=utf-8",
                             std::move(body));
       }
     }
@@ -261,10 +263,26 @@ private:
       shared->keep_alive(false);
     http::async_write(stream_, *shared,
                       [self = shared_from_this(), shared](beast::error_code ec, size_t) {
-                        if (ec || !shared->keep_alive())
+                        if (ec)
                           return self->close();
+                        if (!shared->keep_alive())
+                          return self->drainThenClose();
                         self->read();
                       });
+  }
+
+  // A refused upload may still be arriving: closing at once would reset the
+  // connection before the client read why. Say no more and take the rest.
+  void drainThenClose() {
+    beast::error_code ignored;
+    stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+    stream_.expires_after(kRequestTimeout);
+    stream_.async_read_some(boost::asio::buffer(drain_),
+                            [self = shared_from_this()](beast::error_code ec, size_t) {
+                              if (ec)
+                                return self->close();
+                              self->drainThenClose();
+                            });
   }
 
   beast::tcp_stream stream_;
@@ -274,6 +292,7 @@ private:
   Adopt adopt_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
+  std::array<char, 16384> drain_;
   bool upgraded_ = false;
 };
 

@@ -219,7 +219,10 @@ function renderDbc() {
   wcan.picks = [];
   wcan.signalRows = [];
   if (wcan.signalGraph) { wcan.signalGraph.destroy(); wcan.signalGraph = null; }
-  if (!wcan.dbc) { $('dbcState').textContent = 'no DBC file loaded'; return; }
+  if (!wcan.dbc) {
+    $('dbcState').textContent = wcan.dbcAvailable ? 'no DBC file loaded' : 'this build reads no DBC files';
+    return;
+  }
   $('dbcState').textContent = wcan.dbc.messages.length + ' messages';
   for (const m of wcan.dbc.messages) {
     const box = document.createElement('details');
@@ -363,7 +366,7 @@ function onMessage(event) {
       wcan.buses = m.buses;
       wcan.loadRows = m.load;
       wcan.dbc = m.dbc;
-      if (!m.dbcAvailable) $('dbcState').textContent = 'this build reads no DBC files';
+      wcan.dbcAvailable = m.dbcAvailable;
       renderBuses();
       renderDbc();
       drawLoad();

@@ -138,12 +138,16 @@ unsigned Monitor::busIndex(const std::string &name) {
 }
 
 void Monitor::refreshBuses() {
-  for (BusState &s : busStates_)
-    s.running = s.monitor = false, s.clients = 0;
+  const std::vector<BusState> before = busStates_;
+  for (BusState &s : busStates_) {
+    s.running = s.monitor = false;
+    s.clients = 0;
+  }
   for (const BusState &s : access_.buses()) {
     const unsigned i = busIndex(s.name);
-    if (s.running && (!busStates_[i].running || stats_[i].load.rates().nominal != s.rates.nominal ||
-                      stats_[i].load.rates().data != s.rates.data)) {
+    const bool wasRunning = i < before.size() && before[i].running;
+    if (s.running && (!wasRunning || before[i].rates.nominal != s.rates.nominal ||
+                      before[i].rates.data != s.rates.data)) {
       // The bits a frame takes depend on the rates the bus runs at now.
       stats_[i].load = ChannelLoad(s.rates);
       stats_[i].loadSince = Clock::now();
@@ -279,7 +283,7 @@ void Monitor::sendUpdate(ViewerState &v, bool withTable) {
       out += "," + json(decoded).dump(-1, ' ', false, json::error_handler_t::replace);
     out += "]";
   }
-  out += "],\"samples\":[" + v.samples + (v.samples.empty() ? "" : "]") + "]";
+  out += "],\"samples\":[" + v.samples + "]";
   v.samples.clear();
   v.sampleCount = 0;
   if (withTable)

@@ -59,52 +59,66 @@ function cell(tr, text, cls) {
 }
 
 // ---- buses -------------------------------------------------------------
+// Rows are kept and their figures updated in place, so that a bit rate being
+// chosen for a start survives the next second's figures.
+function busRow(b) {
+  const tr = document.createElement('tr');
+  tr.dataset.bus = b.name;
+  const showBox = document.createElement('input');
+  showBox.type = 'checkbox';
+  showBox.checked = !wcan.hidden.has(b.name);
+  showBox.onchange = () => {
+    if (showBox.checked) wcan.hidden.delete(b.name); else wcan.hidden.add(b.name);
+    send({op: 'view', hidden: [...wcan.hidden]});
+  };
+  cell(tr, '').appendChild(showBox);
+  cell(tr, b.name);
+  for (let i = 0; i < 7; i++) cell(tr, '');
+  return tr;
+}
+
+function busAction(td, b) {
+  td.textContent = '';
+  if (!b.running) {
+    td.innerHTML = '<select><option>1000000</option><option selected>500000</option>' +
+      '<option>250000</option><option>125000</option></select> ' +
+      '<select><option>5000000</option><option selected>2000000</option><option>1000000</option></select> ' +
+      '<label><input type="checkbox"> FD</label> <button>Start</button>';
+    const [rate, drate] = td.querySelectorAll('select');
+    const fd = td.querySelector('input');
+    td.querySelector('button').onclick = () => send({op: 'open', bus: b.name,
+      bitrate: Number(rate.value), dbitrate: Number(drate.value), fd: fd.checked});
+  } else if (b.monitor) {
+    const stop = document.createElement('button');
+    stop.textContent = 'Stop';
+    stop.onclick = () => send({op: 'close', bus: b.name});
+    td.appendChild(stop);
+  }
+}
+
 function renderBuses() {
   const body = $('buses').querySelector('tbody');
-  body.textContent = '';
   const sendBus = $('sendBus');
-  const chosen = sendBus.value;
-  sendBus.textContent = '';
-  wcan.buses.forEach((b) => {
-    const tr = document.createElement('tr');
-    tr.dataset.bus = b.name;
-    const showBox = document.createElement('input');
-    showBox.type = 'checkbox';
-    showBox.checked = !wcan.hidden.has(b.name);
-    showBox.onchange = () => {
-      if (showBox.checked) wcan.hidden.delete(b.name); else wcan.hidden.add(b.name);
-      send({op: 'view', hidden: [...wcan.hidden]});
-    };
-    cell(tr, '').appendChild(showBox);
-    cell(tr, b.name);
-    cell(tr, b.running ? 'running' + (b.monitor ? ' (page)' : '') : 'stopped', b.running ? 'good' : '');
-    cell(tr, b.rates);
-    cell(tr, String(b.clients));
-    cell(tr, b.load === null ? '' : b.load.toFixed(1) + ' %');
-    cell(tr, b.running ? String(b.fps) : '');
-    cell(tr, String(b.frames));
-    const action = cell(tr, '');
-    if (!b.running) {
-      action.innerHTML = '<select><option>1000000</option><option selected>500000</option>' +
-        '<option>250000</option><option>125000</option></select> ' +
-        '<select><option>5000000</option><option selected>2000000</option><option>1000000</option></select> ' +
-        '<label><input type="checkbox"> FD</label> <button>Start</button>';
-      const [rate, drate] = action.querySelectorAll('select');
-      const fd = action.querySelector('input');
-      action.querySelector('button').onclick = () => send({op: 'open', bus: b.name,
-        bitrate: Number(rate.value), dbitrate: Number(drate.value), fd: fd.checked});
-    } else if (b.monitor) {
-      const stop = document.createElement('button');
-      stop.textContent = 'Stop';
-      stop.onclick = () => send({op: 'close', bus: b.name});
-      action.appendChild(stop);
+  for (const b of wcan.buses) {
+    let tr = body.querySelector(`tr[data-bus="${b.name}"]`);
+    if (!tr) {
+      tr = busRow(b);
+      body.appendChild(tr);
+      const opt = document.createElement('option');
+      opt.textContent = b.name;
+      sendBus.appendChild(opt);
     }
-    body.appendChild(tr);
-    const opt = document.createElement('option');
-    opt.textContent = b.name;
-    sendBus.appendChild(opt);
-  });
-  if (chosen) sendBus.value = chosen;
+    const c = tr.cells;
+    const state = b.running ? 'running' + (b.monitor ? ' (page)' : '') : 'stopped';
+    if (c[2].textContent !== state) busAction(c[8], b);
+    c[2].textContent = state;
+    c[2].className = b.running ? 'good' : '';
+    c[3].textContent = b.rates;
+    c[4].textContent = String(b.clients);
+    c[5].textContent = b.load === null ? '' : b.load.toFixed(1) + ' %';
+    c[6].textContent = b.running ? String(b.fps) : '';
+    c[7].textContent = String(b.frames);
+  }
 }
 
 // ---- load chart --------------------------------------------------------
@@ -151,6 +165,8 @@ function traceRow(f) {
 
 function addFrames(frames) {
   const body = $('trace').querySelector('tbody');
+  const scroller = $('trace').parentElement;
+  const following = scroller.scrollTop + scroller.clientHeight >= scroller.scrollHeight - 30;
   const fragment = document.createDocumentFragment();
   for (const f of frames) {
     wcan.framesSeen++;
@@ -172,8 +188,11 @@ function addFrames(frames) {
     }
   }
   body.appendChild(fragment);
-  if (wcan.mode === 'append')
+  if (wcan.mode === 'append') {
     while (body.rows.length > TRACE_ROWS) body.deleteRow(0);
+    // The newest frames stay in view unless the user scrolled back.
+    if (following) scroller.scrollTop = scroller.scrollHeight;
+  }
   $('traceCount').textContent = wcan.framesSeen + ' frames seen';
 }
 

@@ -159,6 +159,7 @@ public:
   std::atomic<uint64_t> bytes{0}, frames{0}, updates{0}, missed{0};
   std::atomic<int64_t> maxLagUs{0};
   std::atomic<uint64_t> lagSumUs{0}, lagCount{0};
+  std::atomic<double> busFramesPerS{0}, meanLoadPct{0};
 
 private:
   json next() {
@@ -173,6 +174,16 @@ private:
     try {
       while (!stop_) {
         const json m = next();
+        if (m["t"] == "second") {
+          double fps = 0, load = 0;
+          for (const json &b : m["buses"])
+            if (b["running"].get<bool>()) {
+              fps += b["fps"].get<double>();
+              load += b["load"].get<double>() / 8;
+            }
+          busFramesPerS = fps;
+          meanLoadPct = load;
+        }
         if (m["t"] != "update")
           continue;
         ++updates;
@@ -251,6 +262,8 @@ void BM_BrowserOnEightFullBuses(benchmark::State &state) {
         static_cast<double>(browser->lagSumUs) / 1e3 / std::max<uint64_t>(browser->lagCount, 1);
     state.counters["lag_max_ms"] = static_cast<double>(browser->maxLagUs) / 1e3;
     state.counters["missed"] = static_cast<double>(browser->missed);
+    state.counters["bus_frames_per_s"] = browser->busFramesPerS.load();
+    state.counters["bus_load_pct"] = browser->meanLoadPct.load();
     // The monitor alone: it still holds the buses and keeps their statistics.
     browser.reset();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));

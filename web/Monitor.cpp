@@ -88,6 +88,7 @@ struct Monitor::ViewerState {
   std::map<uint64_t, TraceFrame> latest; // one row per identifier
   uint64_t thinned = 0;                  // over the trace's frame budget
   uint64_t missed = 0;                   // while the browser was behind
+  uint64_t overBudget = 0;               // since the last tick
   std::vector<std::pair<const MessageInfo *, size_t>> picks;
   std::string samples;
   size_t sampleCount = 0;
@@ -203,13 +204,13 @@ void Monitor::collect(ViewerState &v, const TraceFrame &f) {
     else if (v.latest.size() < limits_.traceFramesPerTick)
       v.latest.emplace(key, f);
     else
-      ++(v.viewer->idle() ? v.thinned : v.missed);
+      ++v.overBudget;
     return;
   }
   if (v.trace.size() < limits_.traceFramesPerTick)
     v.trace.push_back(f);
   else
-    ++(v.viewer->idle() ? v.thinned : v.missed);
+    ++v.overBudget;
 }
 
 void Monitor::sampleSignals(const TraceFrame &f) {
@@ -248,9 +249,19 @@ void Monitor::tick() {
   if (stopped_)
     return;
   const bool withTable = ++ticks_ % limits_.tableEvery == 0;
-  for (auto &v : viewers_)
-    if (v.second->viewer->idle())
-      sendUpdate(*v.second, withTable);
+  for (auto &entry : viewers_) {
+    ViewerState &v = *entry.second;
+    // Frames over the budget of an update the page could not take yet were
+    // missed because it fell behind.
+    if (v.viewer->idle()) {
+      v.thinned += v.overBudget;
+      v.overBudget = 0;
+      sendUpdate(v, withTable);
+    } else {
+      v.missed += v.overBudget;
+      v.overBudget = 0;
+    }
+  }
   tickTimer_.expires_after(limits_.tick);
   tickTimer_.async_wait([this](boost::system::error_code ec) {
     if (!ec)

@@ -79,7 +79,12 @@ public:
 
   void start(Request req) {
     beast::get_lowest_layer(ws_).expires_never();
-    ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+    // Pages send nothing while they watch: pings tell a quiet page from a
+    // gone one.
+    auto timeouts = websocket::stream_base::timeout::suggested(beast::role_type::server);
+    timeouts.idle_timeout = std::chrono::seconds(30);
+    timeouts.keep_alive_pings = true;
+    ws_.set_option(timeouts);
     ws_.read_message_max(kMessageLimit);
     ws_.async_accept(req, [self = shared_from_this()](beast::error_code ec) {
       if (ec)

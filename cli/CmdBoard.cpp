@@ -5,7 +5,7 @@
 
 #include "cli/Commands.h"
 #include "cli/RecordFields.h"
-#include "cli/UsbList.h"
+#include "common/Adapters.h"
 #include "common/Device.h"
 
 namespace wcantool {
@@ -34,10 +34,8 @@ struct RecordAction {
   unsigned filterNumber = 0;            // filter-show
 };
 
-unsigned hexIdArg(std::string text, const char *what) {
-  if (text.compare(0, 2, "0x") != 0)
-    text = "0x" + text;
-  return static_cast<unsigned>(parseNumber(text, what, 0, 0x1FFFFFFF));
+unsigned hexIdArg(const std::string &text, const char *what) {
+  return static_cast<unsigned>(parseHex(text, what, 0, 0x1FFFFFFF));
 }
 
 bool isAssignment(const std::string &word) { return word.find('=') != std::string::npos; }
@@ -129,44 +127,21 @@ void runFilterAction(DeviceSession &dev, const WcanApi &api, unsigned ch, Record
 
 } // namespace
 
-std::vector<AttachedAdapter> attachedAdapters(const Runtime &rt) {
-  if (!rt.usb().complete())
-    throw ToolError{"the loaded USB library offers no device list"};
-  UsbContext usb(rt.usb());
-  DeviceList devices(rt.usb(), usb.ctx);
-  std::map<std::pair<uint16_t, uint16_t>, unsigned> seen;
-  std::vector<AttachedAdapter> found;
-  for (ssize_t i = 0; i < devices.count; ++i) {
-    libusb_device *dev = devices.list[i];
-    AttachedAdapter a;
-    if (rt.usb().getDeviceDescriptor(dev, &a.descriptor) != 0)
-      continue;
-    a.types = typesForUsbId(a.descriptor.idVendor, a.descriptor.idProduct);
-    if (a.types.empty())
-      continue;
-    a.index = seen[{a.descriptor.idVendor, a.descriptor.idProduct}]++;
-    a.busNumber = rt.usb().getBusNumber(dev);
-    a.address = rt.usb().getDeviceAddress(dev);
-    found.push_back(std::move(a));
-  }
-  return found;
-}
-
 int runList(Context &ctx, const Args &args) {
   args.expectPositionals(0, 0);
   const std::vector<AttachedAdapter> adapters = attachedAdapters(ctx.runtime());
-  for (size_t i = 0; i < adapters.size(); ++i) {
-    const AttachedAdapter &a = adapters[i];
-    const DeviceType &t = *findDeviceType(a.types.front());
-    if (i == 0)
-      std::fprintf(out(), "%-9s %-5s %-9s %-7s %-8s %s\n", "TYPE", "INDEX", "USB ID", "BUS/ADR",
-                   "CHANNELS", "FAMILY");
-    std::fprintf(out(), "%-9s %-5u %04x:%04x %03u/%03u %-8u %s\n", joinTypes(a.types).c_str(),
-                 a.index, a.descriptor.idVendor, a.descriptor.idProduct, a.busNumber, a.address,
-                 t.channels, familyName(t.family));
-  }
-  if (adapters.empty())
+  if (adapters.empty()) {
     std::fprintf(out(), "no supported adapter attached\n");
+    return kExitOk;
+  }
+  std::fprintf(out(), "%-9s %-5s %-9s %-7s %-8s %s\n", "TYPE", "INDEX", "USB ID", "BUS/ADR",
+               "CHANNELS", "FAMILY");
+  for (const AttachedAdapter &a : adapters) {
+    const DeviceType &t = *findDeviceType(a.types.front());
+    std::fprintf(out(), "%-9s %-5u %04x:%04x %03u/%03u %-8u %s\n", joinTypes(a.types).c_str(),
+                 a.index, a.vendorId, a.productId, a.busNumber, a.address, t.channels,
+                 familyName(t.family));
+  }
   return kExitOk;
 }
 

@@ -135,7 +135,7 @@ AdapterResult runAdapter(const Runtime &rt, unsigned type, const std::vector<Fra
   const std::string ifname = interfaceName(type, 0, kRxChannel);
   if (!quiet) {
     for (const RxFrame &rx : received)
-      std::fprintf(out(), "%s\n", formatLogLine(rx.hostTime, ifname, rx.frame).c_str());
+      std::fprintf(out(), "%s\n", formatLogLine(logTimeOf(rx.epochUs), ifname, rx.frame).c_str());
     std::fprintf(out(), "\n");
   }
   result.received = received.size();

@@ -2,13 +2,11 @@
 // serve: the adapters' channels as buses of a CAN-over-TCP server.
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <optional>
-#include <sstream>
 
 #include "cli/Commands.h"
-#include "cli/UsbList.h"
+#include "common/Adapters.h"
 #include "server/Server.h"
 #include "web/Monitor.h"
 #include "web/ServerBuses.h"
@@ -57,31 +55,11 @@ std::optional<web::WebOptions> parseWebOption(const Args &args) {
 std::vector<std::string> attachedBuses(const Runtime &runtime) {
   std::vector<std::string> names;
   for (const AttachedAdapter &a : attachedAdapters(runtime)) {
-    const DeviceType &type = *findDeviceType(a.types.front());
+    const DeviceType &type = *a.type;
     if (type.family == Family::Recorder)
       continue;
     for (unsigned ch = 0; ch < type.channels; ++ch)
       names.push_back(interfaceName(type.type, a.index, ch));
-  }
-  return names;
-}
-
-// The buses of the simulated adapters: an adapter's index counts the earlier
-// ones with the same USB ids, as the library numbers them.
-std::string simulatedBuses(const std::string &spec) {
-  std::map<std::pair<uint16_t, uint16_t>, unsigned> seen;
-  std::string names;
-  std::stringstream list(spec);
-  std::string item;
-  while (std::getline(list, item, ',')) {
-    const DeviceType *type = findDeviceType(static_cast<unsigned>(std::atoi(item.c_str())));
-    if (!type)
-      continue;
-    const unsigned index = seen[{type->vendorId, type->productId}]++;
-    if (type->family == Family::Recorder)
-      continue;
-    for (unsigned ch = 0; ch < type->channels; ++ch)
-      names += " " + interfaceName(type->type, index, ch);
   }
   return names;
 }
@@ -119,12 +97,8 @@ int runServe(Context &ctx, const Args &args) {
     });
   }
   std::fprintf(stderr, "wcan serve: listening on %s\n", server.endpoint().c_str());
-  const char *sim = std::getenv("WCAN_SIM");
-  if (runtime.simulated() && sim)
-    std::fprintf(stderr, "wcan serve: buses%s\n", simulatedBuses(sim).c_str());
-  else
-    std::fprintf(stderr, "wcan serve: buses are named wcan<TYPE>-<INDEX>-<CHANNEL>; "
-                         "'wcan list' shows the adapters\n");
+  std::fprintf(stderr, "wcan serve: buses %s (wcan<TYPE>-<INDEX>-<CHANNEL>)\n",
+               attachedBusNames(runtime).c_str());
   if (!isLoopback(options.bindAddress))
     std::fprintf(stderr,
                  "wcan serve: the protocol has no authentication: whoever reaches %s "

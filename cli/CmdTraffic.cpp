@@ -11,7 +11,10 @@
 #include <random>
 #include <thread>
 
+#include "cli/Capture.h"
 #include "cli/Commands.h"
+#include "cli/DbcSupport.h"
+#include "cli/DumpView.h"
 #include "cli/Generator.h"
 #include "cli/Traffic.h"
 #include "common/Device.h"
@@ -42,6 +45,8 @@ Target parseTarget(const Args &args) {
 
 } // namespace
 
+// The argument helpers the capture and replay commands share (cli/Traffic.h).
+
 ChannelSettings parseSettings(const Args &args) {
   ChannelSettings s;
   if (auto v = args.value("--bitrate"))
@@ -53,8 +58,6 @@ ChannelSettings parseSettings(const Args &args) {
   return s;
 }
 
-namespace {
-
 Frame parseFrameArg(const std::string &text) {
   Frame f;
   std::string why;
@@ -63,11 +66,6 @@ Frame parseFrameArg(const std::string &text) {
   return f;
 }
 
-struct TxRequest {
-  unsigned channel;
-  Frame frame;
-};
-
 TxRequest parseTxArg(const std::string &text) {
   size_t colon = text.find(':');
   if (colon == std::string::npos)
@@ -75,11 +73,6 @@ TxRequest parseTxArg(const std::string &text) {
   return {parseUnsigned(text.substr(0, colon), "--tx channel", 0, 7),
           parseFrameArg(text.substr(colon + 1))};
 }
-
-struct FileCloser {
-  void operator()(FILE *f) const { std::fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 FilePtr openLog(const std::optional<std::string> &path) {
   if (!path)
@@ -95,20 +88,26 @@ long msSince(Clock::time_point t) {
       std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
 }
 
-// Starts the --tx channels like the dumped one and sends their frames.
-void sendLoopbackFrames(DeviceSession &device, unsigned dumpChannel,
+// Starts the --tx channels like the dumped one and sends their frames, each
+// run of frames for one channel in one call so that they follow each other
+// on the bus.
+void sendLoopbackFrames(DeviceSession &device, std::vector<unsigned> started,
                         const std::vector<TxRequest> &requests, ChannelSettings settings) {
   if (std::any_of(requests.begin(), requests.end(), [](const TxRequest &r) { return r.frame.fd; }))
     settings.fd = true;
   settings.listenOnly = false;
-  std::vector<unsigned> started{dumpChannel};
-  for (const TxRequest &r : requests) {
-    if (std::find(started.begin(), started.end(), r.channel) == started.end()) {
-      device.startChannel(r.channel, settings);
-      started.push_back(r.channel);
+  for (size_t i = 0; i < requests.size();) {
+    const unsigned channel = requests[i].channel;
+    if (std::find(started.begin(), started.end(), channel) == started.end()) {
+      device.startChannel(channel, settings);
+      started.push_back(channel);
     }
-    if (device.send(r.channel, {r.frame}) != 1)
-      device.fail("sending " + formatFrame(r.frame) + " on channel " + std::to_string(r.channel));
+    std::vector<Frame> run;
+    for (; i < requests.size() && requests[i].channel == channel; ++i)
+      run.push_back(requests[i].frame);
+    const size_t sent = device.send(channel, run);
+    if (sent != run.size())
+      device.fail("sending " + formatFrame(run[sent]) + " on channel " + std::to_string(channel));
   }
 }
 
@@ -121,11 +120,6 @@ void rejectLocalOptions(const Args &args, std::initializer_list<const char *> na
                        "server's settings apply"};
 }
 
-struct RemoteBus {
-  net::ServerAddress server;
-  std::string bus;
-};
-
 std::optional<RemoteBus> remoteBus(const Args &args) {
   const std::optional<std::string> server = args.value("--connect");
   if (!server)
@@ -134,11 +128,6 @@ std::optional<RemoteBus> remoteBus(const Args &args) {
     throw UsageError{"missing arguments: --connect HOST[:PORT] takes a BUS name"};
   return RemoteBus{net::parseServerAddress(*server, net::kDefaultPort), args.positionals()[0]};
 }
-
-struct DumpLimits {
-  unsigned long long count = 0;
-  long timeoutMs = 0;
-};
 
 DumpLimits parseDumpLimits(const Args &args) {
   DumpLimits limits;
@@ -149,15 +138,61 @@ DumpLimits parseDumpLimits(const Args &args) {
   return limits;
 }
 
+namespace {
+
 // Appends received frames to `batch`, waiting up to waitMs for the first.
 using FrameSource = std::function<void(std::vector<RxFrame> &batch, int waitMs)>;
 
-// Prints frames as log lines until the count, the time-out or Ctrl-C.
+// Which frames a dump shows, how, and where else it writes them.
+struct DumpOutput {
+  FrameFilter filter;
+  std::optional<FrameView> view; // human-readable lines; log lines without
+  FilePtr log;
+  std::string logPath;
+  // With a database, each known frame's signals follow it: on standard
+  // output under human-readable lines, on standard error under log lines,
+  // so that standard output and the --log file stay logs candump readers take.
+  std::optional<dbc::Database> signals;
+};
+
+DumpOutput parseDumpOutput(const Args &args) {
+  DumpOutput output;
+  std::vector<IdFilter> filters;
+  for (const std::string &f : args.values("--filter"))
+    filters.push_back(parseIdFilter(f));
+  output.filter = FrameFilter(std::move(filters));
+  const std::optional<std::string> stamps = args.value("-t");
+  const bool ascii = args.flag("-a");
+  if ((stamps || ascii) && args.flag("-L"))
+    throw UsageError{"-L writes log lines, which have no -t or -a: leave out one or the other"};
+  if (stamps || ascii)
+    output.view.emplace(stamps ? parseStampMode(*stamps) : StampMode::None, ascii);
+  output.logPath = args.value("--log").value_or("");
+  output.log = openLog(args.value("--log"));
+  output.signals = loadDbcOption(args, "dump");
+  return output;
+}
+
+// Writes one frame to standard output and the log; false when the log failed.
+void writeFrame(DumpOutput &output, const RxFrame &rx, const std::string &ifname) {
+  const std::string logLine = formatLogLine(logTimeOf(rx.epochUs), ifname, rx.frame) + "\n";
+  if (output.view)
+    std::fprintf(out(), "%s\n", output.view->line(rx.epochUs, ifname, rx.frame).c_str());
+  else
+    std::fputs(logLine.c_str(), out());
+  if (output.signals)
+    printSignals(*output.signals, rx.frame, output.view ? out() : stderr);
+  if (output.log)
+    std::fputs(logLine.c_str(), output.log.get());
+}
+
+// Prints frames until the count, the time-out or Ctrl-C.
 int dumpFrames(const FrameSource &receive, const std::string &ifname, const DumpLimits &limits,
-               FILE *log, const std::string &logPath) {
+               DumpOutput &output) {
   unsigned long long received = 0;
   auto lastFrame = Clock::now();
   std::vector<RxFrame> batch;
+  FILE *log = output.log.get();
   while (!stopRequested() && (limits.count == 0 || received < limits.count)) {
     int wait = kPollMs;
     if (limits.timeoutMs > 0) {
@@ -171,10 +206,9 @@ int dumpFrames(const FrameSource &receive, const std::string &ifname, const Dump
     for (const RxFrame &rx : batch) {
       if (limits.count != 0 && received == limits.count)
         break;
-      std::string line = formatLogLine(rx.hostTime, ifname, rx.frame) + "\n";
-      std::fputs(line.c_str(), out());
-      if (log)
-        std::fputs(line.c_str(), log);
+      if (!output.filter.passes(rx.frame))
+        continue;
+      writeFrame(output, rx, ifname);
       ++received;
     }
     if (!batch.empty()) {
@@ -185,7 +219,7 @@ int dumpFrames(const FrameSource &receive, const std::string &ifname, const Dump
       if (std::ferror(out()))
         return kExitOk; // the reader went away
       if (log && std::ferror(log))
-        throw ToolError{"cannot write " + logPath};
+        throw ToolError{"cannot write " + output.logPath};
     }
   }
   if (limits.count != 0 && received < limits.count && !stopRequested()) {
@@ -204,7 +238,7 @@ void receiveRemote(net::Client &client, std::vector<RxFrame> &batch, int waitMs)
   constexpr size_t kMaxBatch = 256;
   for (std::optional<net::ReceivedFrame> rx = client.nextFrame(waitMs); rx;
        rx = batch.size() < kMaxBatch ? client.nextFrame(0) : std::nullopt)
-    batch.push_back({rx->frame, 0, rx->time});
+    batch.push_back({rx->frame, 0, epochUsOf(rx->time)});
 }
 
 namespace {
@@ -213,16 +247,17 @@ int dumpRemote(const Args &args, const RemoteBus &remote) {
   args.expectPositionals(1, 1);
   rejectLocalOptions(args, {"--bitrate", "--dbitrate", "--fd", "--listen-only", "--tx"});
   const DumpLimits limits = parseDumpLimits(args);
-  const std::string logPath = args.value("--log").value_or("");
-  FilePtr log = openLog(args.value("--log"));
+  DumpOutput output = parseDumpOutput(args);
   net::Client client(remote.server, remote.bus);
   client.rawMode();
   return dumpFrames(
       [&](std::vector<RxFrame> &batch, int wait) { receiveRemote(client, batch, wait); },
-      remote.bus, limits, log.get(), logPath);
+      remote.bus, limits, output);
 }
 
 std::vector<Frame> parseFrameArgs(const Args &args, size_t first) {
+  if (const std::optional<dbc::Database> db = loadDbcOption(args, "send"))
+    return {encodeFrameArgs(*db, args.positionals(), first)};
   std::vector<Frame> frames;
   for (size_t i = first; i < args.positionals().size(); ++i)
     frames.push_back(parseFrameArg(args.positionals()[i]));
@@ -239,15 +274,18 @@ int sendRemote(const Args &args, const RemoteBus &remote) {
   if (!errors.empty())
     throw ToolError{std::to_string(errors.size()) + " of " + std::to_string(frames.size()) +
                     " frames not sent on " + client.describe() + ": " + errors.front()};
-  std::fprintf(stderr, "wcan send: %zu frame%s sent on %s\n", frames.size(),
-               frames.size() == 1 ? "" : "s", client.describe().c_str());
+  note("wcan send: %zu frame%s sent on %s\n", frames.size(), frames.size() == 1 ? "" : "s",
+       client.describe().c_str());
   return kExitOk;
 }
 
 } // namespace
 
 int runDump(Context &ctx, const Args &args) {
-  if (std::optional<RemoteBus> remote = remoteBus(args))
+  const std::optional<RemoteBus> remote = remoteBus(args);
+  if (wantsCapture(args))
+    return remote ? captureRemote(args, *remote) : captureLocal(ctx, args);
+  if (remote)
     return dumpRemote(args, *remote);
   args.expectPositionals(3, 3);
   Target target = parseTarget(args);
@@ -265,16 +303,15 @@ int runDump(Context &ctx, const Args &args) {
   checkChannelUse(type, target.channel, settings);
   for (const TxRequest &r : tx)
     checkChannelUse(type, r.channel, settings, {r.frame});
-  const std::string logPath = args.value("--log").value_or("");
-  FilePtr log = openLog(args.value("--log"));
+  DumpOutput output = parseDumpOutput(args);
 
   DeviceSession device(ctx.runtime(), target.type, target.index);
   device.startChannel(target.channel, settings);
   if (!tx.empty())
-    sendLoopbackFrames(device, target.channel, tx, settings);
+    sendLoopbackFrames(device, {target.channel}, tx, settings);
   return dumpFrames(
       [&](std::vector<RxFrame> &batch, int wait) { device.receive(target.channel, batch, wait); },
-      interfaceName(target.type, target.index, target.channel), limits, log.get(), logPath);
+      interfaceName(target.type, target.index, target.channel), limits, output);
 }
 
 int runSend(Context &ctx, const Args &args) {
@@ -294,8 +331,8 @@ int runSend(Context &ctx, const Args &args) {
   if (sent < frames.size())
     device.fail("sending frame " + std::to_string(sent + 1) + " (" + formatFrame(frames[sent]) +
                 ")");
-  std::fprintf(stderr, "wcan send: %zu frame%s sent on adapter %s channel %u\n", sent,
-               sent == 1 ? "" : "s", device.name().c_str(), target.channel);
+  note("wcan send: %zu frame%s sent on adapter %s channel %u\n", sent, sent == 1 ? "" : "s",
+       device.name().c_str(), target.channel);
   return kExitOk;
 }
 
@@ -365,7 +402,7 @@ struct GenOutlet {
 
 int generate(const GenPlan &plan, const GenOutlet &outlet) {
   FrameGenerator generator(plan.spec, std::random_device{}());
-  const bool live = isatty(STDERR_FILENO) != 0;
+  const bool live = !quiet() && isatty(STDERR_FILENO) != 0;
   const size_t maxBatch = 64;
   GenProgress progress;
   auto lastShown = Clock::now();

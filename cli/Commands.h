@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/Args.h"
+#include "common/DeviceTypes.h"
 #include "common/Runtime.h"
 
 namespace wcantool {
@@ -53,11 +54,25 @@ int runDemo(Context &ctx, const Args &args);
 int runServe(Context &ctx, const Args &args);
 int runBusload(Context &ctx, const Args &args);
 int runTop(Context &ctx, const Args &args);
+int runPlay(Context &ctx, const Args &args);
 
-// The tool's results go to standard output; the library's log lines are sent
-// to standard error (WCAN_LOG_CONSOLE) before the library is loaded.
-void separateLibraryLog();
+// The Wireshark capture program: `wcan` run under the name wcan-extcap.
+int runExtcap(std::vector<std::string> argv);
+
+// How much the tool says besides its results: -q only the results and
+// errors, the default adds the library's warnings and errors, -v every line
+// the library logs.
+enum class Verbosity { Quiet, Normal, Verbose };
+
+// The tool's results go to standard output; the library's log lines go to
+// standard error, filtered by the verbosity (WCAN_LOG_CONSOLE and
+// WCAN_LOG_CONSOLE_LEVEL, set before the library is loaded; a user's own
+// setting wins unless -q or -v asks otherwise).
+void separateLibraryLog(Verbosity verbosity);
 FILE *out();
+// Progress and summary lines on standard error, unless -q.
+void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
+bool quiet();
 
 // Ctrl-C and SIGTERM ask the running subcommand to stop; it then closes the
 // adapter as on a normal end.

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <csignal>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 
 #include "cli/Commands.h"
@@ -8,6 +10,7 @@ namespace wcantool {
 namespace {
 
 volatile std::sig_atomic_t stopFlag = 0;
+Verbosity verbosityChosen = Verbosity::Normal;
 
 extern "C" void onStopSignal(int) { stopFlag = 1; }
 
@@ -34,10 +37,30 @@ Runtime &Context::emptySimulation() {
   return *runtime_;
 }
 
-void separateLibraryLog() {
+void separateLibraryLog(Verbosity verbosity) {
+  verbosityChosen = verbosity;
+  if (verbosity == Verbosity::Quiet) {
+    setenv("WCAN_LOG_CONSOLE", "none", 1);
+    return;
+  }
   // Unless the user chose a destination, the library's console lines go to
   // standard error, where they never mix with frame lines or tables.
   setenv("WCAN_LOG_CONSOLE", "stderr", 0);
+  if (verbosity == Verbosity::Verbose)
+    setenv("WCAN_LOG_CONSOLE_LEVEL", "trace", 1);
+  else
+    setenv("WCAN_LOG_CONSOLE_LEVEL", "warn", 0);
+}
+
+bool quiet() { return verbosityChosen == Verbosity::Quiet; }
+
+void note(const char *format, ...) {
+  if (quiet())
+    return;
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(stderr, format, args);
+  va_end(args);
 }
 
 FILE *out() { return stdout; }

@@ -32,8 +32,7 @@ void parseGenId(const std::string &text, GenSpec &spec) {
     return;
   }
   spec.idMode = GenMode::Fixed;
-  spec.id = static_cast<uint32_t>(parseNumber(text.compare(0, 2, "0x") == 0 ? text : "0x" + text,
-                                              "--id (hex)", 0, maxIdOf(spec)));
+  spec.id = static_cast<uint32_t>(parseHex(text, "--id (hex)", 0, maxIdOf(spec)));
 }
 
 void parseGenLen(const std::string &text, GenSpec &spec) {

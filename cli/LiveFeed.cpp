@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "cli/Traffic.h"
-#include "cli/UsbList.h"
+#include "common/Adapters.h"
 #include "common/Device.h"
 #include "common/DeviceClock.h"
 #include "net/Client.h"
@@ -38,7 +38,6 @@ public:
     for (unsigned ch : numbers_) {
       device_.startChannel(ch, settings);
       channels_.push_back({interfaceName(type.type, index, ch), rates, LinkState::Up, 0});
-      clocks_.emplace_back(type.counterBits);
     }
     if (runtime_.usb().complete())
       usb_ = std::make_unique<UsbContext>(runtime_.usb());
@@ -50,10 +49,8 @@ public:
     for (size_t i = 0; i < numbers_.size(); ++i) {
       batch_.clear();
       full = device_.receive(numbers_[i], batch_, 0) >= kFullBatch || full;
-      const int64_t hostUs = hostEpochUs();
       for (const RxFrame &rx : batch_)
-        out.push_back(
-            {static_cast<unsigned>(i), rx.frame, clocks_[i].toEpochUs(rx.deviceTime, hostUs)});
+        out.push_back({static_cast<unsigned>(i), rx.frame, rx.epochUs});
     }
     if (!full)
       sleepRest(start, waitMs);
@@ -68,7 +65,7 @@ public:
     for (size_t i = 0; i < channels_.size(); ++i) {
       // A returning adapter restarted its counter.
       if (channels_[i].link == LinkState::Recovering && now == LinkState::Up)
-        clocks_[i].restart();
+        device_.restartClock(numbers_[i]);
       channels_[i].link = now;
     }
   }
@@ -77,7 +74,6 @@ private:
   Runtime &runtime_;
   DeviceSession device_;
   std::vector<unsigned> numbers_;
-  std::vector<DeviceClock> clocks_;
   std::unique_ptr<UsbContext> usb_;
   std::vector<RxFrame> batch_;
 };
@@ -102,8 +98,7 @@ public:
       receiveRemote(*clients_[i], batch_, clients_.size() == 1 ? waitMs : 0);
       full = batch_.size() >= kFullBatch || full;
       for (const RxFrame &rx : batch_)
-        out.push_back({static_cast<unsigned>(i), rx.frame,
-                       static_cast<int64_t>(rx.hostTime.seconds) * 1000000 + rx.hostTime.micros});
+        out.push_back({static_cast<unsigned>(i), rx.frame, rx.epochUs});
     }
     if (!full && clients_.size() > 1)
       sleepRest(start, waitMs);

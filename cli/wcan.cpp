@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // wcan: command line front end of the library, for real or simulated adapters.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,12 +10,13 @@
 #include "cli/Commands.h"
 #include "cli/LiveFeed.h"
 #include "cli/RecordFields.h"
+#include "common/DeviceTypes.h"
 
 namespace wcantool {
 namespace {
 
 const char kProgramUsage[] =
-    "usage: wcan [--sim SPEC] COMMAND [ARGS...]\n"
+    "usage: wcan [-q|-v] [--sim SPEC] COMMAND [ARGS...]\n"
     "       wcan --version\n"
     "\n"
     "Commands:\n"
@@ -24,6 +26,10 @@ const char kProgramUsage[] =
     "variable WCAN_SIM is set, simulated adapters are used instead: SPEC is a\n"
     "comma-separated list of device types, e.g. --sim 41,4,61. In a simulated\n"
     "adapter, channel 0 is cabled to channel 1 (and 2 to 3, ...).\n"
+    "\n"
+    "The library's own log lines are shown only when they are warnings or\n"
+    "errors, on standard error. -v shows all of them; -q shows none and no\n"
+    "progress either: only the command's output and its errors.\n"
     "\n"
     "Run 'wcan COMMAND --help' for the arguments of a command.\n";
 
@@ -43,8 +49,9 @@ const char kDumpUsage[] =
     "\n"
     "Initialises and starts a channel and prints every received frame as a\n"
     "candump -L log line, e.g. (1700000000.123456) wcan41-0-1 123#DEADBEEF,\n"
-    "until Ctrl-C, --count or --timeout ends it. With --connect the frames\n"
-    "come from bus BUS (e.g. wcan41-0-1) of a 'wcan serve' server (port 29536\n"
+    "until Ctrl-C, --count or --timeout ends it. Each frame carries the\n"
+    "adapter's own time stamp as host time. With --connect the frames come\n"
+    "from bus BUS (e.g. wcan41-0-1) of a 'wcan serve' server (port 29536\n"
     "unless given), with the server's time stamps and channel settings.\n"
     "\n"
     "Options:\n"
@@ -55,15 +62,55 @@ const char kDumpUsage[] =
     "  --count N        stop after N frames\n"
     "  --timeout MS     stop when no frame arrived for MS milliseconds; the exit\n"
     "                   status is 1 if --count frames had not arrived by then\n"
-    "  --log FILE       also write the lines to FILE\n"
+    "  --log FILE       also write the frames to FILE as log lines\n"
+    "  --filter ID:MASK show only frames whose id agrees with ID under MASK\n"
+    "                   (hex; ID~MASK: that disagrees; 8 digits: extended id);\n"
+    "                   repeatable, a frame passing any filter is shown\n"
+    "  -t a|d|z|A       human-readable lines with absolute, delta, relative to\n"
+    "                   the first frame, or date-and-time stamps\n"
+    "  -a               human-readable lines with an ASCII column\n"
+    "  -L               log lines (the default)\n"
+    "  --dbc FILE       decode the frames with the DBC file FILE: the signals of a\n"
+    "                   known message follow its line, indented; under log lines\n"
+    "                   on standard error, so that standard output and the --log\n"
+    "                   file stay candump logs\n"
     "  --tx CH:FRAME    once the channel runs, start channel CH of the same adapter\n"
     "                   alike and send FRAME on it (repeatable): a loopback test\n"
     "                   through a cable between two ports, or the simulation\n"
-    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
+    "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n"
+    "\n"
+    "Capture (Wireshark reads the files and the stream):\n"
+    "  CHANNEL may list several channels (0,1) or be 'all'; with --connect several\n"
+    "  BUS names may follow. Their frames come in one stream, in time order.\n"
+    "  -w FILE          write pcapng (link type 227) to FILE ('-': standard output)\n"
+    "  --format F       text (candump -L lines) or pcapng, on standard output\n"
+    "  -C SIZE          start a new file (FILE1, FILE2, ...) before FILE passes SIZE\n"
+    "                   millions of bytes (or SIZE with k, M, G)\n"
+    "  -G SECONDS       start a new file every SECONDS seconds\n";
+
+const char kPlayUsage[] =
+    "usage: wcan play FILE TYPE INDEX CHANNEL [options]\n"
+    "       wcan play FILE --connect HOST[:PORT] BUS [options]\n"
+    "\n"
+    "Sends the frames of a candump -L log or a pcapng capture on a channel, or on\n"
+    "bus BUS of a 'wcan serve' server, keeping the recorded gaps between them.\n"
+    "\n"
+    "Options:\n"
+    "  --speed X        play X times as fast (0.5: half speed)\n"
+    "  --fast           send back to back, ignoring the time stamps\n"
+    "  --loop N         play the file N times\n"
+    "  --map SRC=DST    send what was recorded on bus SRC to channel (or server\n"
+    "                   bus) DST; repeatable. With --map, buses without a route are\n"
+    "                   skipped and counted, and CHANNEL or BUS may be left out\n"
+    "  --skip-bad       report a bad log line or block and go on (default: stop)\n"
+    "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
+    "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
+    "  --connect HOST[:PORT]  use a server instead of a local adapter\n";
 
 const char kSendUsage[] =
     "usage: wcan send TYPE INDEX CHANNEL FRAME... [options]\n"
     "       wcan send --connect HOST[:PORT] BUS FRAME...\n"
+    "       wcan send ... --dbc FILE MESSAGE [SIGNAL=VALUE...]\n"
     "\n"
     "Initialises and starts a channel and sends the frames, given in cansend\n"
     "syntax, or sends them on bus BUS of a 'wcan serve' server:\n"
@@ -72,11 +119,16 @@ const char kSendUsage[] =
     "  123#R  123#R4    remote frame, optional length\n"
     "  123##1AABBCC     CAN FD frame; flag digit 1 = bit-rate switch, 0 = none;\n"
     "                   0..8, 12, 16, 20, 24, 32, 48 or 64 data bytes\n"
+    "With --dbc the one frame of message MESSAGE is built from signal values:\n"
+    "numbers in physical units or names from the value table, e.g.\n"
+    "  --dbc car.dbc EngineData EngineSpeed=800 Gear=Drive\n"
+    "Signals not given are sent as zero bits.\n"
     "\n"
     "Options:\n"
     "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
     "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
     "  --fd             open the channel for CAN FD even without CAN FD frames\n"
+    "  --dbc FILE       build the frame from signal values with the DBC file FILE\n"
     "  --connect HOST[:PORT]  use bus BUS of a server instead of a local adapter\n";
 
 const char kGenUsage[] =
@@ -220,12 +272,38 @@ const std::vector<Command> &commands() {
         {"--timeout", true},
         {"--log", true},
         {"--tx", true},
-        {"--connect", true}},
+        {"--connect", true},
+        {"--dbc", true},
+        {"-w", true},
+        {"--format", true},
+        {"-C", true},
+        {"-G", true},
+        {"--filter", true},
+        {"-t", true},
+        {"-a", false},
+        {"-L", false}},
        runDump},
+      {"play",
+       "replay a candump log or pcapng capture",
+       kPlayUsage,
+       {{"--speed", true},
+        {"--fast", false},
+        {"--loop", true},
+        {"--map", true},
+        {"--skip-bad", false},
+        {"--bitrate", true},
+        {"--dbitrate", true},
+        {"--fd", false},
+        {"--connect", true}},
+       runPlay},
       {"send",
        "send frames given in cansend syntax",
        kSendUsage,
-       {{"--bitrate", true}, {"--dbitrate", true}, {"--fd", false}, {"--connect", true}},
+       {{"--bitrate", true},
+        {"--dbitrate", true},
+        {"--fd", false},
+        {"--dbc", true},
+        {"--connect", true}},
        runSend},
       {"gen",
        "generate traffic",
@@ -284,6 +362,45 @@ const Command *findCommand(const std::string &name) {
   return nullptr;
 }
 
+// -q and -v wherever they stand before "--"; the last one counts.
+Verbosity takeVerbosity(std::vector<std::string> &argv) {
+  Verbosity v = Verbosity::Normal;
+  for (size_t i = 0; i < argv.size() && argv[i] != "--";) {
+    if (argv[i] == "-q" || argv[i] == "-v" || argv[i] == "--verbose") {
+      v = argv[i] == "-q" ? Verbosity::Quiet : Verbosity::Verbose;
+      argv.erase(argv.begin() + static_cast<long>(i));
+    } else {
+      ++i;
+    }
+  }
+  return v;
+}
+
+// The simulated adapters are device type numbers; anything else would be
+// ignored by the simulation and leave the user with no adapter.
+void checkSimSpec(const std::string &spec, const char *source) {
+  if (spec.empty())
+    return; // the simulation without adapters
+  size_t pos = 0;
+  while (pos <= spec.size()) {
+    const size_t comma = std::min(spec.find(',', pos), spec.size());
+    const std::string item = spec.substr(pos, comma - pos);
+    const bool digits = !item.empty() && item.size() < 10 &&
+                        item.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits || !findDeviceType(static_cast<unsigned>(std::stoul(item))))
+      throw UsageError{std::string(source) + " names " +
+                       (item.empty() ? std::string("an empty item") : "'" + item + "'") +
+                       ", which is no device type; the types are " + supportedTypesText()};
+    pos = comma + 1;
+  }
+}
+
+int usageError(const std::string &who, const std::string &message, const std::string &helpCall) {
+  std::fprintf(stderr, "%s: %s\nRun '%s' for its usage.\n", who.c_str(), message.c_str(),
+               helpCall.c_str());
+  return kExitUsage;
+}
+
 bool wantsHelp(const std::vector<std::string> &args) {
   for (const std::string &a : args) {
     if (a == "--")
@@ -308,12 +425,13 @@ std::string formatUsage(const Command &cmd) {
 
 int runMain(std::vector<std::string> argv) {
   std::optional<std::string> sim;
+  const Verbosity verbosity = takeVerbosity(argv);
   try {
     sim = takeSimOption(argv);
+    if (sim)
+      checkSimSpec(*sim, "--sim");
   } catch (const UsageError &e) {
-    std::fprintf(stderr, "wcan: %s\n", e.message.c_str());
-    printProgramUsage(stderr);
-    return kExitUsage;
+    return usageError("wcan", e.message, "wcan --help");
   }
   if (argv.empty()) {
     printProgramUsage(stderr);
@@ -332,30 +450,32 @@ int runMain(std::vector<std::string> argv) {
     return kExitOk;
   }
   const Command *cmd = findCommand(argv[0]);
-  if (!cmd) {
-    std::fprintf(stderr, "wcan: unknown command '%s'\n", argv[0].c_str());
-    printProgramUsage(stderr);
-    return kExitUsage;
-  }
+  if (!cmd)
+    return usageError("wcan", "unknown command '" + argv[0] + "'", "wcan --help");
   std::vector<std::string> rest(argv.begin() + 1, argv.end());
   if (wantsHelp(rest)) {
     std::fputs(formatUsage(*cmd).c_str(), out());
     return kExitOk;
   }
+  const std::string name = std::string("wcan ") + cmd->name;
   if (!sim) {
     if (const char *env = std::getenv("WCAN_SIM"))
       sim = std::string(env);
+    try {
+      if (sim)
+        checkSimSpec(*sim, "WCAN_SIM");
+    } catch (const UsageError &e) {
+      return usageError("wcan", e.message, "wcan --help");
+    }
   }
-  separateLibraryLog();
+  separateLibraryLog(verbosity);
   Context ctx(sim);
   try {
     Args args(rest, cmd->options);
     installStopHandler();
     return cmd->run(ctx, args);
   } catch (const UsageError &e) {
-    std::fprintf(stderr, "wcan %s: %s\n\n%s", cmd->name, e.message.c_str(),
-                 formatUsage(*cmd).c_str());
-    return kExitUsage;
+    return usageError(name, e.message, name + " --help");
   } catch (const ToolError &e) {
     std::fflush(out());
     std::fprintf(stderr, "wcan %s: %s\n", cmd->name, e.message.c_str());
@@ -371,5 +491,9 @@ int runMain(std::vector<std::string> argv) {
 
 int main(int argc, char **argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
+  // Installed a second time, as Wireshark's capture program.
+  const char *slash = argc > 0 ? std::strrchr(argv[0], '/') : nullptr;
+  if (argc > 0 && std::strcmp(slash ? slash + 1 : argv[0], "wcan-extcap") == 0)
+    return wcantool::runExtcap(std::move(args));
   return wcantool::runMain(std::move(args));
 }

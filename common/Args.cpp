@@ -4,10 +4,22 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <iterator>
 
 namespace wcantool {
+
+namespace {
+
+// "-x" or "-xVALUE": a short option, as the Linux CAN tools take them. A
+// lone "-" and negative numbers stay positionals.
+bool isShortOption(const std::string &arg) {
+  return arg.size() >= 2 && arg[0] == '-' && arg[1] != '-' &&
+         std::isalpha(static_cast<unsigned char>(arg[1]));
+}
+
+} // namespace
 
 Args::Args(const std::vector<std::string> &argv, const std::vector<OptionSpec> &options) {
   bool optionsEnded = false;
@@ -17,15 +29,13 @@ Args::Args(const std::vector<std::string> &argv, const std::vector<OptionSpec> &
       optionsEnded = true;
       continue;
     }
-    // Short options ("-b") are options only where a command lists them.
-    const bool listedShort = arg.size() == 2 && arg[0] == '-' &&
-                             std::any_of(options.begin(), options.end(),
-                                         [&](const OptionSpec &o) { return arg == o.name; });
-    if (optionsEnded || (!listedShort && (arg.size() < 3 || arg.compare(0, 2, "--") != 0))) {
+    const bool shortOption = !optionsEnded && isShortOption(arg);
+    if (!shortOption && (optionsEnded || arg.size() < 3 || arg.compare(0, 2, "--") != 0)) {
       positionals_.push_back(arg);
       continue;
     }
-    size_t eq = arg.find('=');
+    // A short option's value may follow it directly ("-tz"); a long one's after '='.
+    size_t eq = shortOption ? (arg.size() > 2 ? 2 : std::string::npos) : arg.find('=');
     std::string name = arg.substr(0, eq);
     auto spec = std::find_if(options.begin(), options.end(),
                              [&](const OptionSpec &o) { return name == o.name; });
@@ -34,7 +44,7 @@ Args::Args(const std::vector<std::string> &argv, const std::vector<OptionSpec> &
     std::string value;
     if (spec->takesValue) {
       if (eq != std::string::npos)
-        value = arg.substr(eq + 1);
+        value = arg.substr(shortOption ? eq : eq + 1);
       else if (i + 1 < argv.size())
         value = argv[++i];
       else
@@ -68,21 +78,49 @@ std::vector<std::string> Args::values(const std::string &name) const {
   return out;
 }
 
-unsigned long long parseNumber(std::string_view text, const char *what, unsigned long long min,
-                               unsigned long long max) {
+namespace {
+
+bool hexPrefixed(std::string_view text) {
+  return text.size() > 1 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+}
+
+// Limits are echoed in the base the user wrote the number in.
+std::string inBase(unsigned long long v, bool hex, const char *prefix) {
+  if (!hex)
+    return std::to_string(v);
+  char text[24];
+  std::snprintf(text, sizeof text, "%s%llX", prefix, v);
+  return text;
+}
+
+unsigned long long parseInBase(std::string_view text, const char *what, unsigned long long min,
+                               unsigned long long max, int base, const char *prefix) {
   std::string s(text);
   bool digitsOnly = !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
     return std::isxdigit(static_cast<unsigned char>(c)) || c == 'x' || c == 'X';
   });
   char *end = nullptr;
   errno = 0;
-  unsigned long long v = digitsOnly ? std::strtoull(s.c_str(), &end, 0) : 0;
+  unsigned long long v = digitsOnly ? std::strtoull(s.c_str(), &end, base) : 0;
   if (!digitsOnly || errno != 0 || end == s.c_str() || *end != '\0')
     throw UsageError{std::string(what) + " must be a number, not '" + s + "'"};
+  const bool hex = base == 16 || hexPrefixed(text);
   if (v < min || v > max)
-    throw UsageError{std::string(what) + " must be between " + std::to_string(min) + " and " +
-                     std::to_string(max) + ", not " + s};
+    throw UsageError{std::string(what) + " must be between " + inBase(min, hex, prefix) + " and " +
+                     inBase(max, hex, prefix) + ", not " + s};
   return v;
+}
+
+} // namespace
+
+unsigned long long parseNumber(std::string_view text, const char *what, unsigned long long min,
+                               unsigned long long max) {
+  return parseInBase(text, what, min, max, 0, "0x");
+}
+
+unsigned long long parseHex(std::string_view text, const char *what, unsigned long long min,
+                            unsigned long long max) {
+  return parseInBase(text, what, min, max, 16, "");
 }
 
 unsigned parseUnsigned(std::string_view text, const char *what, unsigned min, unsigned max) {

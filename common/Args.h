@@ -51,6 +51,9 @@ private:
 unsigned long long parseNumber(std::string_view text, const char *what, unsigned long long min,
                                unsigned long long max);
 unsigned parseUnsigned(std::string_view text, const char *what, unsigned min, unsigned max);
+// Hexadecimal with or without 0x, as CAN ids are written.
+unsigned long long parseHex(std::string_view text, const char *what, unsigned long long min,
+                            unsigned long long max);
 
 // Seconds as a decimal number ("0.5"), 0.1 to 86400; throws UsageError.
 double parseSeconds(std::string_view text, const char *what);

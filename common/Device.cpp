@@ -12,8 +12,11 @@ namespace {
 
 constexpr unsigned kRxBatch = 256;
 
-// Time stamps wrap at 32 bits: a is earlier when the difference is negative.
-bool earlier(uint32_t a, uint32_t b) { return static_cast<int32_t>(a - b) < 0; }
+// Counters wrap: a is earlier when b lies less than half a turn ahead of it.
+bool earlier(uint32_t a, uint32_t b, uint32_t mask) {
+  const uint32_t ahead = (b - a) & mask;
+  return ahead != 0 && ahead <= mask / 2;
+}
 
 std::string hex4(unsigned v) {
   char buf[8];
@@ -31,7 +34,7 @@ const DeviceType &checkedDeviceType(unsigned type) {
   const DeviceType *t = findDeviceType(type);
   if (!t)
     throw UsageError{"unsupported device type " + std::to_string(type) +
-                     " (supported: 41 42 43 64 65 66 67, 3 4, 61 62)"};
+                     " (supported: " + supportedTypesText() + ")"};
   return *t;
 }
 
@@ -81,6 +84,7 @@ void DeviceSession::fail(const std::string &what) const {
 
 void DeviceSession::startChannel(unsigned channel, const ChannelSettings &settings) {
   checkChannelUse(type_, channel, settings);
+  clocks_.insert_or_assign(channel, ChannelClock{DeviceClock(type_.counterBits), 0});
   if (type_.family == Family::Classic)
     startClassic(channel, settings);
   else
@@ -162,21 +166,44 @@ size_t DeviceSession::receive(unsigned channel, std::vector<RxFrame> &out, int w
     _WCAN_CANFD_OBJ fdBuf[kRxBatch];
     int n = api_.WCAN_ReceiveFD(type_.type, index_, channel, fdBuf, kRxBatch, fdWait);
     for (int i = 0; i < n; ++i)
-      fd.push_back({fromCanFdObj(fdBuf[i]), fdBuf[i].timeStamp, {}});
+      fd.push_back({fromCanFdObj(fdBuf[i]), fdBuf[i].timeStamp, 0});
     waitMs = 0;
   }
-  const LogTime now = logTimeNow();
-  for (RxFrame &rx : fd)
-    rx.hostTime = now;
   _WCAN_CAN_OBJ buf[kRxBatch];
   int n = api_.WCAN_Receive(type_.type, index_, channel, buf, kRxBatch, waitMs);
   for (int i = 0; i < n; ++i)
-    classic.push_back({fromCanObj(buf[i]), buf[i].timeStamp, now});
-  size_t before = out.size();
-  std::merge(
-      classic.begin(), classic.end(), fd.begin(), fd.end(), std::back_inserter(out),
-      [](const RxFrame &a, const RxFrame &b) { return earlier(a.deviceTime, b.deviceTime); });
-  return out.size() - before;
+    classic.push_back({fromCanObj(buf[i]), buf[i].timeStamp, 0});
+  std::vector<RxFrame> merged;
+  merged.reserve(classic.size() + fd.size());
+  const uint32_t mask = type_.counterBits >= 32 ? ~0u : (1u << type_.counterBits) - 1;
+  std::merge(classic.begin(), classic.end(), fd.begin(), fd.end(), std::back_inserter(merged),
+             [mask](const RxFrame &a, const RxFrame &b) {
+               return earlier(a.deviceTime & mask, b.deviceTime & mask, mask);
+             });
+  stampInOrder(channel, merged);
+  out.insert(out.end(), merged.begin(), merged.end());
+  return merged.size();
+}
+
+void DeviceSession::restartClock(unsigned channel) {
+  if (auto it = clocks_.find(channel); it != clocks_.end())
+    it->second.clock.restart();
+}
+
+// Every frame was on the bus by now, the time the clock anchors against.
+void DeviceSession::stampInOrder(unsigned channel, std::vector<RxFrame> &frames) {
+  ChannelClock &clock =
+      clocks_.try_emplace(channel, ChannelClock{DeviceClock(type_.counterBits), 0}).first->second;
+  std::vector<uint32_t> counters;
+  counters.reserve(frames.size());
+  for (const RxFrame &rx : frames)
+    counters.push_back(rx.deviceTime);
+  std::vector<int64_t> times(frames.size());
+  clock.clock.toEpochUs(counters.data(), counters.size(), hostEpochUs(), times.data());
+  for (size_t i = 0; i < frames.size(); ++i) {
+    clock.lastUs = std::max(clock.lastUs, times[i]);
+    frames[i].epochUs = clock.lastUs;
+  }
 }
 
 bool DeviceSession::boardInfo(_WCAN_BOARD_INFO &info) {

@@ -5,9 +5,11 @@
 // library's records.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
+#include "common/DeviceClock.h"
 #include "common/DeviceTypes.h"
 #include "common/FrameSyntax.h"
 #include "common/Runtime.h"
@@ -21,12 +23,12 @@ struct ChannelSettings {
   bool listenOnly = false;
 };
 
-// A received frame with the adapter's time stamp and the host time at which
-// the tool collected it.
+// A received frame with the adapter's time stamp, raw and as host epoch
+// microseconds (through the channel's DeviceClock).
 struct RxFrame {
   Frame frame;
   uint32_t deviceTime = 0;
-  LogTime hostTime;
+  int64_t epochUs = 0;
 };
 
 // Checks the device type argument; throws UsageError.
@@ -59,8 +61,13 @@ public:
 
   // Appends what arrived on a channel, waiting up to waitMs for the first
   // frame. Classic and CAN FD frames come from separate queues and are
-  // merged by the adapter's time stamp.
+  // merged by the adapter's time stamp, which the channel's clock (restarted
+  // with the channel) turns into epoch time frame by frame.
   size_t receive(unsigned channel, std::vector<RxFrame> &out, int waitMs);
+
+  // For an adapter that came back after it was lost: its counter restarted,
+  // so the channel's clock anchors again on the next frame.
+  void restartClock(unsigned channel);
 
   // Board information; false when the adapter family does not report it.
   bool boardInfo(_WCAN_BOARD_INFO &info);
@@ -72,11 +79,19 @@ private:
   void startClassic(unsigned channel, const ChannelSettings &settings);
   void startCanFd(unsigned channel, const ChannelSettings &settings);
   size_t sendRun(unsigned channel, const Frame *frames, size_t count);
+  void stampInOrder(unsigned channel, std::vector<RxFrame> &frames);
 
   const Runtime &runtime_;
   const WcanApi &api_;
   const DeviceType &type_;
   unsigned index_;
+  // A channel's clock, and the last time it handed out: a frame of the other
+  // queue handed over after later ones were returned takes that time.
+  struct ChannelClock {
+    DeviceClock clock;
+    int64_t lastUs = 0;
+  };
+  std::map<unsigned, ChannelClock> clocks_;
 };
 
 // Board information as "key: value" lines for `info` and the demo.

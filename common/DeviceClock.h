@@ -12,10 +12,14 @@
 // A frame can never arrive before it happened: one that would moves the
 // anchor earlier (it arrived faster than the first one did). One that would
 // lie far in the future means the counter restarted, and the clock anchors
-// again. The times handed out never run backwards.
+// again. The times handed out never run backwards, with one exception: a
+// frame a little behind the last one (from the adapter's other receive queue,
+// handed over later) gets the time its counter says and leaves the clock as
+// it was; whoever merges the queues puts it in its place.
 #pragma once
 
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 
 namespace wcantool {
@@ -36,10 +40,18 @@ public:
   // received at `hostNowUs` (epoch microseconds).
   int64_t toEpochUs(uint32_t counter, int64_t hostNowUs);
 
+  // The same for `count` frames in the adapter's order that the host
+  // received together at hostNowUs: the last one happened by then, each
+  // earlier one by as much earlier as the counters say. So even the batch
+  // that anchors the clock keeps the adapter's spacing.
+  void toEpochUs(const uint32_t *counters, size_t count, int64_t hostNowUs, int64_t *epochUs);
+
   unsigned counterBits() const { return bits_; }
 
 private:
   void anchor(uint64_t counter, int64_t hostNowUs);
+  // How far a counter lies behind the last one; 0 when it does not.
+  int64_t behindLast(uint64_t counter, int64_t hostNowUs) const;
 
   unsigned bits_;
   uint64_t mask_;

@@ -57,6 +57,19 @@ const DeviceType *findDeviceType(unsigned type) {
   return it == kDeviceTypes.end() ? nullptr : &*it;
 }
 
+std::string supportedTypesText() {
+  std::string text;
+  for (Family family : {Family::CanFd, Family::Classic, Family::Recorder}) {
+    std::string numbers;
+    for (const DeviceType &t : kDeviceTypes)
+      if (t.family == family)
+        numbers += (numbers.empty() ? "" : " ") + std::to_string(t.type);
+    if (!numbers.empty())
+      text += (text.empty() ? "" : ", ") + numbers + " (" + familyName(family) + ")";
+  }
+  return text;
+}
+
 std::vector<unsigned> typesForUsbId(uint16_t vendorId, uint16_t productId) {
   std::vector<unsigned> types;
   for (const DeviceType &d : kDeviceTypes)
@@ -103,6 +116,18 @@ std::string fdArbitrationRatesText() {
 }
 std::string fdDataRatesText() {
   return joinRates(kFdDataRates, [](unsigned r) { return r; });
+}
+
+std::vector<unsigned> availableBitRates(Family family, bool dataPhase) {
+  if (family == Family::CanFd)
+    return dataPhase
+               ? std::vector<unsigned>(kFdDataRates.begin(), kFdDataRates.end())
+               : std::vector<unsigned>(kFdArbitrationRates.begin(), kFdArbitrationRates.end());
+  std::vector<unsigned> rates;
+  if (family == Family::Classic && !dataPhase)
+    for (const ClassicRate &r : kClassicRates)
+      rates.push_back(r.bitRate);
+  return rates;
 }
 
 } // namespace wcantool

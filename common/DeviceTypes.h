@@ -33,6 +33,9 @@ std::vector<unsigned> typesForUsbId(uint16_t vendorId, uint16_t productId);
 
 const char *familyName(Family family);
 
+// "41 42 43 64 65 66 67 (CAN FD), 3 4 (classic), 61 62 (recorder)" for messages.
+std::string supportedTypesText();
+
 // Bus timing register pair of the classic adapter for a bit rate.
 struct ClassicTiming {
   uint8_t timing0;
@@ -43,6 +46,10 @@ std::optional<ClassicTiming> classicTimingFor(unsigned bitRate);
 // Bit rates accepted by the CAN FD adapter for each phase.
 bool isFdArbitrationRate(unsigned bitRate);
 bool isFdDataRate(unsigned bitRate);
+
+// The bit rates a family's channels run at, fastest first: of the data phase
+// when `dataPhase` (CAN FD adapters only; empty for the others).
+std::vector<unsigned> availableBitRates(Family family, bool dataPhase);
 
 // "500000, 250000, ..." for messages.
 std::string classicRatesText();

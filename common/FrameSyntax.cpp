@@ -165,6 +165,15 @@ LogTime logTimeNow() {
   return {static_cast<uint64_t>(ts.tv_sec), static_cast<uint32_t>(ts.tv_nsec / 1000)};
 }
 
+LogTime logTimeOf(int64_t epochUs) {
+  const int64_t us = std::max<int64_t>(0, epochUs);
+  return {static_cast<uint64_t>(us / 1000000), static_cast<uint32_t>(us % 1000000)};
+}
+
+int64_t epochUsOf(LogTime time) {
+  return static_cast<int64_t>(time.seconds) * 1000000 + time.micros % 1000000u;
+}
+
 std::string formatLogLine(LogTime time, std::string_view ifname, const Frame &frame) {
   char stamp[40];
   std::snprintf(stamp, sizeof stamp, "(%010llu.%06u) ",

@@ -60,6 +60,9 @@ struct LogTime {
   uint32_t micros = 0;
 };
 LogTime logTimeNow();
+// The same instant as epoch microseconds, and back.
+LogTime logTimeOf(int64_t epochUs);
+int64_t epochUsOf(LogTime time);
 
 // "(1700000000.123456) IFNAME 123#DEADBEEF", without a line end.
 std::string formatLogLine(LogTime time, std::string_view ifname, const Frame &frame);

@@ -100,9 +100,10 @@ Runtime::~Runtime() = default;
 std::string Runtime::lastError() const {
   const int code = wcan_.WCAN_GetLastError();
   const char *text = wcan_.WCAN_GetLastErrorStr();
-  std::string reason = std::string(text ? text : "?") + " (error " + std::to_string(code) + ")";
-  // Some refusals leave the last error as it was; say so rather than "OK".
-  return code == 0 ? "no reason given by the library, " + reason : reason;
+  // Some refusals leave the last error at 0, whose text reads as a success.
+  if (code == 0)
+    return "the library refused without an error code (error 0)";
+  return std::string(text && *text ? text : "no message") + " (error " + std::to_string(code) + ")";
 }
 
 } // namespace wcantool

@@ -18,13 +18,15 @@
 #include <cstring>
 #include <memory>
 #include <set>
-#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "platform/AdapterWorker.h"
 #include "platform/QUserLog.h"
+#include "platform/QUserThread.h"
+#include "platform/QUserUtils.h"
 #include "sim/wcan_sim.h"
 #include "wcan.h"
 
@@ -41,10 +43,9 @@ constexpr uint8_t kStreamEndpoints[] = {0x82, 0x83, 0x81};
 constexpr size_t kMaxRecords = 512;
 constexpr size_t kMaxAdapters = 6;
 constexpr size_t kMaxSteps = 64;
-// No new step starts after this long. A call may wait out a command budget of
-// up to 3 s when its reply was tampered with or its adapter is gone (a
-// recorder does so on every call until it is reopened), so a run stays well
-// inside the 10 s time-out however many such calls the program makes.
+// No new step starts after this long: a safety net only, as the library runs
+// on virtual time here (see LLVMFuzzerInitialize) and no call really waits
+// out a command budget.
 constexpr std::chrono::milliseconds kStepTime{500};
 constexpr size_t kDirectTransferBuffer = 62;
 
@@ -167,6 +168,8 @@ public:
   }
 
   void step() {
+    ++steps_;
+    endSilences();
     const unsigned op = p_.byte() % (kExportSteps + kFaultSteps);
     if (op < kExportSteps) {
       callExport(op);
@@ -531,7 +534,11 @@ private:
     }
   }
 
-  void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(p_.byte() % 4)); }
+  // A moment of up to 150 ms passes on the virtual clock only, so retries
+  // and settling pauses of the receive threads fall due. The receive
+  // threads run beside the program in real time anyway, and a real pause
+  // costs a whole time slice on a busy machine.
+  void pause() { virtualtime::advance(std::chrono::milliseconds(50 * (p_.byte() % 4))); }
 
   void injectFault(unsigned which) {
     faulted_ = true;
@@ -548,11 +555,11 @@ private:
     case 2:
       return wcansim::replug(a);
     case 3:
-      // Silence only for a moment: a command exchange with a silent adapter
-      // waits out its whole budget of seconds.
+      // The adapter stays silent for a moment or for the next few steps;
+      // the exchanges it leaves unanswered cost only virtual time.
       wcansim::setSilent(a, true);
       pause();
-      return wcansim::setSilent(a, false);
+      return silenceFor(a, p_.byte() % 4);
     case 4:
       return pushGarbage(a);
     case 5: {
@@ -595,15 +602,63 @@ private:
     wcansim::injectFrame(a, ch, frame);
   }
 
+  void silenceFor(wcansim::AdapterId a, unsigned steps) {
+    if (steps == 0) {
+      return wcansim::setSilent(a, false);
+    }
+    silences_.push_back({a, steps_ + steps});
+  }
+
+  void endSilences() {
+    for (auto it = silences_.begin(); it != silences_.end();) {
+      if (it->second <= steps_) {
+        wcansim::setSilent(it->first, false);
+        it = silences_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+
   Program &p_;
   std::vector<Plugged> bed_;
+  // Silent adapters and the step at which they speak again.
+  std::vector<std::pair<wcansim::AdapterId, size_t>> silences_;
+  size_t steps_ = 0;
   std::set<std::pair<unsigned, unsigned>> open_;
   bool faulted_ = false;
 };
 
+// What one transfer takes on the virtual clock: the interval of a full-speed
+// interrupt endpoint. A command loop that the simulation keeps answering
+// with replies it does not take (a pass-through of nothing comes back too
+// short) then runs out of its budget after some hundred rounds.
+constexpr std::chrono::milliseconds kTransferTime{1};
+
+// Virtual time: only a receive thread's read of its receive endpoint really
+// blocks (until data comes, its adapter goes or its thread is asked to
+// stop). Every other read that finds nothing waits in vain, as the
+// simulation answers a command while it is written, so its time-out passes
+// on the library's clock at once; the command budgets, retry periods and
+// pauses built on that clock pass with it.
+wcansim::ReadWait readWait(uint8_t, unsigned timeoutMs) {
+  const QUserThreadObj *thread = QUserThreadObj::current();
+  if (AdapterWorker::inReceiveRead() && thread != nullptr && !thread->stopRequested()) {
+    return wcansim::ReadWait::Block;
+  }
+  virtualtime::advance(std::chrono::milliseconds(timeoutMs));
+  return wcansim::ReadWait::TimeOut;
+}
+
+void wakeSimulatedReaders() { wcansim::wakeReaders(); }
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  virtualtime::enable(true);
+  virtualtime::setTransferTime(kTransferTime);
+  wcansim::setReadWaitPolicy(&readWait);
+  QUserThreadObj::setStopRequestHook(&wakeSimulatedReaders);
   // Frames cross the simulated bus at once, the library's log lines stay
   // off the console, and no adapter comes from the environment.
   setenv("WCAN_SIM_PACE", "0", 1);

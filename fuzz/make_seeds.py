@@ -180,7 +180,7 @@ write("exports", "hostile_bus",
               bytes([REPLY_FAULT, 1, 2, 1, 0]), call(BOARD_INFO, 1),
               bytes([FOREIGN_FRAME, 0, 1, 0x0D]) + struct.pack("<I", 0x1ABCDEF) + bytes([64])
               + bytes(64),
-              bytes([SILENCE, 1, 2, PLUG_IN, 9]), call(RECEIVE_FD, 0, 0, 1, 16, 3, 0),
+              bytes([SILENCE, 1, 2, 2, PLUG_IN, 9]), call(RECEIVE_FD, 0, 0, 1, 16, 3, 0),
               call(CLOSE), call(CLOSE, 1)))
 write("exports", "careless_host",
       program([41, 4, 61], fd_up(), call(OPEN, 1), call(OPEN, 2),

@@ -150,6 +150,45 @@ bool parseSend(Words &w, Request &out, std::string_view verb) {
          parseId(w, 1, f) && parseData(w, 2, f, fd, fd);
 }
 
+// The flags byte of "fdsend": 0x01 bit-rate switch, 0x02 error state
+// indicator (which the adapter sets by itself; accepted and left to it).
+// Values 0..3 read the same in hex and decimal, so either spelling is taken.
+bool parseFdFlags(Words &w, size_t at, Frame &frame) {
+  std::string_view text = w[at];
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
+    text.remove_prefix(2);
+  uint32_t flags = 0;
+  if (!parseHex(text, 2, flags) || flags > (kTextFlagBrs | kTextFlagEsi))
+    return w.fail("bad flags '" + std::string(w[at]) +
+                  "': 0..3, 0x01 bit-rate switch, 0x02 error state indicator");
+  frame.brs = (flags & kTextFlagBrs) != 0;
+  return true;
+}
+
+// "< fdsend ID FLAGS LEN DATA >": DATA as LEN separate bytes, or as one word
+// of 2 * LEN hex digits (for LEN 1 the two forms are the same).
+bool parseFdSend(Words &w, Request &out) {
+  out.verb = Verb::Send;
+  Frame &f = out.frame;
+  f.fd = true;
+  if (!w.expectCount(4, kAnyWords, "< fdsend ID FLAGS LEN DATA >") || !parseId(w, 1, f) ||
+      !parseFdFlags(w, 2, f))
+    return false;
+  uint64_t len = 0;
+  const bool contiguous = w.size() == 5 && parseDecimal(w[3], 2, len) && len > 1 &&
+                          isFdLength(static_cast<unsigned>(len)) && w[4].size() == 2 * len;
+  if (!contiguous)
+    return parseData(w, 3, f, true, false);
+  f.len = static_cast<uint8_t>(len);
+  for (size_t i = 0; i < len; ++i) {
+    uint32_t b = 0;
+    if (!parseHex(w[4].substr(2 * i, 2), 2, b))
+      return w.fail("bad data '" + std::string(w[4]) + "': hex digits");
+    f.data[i] = static_cast<uint8_t>(b);
+  }
+  return true;
+}
+
 bool parseCyclic(Words &w, Request &out, Verb verb) {
   out.verb = verb;
   if (verb == Verb::Add) {
@@ -303,6 +342,8 @@ bool parseRequest(std::string_view element, Request &out, std::string &error) {
   }
   if (verb == "send" || verb == "sendrtr" || verb == "sendfd")
     return parseSend(w, out, verb);
+  if (verb == "fdsend")
+    return parseFdSend(w, out);
   if (verb == "add")
     return parseCyclic(w, out, Verb::Add);
   if (verb == "update")

@@ -61,7 +61,7 @@ enum class Verb {
   BcmMode,
   ControlMode,
   IsoTpMode,
-  Send,   // also sendrtr and sendfd: the frame says which
+  Send,   // also sendrtr, sendfd and fdsend: the frame says which
   Add,    // cyclic transmission
   Update, // new data for a cyclic transmission
   Delete, // end a cyclic transmission

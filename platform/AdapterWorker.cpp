@@ -6,6 +6,23 @@
 #include "platform/QUserLog.h"
 #include "platform/QUserUtils.h"
 
+namespace {
+
+thread_local bool receiveReadHere = false;
+
+// Marks the receive read of the calling thread for its lifetime.
+class ReceiveRead {
+public:
+  ReceiveRead() { receiveReadHere = true; }
+  ~ReceiveRead() { receiveReadHere = false; }
+  ReceiveRead(const ReceiveRead &) = delete;
+  ReceiveRead &operator=(const ReceiveRead &) = delete;
+};
+
+} // namespace
+
+bool AdapterWorker::inReceiveRead() { return receiveReadHere; }
+
 std::chrono::microseconds LinkRecovery::untilNextAttempt() const {
   const uint32_t elapsed = getLapseMicroSec(lastAttempt_.load(std::memory_order_relaxed));
   return std::chrono::microseconds(elapsed < kRetryPeriodUs ? kRetryPeriodUs - elapsed : 0);
@@ -71,5 +88,6 @@ void AdapterWorker::pass(QUserLibUsb &usb, AdapterDuties &duties) {
                                                                    std::chrono::milliseconds(1)));
     return;
   }
+  const ReceiveRead reading;
   duties.readOnce(usb, thread_);
 }

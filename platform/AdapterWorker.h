@@ -86,6 +86,11 @@ public:
   // One step of link supervision, as a pass runs it.
   void supervise(QUserLibUsb &usb, AdapterDuties &duties);
 
+  // Whether the calling thread is a receive thread in its read of the
+  // receive endpoint, the one wait that nothing in the foreground waits for:
+  // a harness on virtual time lets that one really block.
+  static bool inReceiveRead();
+
 private:
   LinkRecovery recovery_;
   QUserThreadObj thread_;

@@ -77,8 +77,7 @@ uint64_t budgetLeft(uint32_t started, uint64_t budgetUs) {
 void pauseAfterFailure(uint32_t attemptStarted, uint64_t leftUs) {
   const uint32_t spent = getLapseMicroSec(attemptStarted);
   if (spent < kMinFailedAttemptUs) {
-    std::this_thread::sleep_for(
-        std::chrono::microseconds(std::min<uint64_t>(kMinFailedAttemptUs - spent, leftUs)));
+    pauseFor(std::chrono::microseconds(std::min<uint64_t>(kMinFailedAttemptUs - spent, leftUs)));
   }
 }
 

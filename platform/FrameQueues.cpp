@@ -13,12 +13,13 @@ namespace {
 constexpr uint32_t kWaitForever = 0xFFFFFFFF;
 constexpr unsigned kMaxChannels = 16;
 
-timespec deadlineAfterMs(uint32_t waitMs) {
+timespec deadlineAfter(std::chrono::microseconds wait) {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const uint64_t ns = static_cast<uint64_t>(now.tv_nsec) + uint64_t{waitMs % 1000} * 1000000;
+  const auto us = static_cast<uint64_t>(wait.count());
+  const uint64_t ns = static_cast<uint64_t>(now.tv_nsec) + us % 1000000 * 1000;
   timespec at{};
-  at.tv_sec = now.tv_sec + static_cast<time_t>(waitMs / 1000 + ns / 1000000000);
+  at.tv_sec = now.tv_sec + static_cast<time_t>(us / 1000000 + ns / 1000000000);
   at.tv_nsec = static_cast<long>(ns % 1000000000);
   return at;
 }
@@ -81,7 +82,10 @@ int FrameQueues::takeFrom(std::deque<Obj> Channel::*frames, pthread_cond_t Chann
     return 0;
   }
   const uint32_t limit = static_cast<uint32_t>(waitMs);
-  const timespec deadline = deadlineAfterMs(limit == kWaitForever ? 0 : limit);
+  const timespec deadline =
+      deadlineAfter(limit == kWaitForever || limit == 0
+                        ? std::chrono::microseconds(0)
+                        : virtualtime::sleepInstead(std::chrono::milliseconds(limit)));
   QUserMutex guard(mutex_);
   Channel &channel = channels_[index(queue)];
   std::deque<Obj> &waiting = channel.*frames;

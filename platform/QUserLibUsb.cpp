@@ -351,6 +351,7 @@ int QUserLibUsb::write(Kind kind, unsigned char *data, int length, unsigned char
     return -1;
   }
   outEps[ep & 0x07].store(ep, std::memory_order_relaxed);
+  virtualtime::chargeTransfer();
   int moved = 0;
   const int err = kind == Kind::Interrupt
                       ? libusb_interrupt_transfer(open, ep, data, length, &moved, timeout)
@@ -381,6 +382,7 @@ int QUserLibUsb::read(Kind kind, unsigned char *buffer, int length, unsigned cha
     return 0;
   }
   inEps[ep & 0x07].store(ep, std::memory_order_relaxed);
+  virtualtime::chargeTransfer();
   int moved = 0;
   const int err = kind == Kind::Interrupt
                       ? libusb_interrupt_transfer(open, ep, buffer, length, &moved, timeout)

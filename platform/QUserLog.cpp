@@ -12,6 +12,7 @@
 #include <ctime>
 #include <iostream>
 #include <sstream>
+#include <strings.h>
 
 namespace {
 
@@ -37,7 +38,19 @@ ConsoleTarget consoleTargetFrom(const char *setting) {
   return ConsoleTarget::Stdout;
 }
 
-QUserLog::QUserLog() : console(consoleTargetFrom(getenv("WCAN_LOG_CONSOLE"))) {
+LogLevel consoleLevelFrom(const char *setting) {
+  constexpr const char *names[] = {"trace", "debug", "info", "warn", "error", "fatal"};
+  for (uint32_t level = LOG_TRACE; setting != nullptr && level <= LOG_FATAL; ++level) {
+    if (strcasecmp(setting, names[level]) == 0) {
+      return static_cast<LogLevel>(level);
+    }
+  }
+  return LOG_TRACE;
+}
+
+QUserLog::QUserLog()
+    : console(consoleTargetFrom(getenv("WCAN_LOG_CONSOLE"))),
+      consoleLevel(consoleLevelFrom(getenv("WCAN_LOG_CONSOLE_LEVEL"))) {
   initialised = Init();
 }
 
@@ -92,7 +105,9 @@ void QUserLog::Log(LogLevel level, const char *format, va_list args) {
   const int written =
       snprintf(line, sizeof line, "[%s] [%s] %s\n", timeText, kLevelNames[level], message);
   const size_t lineLen = written < 0 ? 0 : std::min(static_cast<size_t>(written), sizeof line - 1);
-  writeConsole(line, lineLen);
+  if (level >= consoleLevel) {
+    writeConsole(line, lineLen);
+  }
 
   if (!fileOutput || !file.is_open()) {
     return;
@@ -125,6 +140,7 @@ void QUserLog::FlushLocked() {
 bool QUserLog::ReloadConfig() {
   std::lock_guard<std::recursive_mutex> guard(lineLock);
   console = consoleTargetFrom(getenv("WCAN_LOG_CONSOLE"));
+  consoleLevel = consoleLevelFrom(getenv("WCAN_LOG_CONSOLE_LEVEL"));
   FlushLocked();
   if (file.is_open()) {
     file.close();

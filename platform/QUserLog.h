@@ -2,7 +2,9 @@
 // The library's logger: six levels, every line on standard output and, when
 // "QUserLog.ini" asks for it, appended to one file per day. The environment
 // variable WCAN_LOG_CONSOLE=stderr moves the console lines to standard error,
-// WCAN_LOG_CONSOLE=none drops them; the file is not affected.
+// WCAN_LOG_CONSOLE=none drops them; WCAN_LOG_CONSOLE_LEVEL=warn (trace, debug,
+// info, warn, error, fatal) drops the console lines below that level. The
+// file is not affected by either.
 #pragma once
 
 #include <cstdarg>
@@ -25,6 +27,9 @@ enum class ConsoleTarget { Stdout, Stderr, None };
 // The console destination WCAN_LOG_CONSOLE asks for (standard output when it
 // is unset or unknown).
 ConsoleTarget consoleTargetFrom(const char *setting);
+// The lowest level WCAN_LOG_CONSOLE_LEVEL lets through to the console (every
+// level when it is unset or unknown).
+LogLevel consoleLevelFrom(const char *setting);
 
 // Applies one line of the configuration file (modified in place); tracks
 // whether the lines are inside the "LogConfig" section.
@@ -69,6 +74,7 @@ private:
   // several threads never interleave.
   std::recursive_mutex lineLock;
   ConsoleTarget console = ConsoleTarget::Stdout;
+  LogLevel consoleLevel = LOG_TRACE;
   uint32_t logLevel = LOG_DEBUG;
   char logPath[256] = {};
   bool fileOutput = false;

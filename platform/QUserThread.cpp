@@ -2,6 +2,20 @@
 #include "platform/QUserThread.h"
 
 #include "platform/QUserLog.h"
+#include "platform/QUserUtils.h"
+
+namespace {
+
+thread_local QUserThreadObj *runningHere = nullptr;
+std::atomic<void (*)()> stopRequestHook{nullptr};
+
+} // namespace
+
+QUserThreadObj *QUserThreadObj::current() { return runningHere; }
+
+void QUserThreadObj::setStopRequestHook(void (*hook)()) {
+  stopRequestHook.store(hook, std::memory_order_release);
+}
 
 bool QUserThreadObj::start(std::function<void()> pass) {
   if (running_) {
@@ -20,6 +34,7 @@ void *QUserThreadObj::entry(void *self) {
 }
 
 void QUserThreadObj::run() {
+  runningHere = this;
   while (!stopRequested()) {
     pass_();
   }
@@ -37,6 +52,9 @@ void QUserThreadObj::stop(std::chrono::milliseconds grace) {
   std::unique_lock<std::mutex> guard(lock);
   stopRequest.store(1, std::memory_order_relaxed);
   wake.notify_all();
+  if (void (*hook)() = stopRequestHook.load(std::memory_order_acquire)) {
+    hook();
+  }
   const bool ended =
       wake.wait_for(guard, grace, [this] { return exited.load(std::memory_order_relaxed) != 0; });
   guard.unlock();
@@ -51,5 +69,6 @@ void QUserThreadObj::stop(std::chrono::milliseconds grace) {
 
 bool QUserThreadObj::sleepUnlessStopped(std::chrono::microseconds duration) {
   std::unique_lock<std::mutex> guard(lock);
-  return !wake.wait_for(guard, duration, [this] { return stopRequested(); });
+  return !wake.wait_for(guard, virtualtime::sleepInstead(duration),
+                        [this] { return stopRequested(); });
 }

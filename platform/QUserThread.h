@@ -34,7 +34,17 @@ public:
   bool running() const { return running_; }
   bool stopRequested() const { return stopRequest.load(std::memory_order_relaxed) != 0; }
   // Sleeps up to `duration`; returns false (early) once a stop is requested.
+  // Under virtual time (see QUserUtils) the sleep is counted on the clock
+  // and really lasts only a moment.
   bool sleepUnlessStopped(std::chrono::microseconds duration);
+
+  // The thread object whose thread is calling, or null on any other thread.
+  static QUserThreadObj *current();
+  // Called on every stop request before waiting for the thread, so that a
+  // harness can wake a thread that waits outside the library (a read of a
+  // simulated adapter) and let it see the request. Host programs never set
+  // one.
+  static void setStopRequestHook(void (*hook)());
 
 private:
   static void *entry(void *self);

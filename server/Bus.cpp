@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <tuple>
 
+#include "common/Adapters.h"
 #include "common/Args.h"
 #include "net/Protocol.h"
 
@@ -73,11 +74,15 @@ std::optional<BusAddress> parseBusName(std::string_view name) {
 Channel::Channel(const Runtime &runtime, DeviceSession &device, unsigned channel, std::string name,
                  ChannelSettings settings, DeliverySink sink)
     : runtime_(runtime), device_(device), channel_(channel), name_(std::move(name)),
-      settings_(settings), sink_(std::move(sink)) {}
+      settings_(settings), sink_(std::move(sink)), clock_(device.type().counterBits) {}
 
 Channel::~Channel() { join(); }
 
 void Channel::start() {
+  {
+    std::lock_guard<std::mutex> lock(clockMutex_);
+    clock_.restart();
+  }
   device_.startChannel(channel_, settings_);
   threads_.emplace_back([this] { readLoop(false); });
   if (device_.type().family == Family::CanFd)
@@ -125,21 +130,38 @@ void Channel::transmit(uint64_t origin, bool cyclic, const std::vector<Frame> &f
 int Channel::receive(bool fdQueue, std::vector<TimedFrame> &out) {
   const WcanApi &api = runtime_.wcan();
   const unsigned type = device_.type().type;
+  std::vector<uint32_t> counters;
+  counters.reserve(kRxBatch);
   int n = 0;
   if (fdQueue) {
     _WCAN_CANFD_OBJ buf[kRxBatch];
     n = api.WCAN_ReceiveFD(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
-    const LogTime now = logTimeNow();
-    for (int i = 0; i < n; ++i)
-      out.push_back({fromCanFdObj(buf[i]), now});
+    for (int i = 0; i < n; ++i) {
+      out.push_back({fromCanFdObj(buf[i]), {}});
+      counters.push_back(buf[i].timeStamp);
+    }
   } else {
     _WCAN_CAN_OBJ buf[kRxBatch];
     n = api.WCAN_Receive(type, device_.index(), channel_, buf, kRxBatch, kReceiveWaitMs);
-    const LogTime now = logTimeNow();
-    for (int i = 0; i < n; ++i)
-      out.push_back({fromCanObj(buf[i]), now});
+    for (int i = 0; i < n; ++i) {
+      out.push_back({fromCanObj(buf[i]), {}});
+      counters.push_back(buf[i].timeStamp);
+    }
   }
+  stampInOrder(counters, out);
   return n;
+}
+
+// The adapter's time stamps, not the time the reader woke: a batch keeps the
+// spacing the frames had on the bus.
+void Channel::stampInOrder(const std::vector<uint32_t> &counters, std::vector<TimedFrame> &frames) {
+  std::vector<int64_t> times(counters.size());
+  {
+    std::lock_guard<std::mutex> lock(clockMutex_);
+    clock_.toEpochUs(counters.data(), counters.size(), hostEpochUs(), times.data());
+  }
+  for (size_t i = 0; i < times.size(); ++i)
+    frames[frames.size() - times.size() + i].time = logTimeOf(times[i]);
 }
 
 void Channel::pauseAfterFailedWait() {
@@ -250,7 +272,8 @@ std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string
   const std::optional<BusAddress> bus = parseBusName(busName);
   const DeviceType *type = bus ? findDeviceType(bus->type) : nullptr;
   if (!type) {
-    why = "'" + busName + "' names no bus: buses are wcan<TYPE>-<INDEX>-<CHANNEL>";
+    why = "'" + busName + "' names no bus (wcan41-0-1 is type 41, index 0, channel 1); " +
+          busesOnOffer();
     return nullptr;
   }
   const AdapterKey key{type->vendorId, type->productId, bus->index};
@@ -274,7 +297,17 @@ std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string
   } catch (const UsageError &e) {
     why = e.message;
   }
+  why += "; " + busesOnOffer();
   return nullptr;
+}
+
+// What a client that named a bus the server cannot open may use instead.
+std::string BusHub::busesOnOffer() const {
+  try {
+    return "this server has " + attachedBusNames(runtime_);
+  } catch (const ToolError &e) {
+    return "the attached adapters are unknown: " + e.message;
+  }
 }
 
 BusHub::OpenAdapter &BusHub::openAdapter(const AdapterKey &key, const DeviceType &type,

@@ -94,6 +94,7 @@ private:
 
   void readLoop(bool fdQueue);
   int receive(bool fdQueue, std::vector<TimedFrame> &out);
+  void stampInOrder(const std::vector<uint32_t> &counters, std::vector<TimedFrame> &frames);
   void transmitLoop();
   std::vector<TxItem> nextTransmitRun();
   void deliver(uint64_t origin, bool cyclic, std::vector<TimedFrame> frames, size_t failed,
@@ -106,6 +107,11 @@ private:
   const std::string name_;
   const ChannelSettings settings_;
   DeliverySink sink_;
+
+  // The adapter's time stamps as host time, shared by the readers of both
+  // receive queues so their frames share one time line.
+  std::mutex clockMutex_;
+  DeviceClock clock_;
 
   std::mutex mutex_;
   std::condition_variable wake_;
@@ -152,6 +158,7 @@ private:
 
   OpenAdapter &openAdapter(const AdapterKey &key, const DeviceType &type, unsigned index);
   void closeAdapter(const AdapterKey &key);
+  std::string busesOnOffer() const;
   std::shared_ptr<Channel> startChannel(OpenAdapter &adapter, const BusAddress &bus,
                                         const std::string &busName, ChannelSettings settings);
 

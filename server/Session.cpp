@@ -287,7 +287,7 @@ void Session::busOpened(std::shared_ptr<Channel> channel, const std::string &why
     std::fprintf(stderr, "wcan serve: session %llu could not open the bus: %s\n",
                  static_cast<unsigned long long>(id_), why.c_str());
     mode_ = Mode::NoBus;
-    replyError("could not open bus");
+    replyError("could not open bus: " + why);
     closeAfterWrite();
     return;
   }

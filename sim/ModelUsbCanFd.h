@@ -75,10 +75,6 @@ public:
   bool channelListenOnly(unsigned channel) const override;
   BitRates bitRates(unsigned channel) const override;
 
-  const FdChannelState &channel(unsigned ch) const { return channels_.at(ch); }
-  // Received records not yet packed into a data frame.
-  size_t pendingRecords() const { return pendingCount_; }
-
 private:
   static constexpr unsigned kMaxChannels = 8;
 

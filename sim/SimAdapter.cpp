@@ -34,6 +34,13 @@ bool traceEnabled() {
 
 size_t epSlot(uint8_t ep) { return ep & 0x0F; }
 
+std::atomic<ReadWaitPolicy> readWaitPolicy{nullptr};
+
+bool waitCutShort(uint8_t ep, unsigned timeoutMs) {
+  const ReadWaitPolicy policy = readWaitPolicy.load(std::memory_order_acquire);
+  return policy != nullptr && policy(ep, timeoutMs) == ReadWait::TimeOut;
+}
+
 uint8_t nextBusAddress() {
   static std::atomic<unsigned> counter{0};
   return static_cast<uint8_t>(1 + counter.fetch_add(1) % 127);
@@ -86,7 +93,7 @@ void Adapter::enqueue(uint8_t ep, Bytes bytes) {
   if (bytes.empty() || q.transfers.size() >= kMaxQueuedTransfers)
     return;
   q.transfers.push_back(std::move(bytes));
-  dataOrGone_.notify_all();
+  dataOrGone_[epSlot(ep)].notify_all();
 }
 
 void Adapter::applyReplyFault(Bytes &reply) {
@@ -197,9 +204,11 @@ int Adapter::read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *t
       model_->onReadEmpty(*this, ep);
     if (!q.transfers.empty())
       return serve(ep, buf, len, transferred);
+    if (waitCutShort(ep, timeoutMs))
+      return LIBUSB_ERROR_TIMEOUT;
     if (timeoutMs == 0) {
-      dataOrGone_.wait(lock);
-    } else if (dataOrGone_.wait_until(lock, deadline) == std::cv_status::timeout) {
+      dataOrGone_[epSlot(ep)].wait(lock);
+    } else if (dataOrGone_[epSlot(ep)].wait_until(lock, deadline) == std::cv_status::timeout) {
       // One last look: data may have come with the time-out.
       if (isCurrent(generation) && !q.transfers.empty())
         return serve(ep, buf, len, transferred);
@@ -226,8 +235,13 @@ bool Adapter::deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus,
   model_->onBusFrame(*this, channel, frame, deviceTimeAt(at));
   delivered_[channel].fetch_add(1, std::memory_order_relaxed);
   collectOutbox(toBus);
-  dataOrGone_.notify_all();
+  wakeAllReaders();
   return true;
+}
+
+void Adapter::wakeAllReaders() {
+  for (auto &c : dataOrGone_)
+    c.notify_all();
 }
 
 void Adapter::clearQueues() {
@@ -235,12 +249,23 @@ void Adapter::clearQueues() {
     q.clear();
 }
 
+void Adapter::setReadWaitPolicy(ReadWaitPolicy policy) {
+  readWaitPolicy.store(policy, std::memory_order_release);
+}
+
+// Under the lock, so a reader between asking the policy and waiting cannot
+// miss the wake-up.
+void Adapter::wakeReaders() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  wakeAllReaders();
+}
+
 void Adapter::unplug() {
   std::lock_guard<std::mutex> lock(mutex_);
   plugged_.store(false, std::memory_order_release);
   clearQueues();
   outbox_.clear();
-  dataOrGone_.notify_all();
+  wakeAllReaders();
 }
 
 void Adapter::replug() {
@@ -254,7 +279,7 @@ void Adapter::replug() {
   clearQueues();
   model_->onReset();
   plugged_.store(true, std::memory_order_release);
-  dataOrGone_.notify_all();
+  wakeAllReaders();
 }
 
 void Adapter::remove() {
@@ -264,7 +289,7 @@ void Adapter::remove() {
   clearQueues();
   for (auto &record : written_)
     record.clear();
-  dataOrGone_.notify_all();
+  wakeAllReaders();
 }
 
 void Adapter::setSilent(bool silent) {

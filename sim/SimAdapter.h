@@ -87,6 +87,9 @@ public:
   std::chrono::nanoseconds frameDuration(unsigned channel, const CanFrame &frame) const;
   bool isTransmitEndpoint(uint8_t ep) const { return model_->isTransmitEndpoint(ep); }
 
+  static void setReadWaitPolicy(ReadWaitPolicy policy);
+  void wakeReaders();
+
   void unplug();
   void replug();
   void remove(); // gone for good (the test bed was reset)
@@ -116,6 +119,7 @@ private:
   int takeFromQueue(uint8_t ep, uint8_t *buf, int len);
   int serve(uint8_t ep, uint8_t *buf, int len, int *transferred);
   void clearQueues();
+  void wakeAllReaders(); // with the lock held
   void collectOutbox(BusFrames &toBus);
   void trace(const char *dir, uint8_t ep, const uint8_t *data, size_t len) const;
 
@@ -129,7 +133,9 @@ private:
   const UsbSocket socket_;
 
   mutable std::mutex mutex_;
-  std::condition_variable dataOrGone_;
+  // One per IN endpoint: a reply to a command must not wake the receive
+  // thread waiting on the data endpoint.
+  std::array<std::condition_variable, 16> dataOrGone_;
   std::atomic<uint32_t> generation_{1};
   std::atomic<bool> plugged_{true};
   std::atomic<uint8_t> address_{0};

@@ -27,11 +27,6 @@ void replug(AdapterId adapter) {
   withAdapter(adapter, [](Adapter &a) { a.replug(); });
 }
 
-bool isPlugged(AdapterId adapter) {
-  auto a = bed().adapter(adapter);
-  return a && a->isPlugged();
-}
-
 void setSilent(AdapterId adapter, bool silent) {
   withAdapter(adapter, [silent](Adapter &a) { a.setSilent(silent); });
 }
@@ -52,16 +47,6 @@ std::vector<Bytes> written(AdapterId adapter, uint8_t ep) {
 void clearWritten(AdapterId adapter) {
   withAdapter(adapter, [](Adapter &a) { a.clearWritten(); });
 }
-
-void connect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB) {
-  bed().connect(a, channelA, b, channelB);
-}
-
-void disconnect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB) {
-  bed().disconnect(a, channelA, b, channelB);
-}
-
-void disconnectAll(AdapterId adapter) { bed().disconnectAll(adapter); }
 
 void injectFrame(AdapterId adapter, unsigned channel, const CanFrame &frame) {
   bed().inject(adapter, channel, frame);
@@ -90,6 +75,10 @@ int64_t lastReadEndNs(AdapterId adapter, uint8_t ep) {
   auto a = bed().adapter(adapter);
   return a ? a->lastReadEndNs(ep) : 0;
 }
+
+void setReadWaitPolicy(ReadWaitPolicy policy) { Adapter::setReadWaitPolicy(policy); }
+
+void wakeReaders() { bed().wakeReaders(); }
 
 } // namespace wcansim
 

@@ -86,30 +86,17 @@ std::vector<std::shared_ptr<Adapter>> Testbed::pluggedAdapters() const {
 
 bool Testbed::anyPlugged() const { return !pluggedAdapters().empty(); }
 
-Testbed::Link Testbed::makeLink(BusPort a, BusPort b) { return b < a ? Link{b, a} : Link{a, b}; }
-
-void Testbed::connect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB) {
-  const BusPort pa{a, channelA}, pb{b, channelB};
-  if (pa == pb)
-    return;
-  std::lock_guard<std::mutex> lock(mutex_);
-  links_.insert(makeLink(pa, pb));
-}
-
-void Testbed::disconnect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  links_.erase(makeLink({a, channelA}, {b, channelB}));
-}
-
-void Testbed::disconnectAll(AdapterId adapter) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (auto it = links_.begin(); it != links_.end();) {
-    if (it->first.adapter == adapter || it->second.adapter == adapter)
-      it = links_.erase(it);
-    else
-      ++it;
+void Testbed::wakeReaders() const {
+  std::vector<std::shared_ptr<Adapter>> all;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    all = adapters_;
   }
+  for (const auto &a : all)
+    a->wakeReaders();
 }
+
+Testbed::Link Testbed::makeLink(BusPort a, BusPort b) { return b < a ? Link{b, a} : Link{a, b}; }
 
 std::vector<Testbed::Destination> Testbed::linkedTo(BusPort from, bool includeSelf) const {
   std::vector<Destination> to;

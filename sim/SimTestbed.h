@@ -30,10 +30,8 @@ public:
   // recent first, then the others in the order they were plugged in.
   std::vector<std::shared_ptr<Adapter>> pluggedAdapters() const;
   bool anyPlugged() const;
-
-  void connect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
-  void disconnect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
-  void disconnectAll(AdapterId adapter);
+  // Every read waiting on an adapter asks the read-wait policy again.
+  void wakeReaders() const;
 
   bool pacing() const { return bus_.enabled(); }
   void setPacing(bool on) { bus_.setEnabled(on); }

@@ -39,7 +39,6 @@ AdapterId plugIn(unsigned devType);
 // list, in its reset state, with its device clock restarted.
 void unplug(AdapterId adapter);
 void replug(AdapterId adapter);
-bool isPlugged(AdapterId adapter);
 
 // Accept writes but never answer on any IN endpoint (reads time out).
 void setSilent(AdapterId adapter, bool silent);
@@ -57,11 +56,6 @@ void pushIn(AdapterId adapter, uint8_t ep, const Bytes &bytes);
 // Every transfer the host wrote, per OUT endpoint, in order.
 std::vector<Bytes> written(AdapterId adapter, uint8_t ep);
 void clearWritten(AdapterId adapter);
-
-// Bus wiring: a frame sent on one channel reaches every channel linked to it.
-void connect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
-void disconnect(AdapterId a, unsigned channelA, AdapterId b, unsigned channelB);
-void disconnectAll(AdapterId adapter);
 
 // Put a frame on the bus of a channel as if a foreign node had sent it: the
 // channel and the channels linked to it receive it (if started). Returns once
@@ -85,6 +79,18 @@ bool pacing();
 // std::chrono::steady_clock since its epoch (0 if never). Benchmarks time
 // the library from the end of the bulk read with it.
 int64_t lastReadEndNs(AdapterId adapter, uint8_t ep);
+
+// How a read that finds nothing to hand over waits, for harnesses that run
+// the library on virtual time. The policy is asked before every wait of a
+// read (with the adapter's lock held: it must not call back into the
+// simulation): Block waits as ever for data, an unplug or the time-out;
+// TimeOut ends the read at once with LIBUSB_ERROR_TIMEOUT, as if its time-out
+// had passed. wakeReaders() makes every waiting read ask again. With no
+// policy (the default) every read blocks.
+enum class ReadWait { Block, TimeOut };
+using ReadWaitPolicy = ReadWait (*)(uint8_t ep, unsigned timeoutMs);
+void setReadWaitPolicy(ReadWaitPolicy policy);
+void wakeReaders();
 
 } // namespace wcansim
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "platform/QUserLog.h"
+#include "platform/QUserUtils.h"
 
 namespace usbcanfd {
 

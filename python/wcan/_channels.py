@@ -23,7 +23,7 @@ from typing import NamedTuple, Optional
 from can import CanOperationError, Message
 
 from . import _adapters, _filters
-from ._clock import BatchStamper, DeviceClock
+from ._clock import DeviceClock
 from ._records import (
     WCAN_CAN_OBJ,
     WCAN_CANFD_OBJ,
@@ -89,8 +89,9 @@ class Inbox:
     """The frames waiting for one Bus; a closed inbox wakes and refuses readers.
 
     The reader threads of a channel's two queues hand over their batches
-    independently, so a frame may follow one of the other kind that was on
-    the bus after it. It then takes that frame's time stamp: the time stamps
+    independently, so a frame may arrive after one of the other kind that was
+    on the bus after it. It takes its place among the frames still waiting;
+    behind one already read it takes that frame's time stamp: the time stamps
     of a Bus never run backwards, which log writers rely on.
     """
 
@@ -102,7 +103,7 @@ class Inbox:
         self.closed = False
         self._ready = threading.Condition(threading.Lock())
         self._waiting = 0
-        self._last_stamp = 0.0
+        self._last_taken = 0.0
 
     def put(self, messages):
         if not messages:
@@ -114,16 +115,25 @@ class Inbox:
                 messages = messages[:room]
             else:
                 self._dropping = False
-            last = self._last_stamp
-            for msg in messages:  # a batch is in order: only its head can lie behind
-                if msg.timestamp >= last:
-                    break
-                msg.timestamp = last
-            if messages:
-                self._last_stamp = max(last, messages[-1].timestamp)
-            self.frames.extend(messages)
+            frames = self.frames
+            for msg in messages:
+                if msg.timestamp < self._last_taken:
+                    msg.timestamp = self._last_taken
+                self._insert(msg)
             if self._waiting:
                 self._ready.notify()
+
+    def _insert(self, msg):
+        """Puts a frame that lies behind the last waiting one in its place,
+        never before a frame of its own queue, which the adapter sent first."""
+        frames = self.frames
+        place = len(frames)
+        while place > 0 and frames[place - 1].timestamp > msg.timestamp:
+            if frames[place - 1].is_fd == msg.is_fd:
+                msg.timestamp = frames[place - 1].timestamp
+                break
+            place -= 1
+        frames.insert(place, msg)
 
     def _drop(self, count):
         if not self._dropping:
@@ -135,22 +145,18 @@ class Inbox:
         """The oldest frame; None after `timeout` seconds (None waits without limit)."""
         if self.closed:
             raise CanOperationError("the bus is shut down")
-        try:
-            return self.frames.popleft()
-        except IndexError:
-            if timeout is not None and timeout <= 0:
-                return None
         deadline = None if timeout is None else time.monotonic() + timeout
+        # Under the lock: put() may be inserting behind the head.
         with self._ready:
             self._waiting += 1
             try:
                 while True:
                     if self.closed:
                         raise CanOperationError("the bus was shut down while receiving")
-                    try:
-                        return self.frames.popleft()
-                    except IndexError:
-                        pass
+                    if self.frames:
+                        msg = self.frames.popleft()
+                        self._last_taken = msg.timestamp
+                        return msg
                     left = None if deadline is None else deadline - time.monotonic()
                     if left is not None and left <= 0:
                         return None
@@ -178,17 +184,16 @@ class Subscriber:
         self.ranges = _filters.id_ranges(filters)
 
 
-def received_messages(records, reference, channel_name, is_fd, matches):
-    """can.Message objects for one batch of unpacked records."""
-    last, last_counter, mask = reference
+def received_messages(records, stamps, channel_name, is_fd, matches):
+    """can.Message objects for one batch of unpacked records and their epoch seconds."""
     messages = []
     append = messages.append
-    for can_id, counter, flags, remote, extended, length, payload in records:
+    for (can_id, _, flags, remote, extended, length, payload), stamp in zip(records, stamps):
         if matches is not None and not matches(can_id, extended):
             continue
         append(
             Message(
-                last - ((last_counter - counter) & mask) * 1e-6,
+                stamp,
                 can_id,
                 extended,
                 remote,
@@ -218,7 +223,6 @@ class Adapter:
         self.kind = kind
         self.index = index
         self.name = f"{kind.number}/{index}"
-        self.clock = DeviceClock(kind.counter_bits)
         self.channels_in_use = 0
 
     def open(self):
@@ -244,6 +248,8 @@ class Channel:
         self._readers = []
         self._hardware_ranges = None
         self._ids = (self.kind.number, adapter.index, name.channel)
+        # Both receive queues' readers share it, so their frames share one time line.
+        self.clock = DeviceClock(self.kind.counter_bits)
 
     # -- start and stop ---------------------------------------------------
 
@@ -251,6 +257,7 @@ class Channel:
         lib, (dev_type, index, channel) = self.lib, self._ids
         s = self.settings
         lib.WCAN_ClearBuffer(dev_type, index, channel)
+        self.clock.restart()
         if self.kind.family == _adapters.CLASSIC:
             timing0, timing1 = _adapters.CLASSIC_TIMINGS[s.bitrate]
             config = WCAN_INIT_CONFIG(timing0=timing0, timing1=timing1, mode=int(s.listen_only))
@@ -292,7 +299,7 @@ class Channel:
         buffer = (record_type * BATCH)()
         address = ctypes.addressof(buffer)
         dev_type, index, channel = self._ids
-        stamper = BatchStamper(self.adapter.clock)
+        clock = self.clock
         stopping = self._stop
         while not stopping.is_set():
             asked = time.monotonic()
@@ -302,13 +309,18 @@ class Channel:
                     # The library refused at once instead of waiting.
                     stopping.wait(READ_WAIT_MS / 1000)
                 continue
-            now = time.time()
+            now_us = time.time_ns() // 1000
             try:
                 records = list(layout.iter_unpack(ctypes.string_at(address, count * layout.size)))
-                reference = stamper.reference(records[0][1], records[-1][1], now)
+                stamps = [
+                    us * 1e-6
+                    for us in clock.batch_to_epoch_us([record[1] for record in records], now_us)
+                ]
                 for subscriber in self.subscribers:
                     subscriber.inbox.put(
-                        received_messages(records, reference, self.name, is_fd, subscriber.matches)
+                        received_messages(
+                            records, stamps, self.name, is_fd, subscriber.matches
+                        )
                     )
             except Exception:  # a reader that dies silently would lose every later frame
                 log.exception("%s: frames lost while handing them out", self.name)

@@ -180,7 +180,6 @@ public:
   uint32_t generation() const { return generation_; }
   bool current(uint32_t generation) const { return plugged_ && generation == generation_; }
   unsigned opens() const { return opens_; }
-  uint64_t sent(unsigned ch) const { return ch < sent_.size() ? sent_[ch] : 0; }
   uint64_t delivered(unsigned ch) const { return ch < delivered_.size() ? delivered_[ch] : 0; }
   bool channelStarted(unsigned ch) const { return model_->channelStarted(ch); }
 
@@ -261,7 +260,6 @@ private:
   std::vector<BusFrame> outbox_;
   std::deque<Urb> pending_; // IN transfers waiting for data
   std::deque<Urb> done_;    // finished, not reaped yet
-  std::array<uint64_t, 16> sent_{};
   std::array<uint64_t, 16> delivered_{};
 };
 
@@ -372,7 +370,6 @@ void EmulatedAdapter::routeBus() {
       const unsigned peer = f.channel ^ 1u;
       if (f.channel >= model_->channelCount() || model_->channelListenOnly(f.channel))
         continue;
-      ++sent_[f.channel % sent_.size()];
       if (peer >= model_->channelCount() || !model_->channelStarted(peer))
         continue;
       model_->onBusFrame(*this, peer, f.frame, deviceTimeUs());
@@ -757,10 +754,6 @@ uint8_t UsbfsTestbed::busNumber(int adapter) const {
 unsigned UsbfsTestbed::opens(int adapter) const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->at(adapter).opens();
-}
-uint64_t UsbfsTestbed::framesSent(int adapter, unsigned channel) const {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
-  return impl_->at(adapter).sent(channel);
 }
 uint64_t UsbfsTestbed::framesDelivered(int adapter, unsigned channel) const {
   std::lock_guard<std::mutex> lock(impl_->mutex);

@@ -42,8 +42,7 @@ public:
   uint8_t busNumber(int adapter) const;
   // Number of times the host opened the adapter's node since it was plugged in.
   unsigned opens(int adapter) const;
-  // Frames a channel put on the bus / took from it.
-  uint64_t framesSent(int adapter, unsigned channel) const;
+  // Frames a channel took from the bus.
   uint64_t framesDelivered(int adapter, unsigned channel) const;
   // Whether the model's channel is started.
   bool channelStarted(int adapter, unsigned channel) const;

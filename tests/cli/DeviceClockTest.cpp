@@ -7,6 +7,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "common/DeviceClock.h"
 
@@ -31,6 +32,19 @@ TEST(DeviceClock, FollowsTheSharedVectors) {
       clock.emplace(bits);
     } else if (word == "restart") {
       clock->restart();
+    } else if (word == "batch") {
+      int64_t host = 0;
+      in >> host;
+      std::vector<uint32_t> counters;
+      std::vector<int64_t> expected;
+      for (std::string pair; in >> pair; ++frames) {
+        const size_t eq = pair.find('=');
+        counters.push_back(static_cast<uint32_t>(std::stoul(pair.substr(0, eq))));
+        expected.push_back(std::stoll(pair.substr(eq + 1)));
+      }
+      std::vector<int64_t> times(counters.size());
+      clock->toEpochUs(counters.data(), counters.size(), host, times.data());
+      EXPECT_EQ(times, expected) << "line " << lineNo;
     } else {
       ASSERT_EQ(word, "frame") << "line " << lineNo;
       uint32_t counter = 0;

@@ -150,9 +150,13 @@ def check_log2asc():
     return 0
 
 
+USAGES = ["list", "info", "dump", "send", "gen", "record", "demo", "serve"]
+
+
 def check_usage():
-    # (arguments, exit code, text expected on stderr); usage errors exit 2 and
-    # show the usage, run-time failures exit 1 with the library's reason.
+    # (arguments, exit code, text expected on stderr); usage errors exit 2 with
+    # one line and where to find the usage, run-time failures exit 1 with the
+    # library's reason.
     cases = [
         ("", 2, "usage: wcan"),
         ("frobnicate", 2, "unknown command"),
@@ -183,20 +187,112 @@ def check_usage():
         ("serve --bitrate 83333", 2, "suits no adapter"),
         ("serve --bind localhost", 2, "--bind takes an IP address"),
         ("serve wcan41-0-0", 2, "unexpected argument wcan41-0-0"),
+        ("--sim 99 list", 2, "'99', which is no device type; the types are 41 42"),
+        ("--sim 41,foo list", 2, "'foo', which is no device type"),
+        ("--sim 41, list", 2, "an empty item"),
+        ("--sim 61 record 61 0 0 filter-show 5", 1, "without an error code (error 0)"),
+        ("--sim 41 gen 41 0 0 --id 800", 2, "between 0 and 7FF, not 800"),
+        ("--sim 41 dump 41 0 0 --count 0x0", 2, "between 0x1 and 0xFFFFFFFFFFFFFFFF, not 0x0"),
+        ("--sim 41 dump 41 0 1 --filter 123", 2, "write ID:MASK or ID~MASK"),
+        ("--sim 41 dump 41 0 1 --filter 123:G", 2, "the mask must be 1 to 8 hex digits"),
+        ("--sim 41 dump 41 0 1 -t q", 2, "-t takes a (absolute)"),
+        ("--sim 41 dump 41 0 1 -L -a", 2, "-L writes log lines"),
+        ("--sim 41 dump 41 0 1 -x", 2, "unknown option -x"),
     ]
     for line, code, text in cases:
         err = run(line.split(), code=code).stderr
         expect(text in err, f"wcan {line}: no {text!r} in\n{err}")
-        expect(code != 2 or "usage: wcan" in err, f"wcan {line}: no usage shown")
-    for command in ["list", "info", "dump", "send", "gen", "record", "demo", "serve"]:
+        expect(" OK" not in err, f"wcan {line}: a failure reads as OK:\n{err}")
+        if code == 2 and line:
+            expect("Run 'wcan" in err and "usage:" not in err and len(err.splitlines()) == 2,
+                   f"wcan {line}: not one line and where the usage is:\n{err}")
+    # What each verbosity lets through to standard error besides the output.
+    for flag, library_info, summary in [(None, False, True), ("-v", True, True),
+                                        ("-q", False, False)]:
+        args = ["--sim", "41"] + ([flag] if flag else []) + ["send", "41", "0", "0", "123#11"]
+        err = run(args).stderr
+        expect(("[INFO" in err, "1 frame sent" in err) == (library_info, summary),
+               f"wcan {' '.join(args)}: standard error was\n{err}")
+    for command in USAGES:
         out = run([command, "--help"]).stdout
         expect(f"usage: wcan {command}" in out, f"wcan {command} --help:\n{out}")
     expect("Commands:" in run(["--help"]).stdout, "wcan --help")
 
 
+def stamps_us(log_lines):
+    """The time stamps of candump -L lines in microseconds."""
+    return [int(l.split()[0].strip("()").replace(".", "")) for l in log_lines.splitlines()]
+
+
+def classic_bits(text):
+    """Bits of a classic data frame on the wire before stuffing, with the pause after it."""
+    ident, extended, _, _, payload = describe(text)
+    return (67 if extended else 47) + 8 * len(payload)
+
+
+def expect_paced(stamps, frames, bitrate, where):
+    """Frames sent back to back lie as far apart as the later one's bits take.
+    The clock anchors on the first frame and moves earlier when a later one
+    reached the host faster, which shortens a gap, even to nothing: the first
+    frames warm it up, and after them nearly every stamp must differ and most
+    gaps fit their frames' bits. Stamping whole reads with one time, or with
+    the host's time, fails both."""
+    expect(len(stamps) == len(frames), f"{where}: {len(stamps)} of {len(frames)} frames")
+    expect(stamps == sorted(stamps), f"{where}: time ran backwards: {stamps}")
+    measured = stamps[WARM_UP:]
+    expect(len(set(measured)) * 8 >= len(measured) * 7, f"{where}: repeated stamps: {stamps}")
+    fitting = 0
+    for i in range(WARM_UP + 1, len(frames)):
+        bits = classic_bits(frames[i])
+        gap = stamps[i] - stamps[i - 1]
+        # Stuff bits add at most one in four of the bits they can fall on.
+        low, high = bits * 1e6 / bitrate - 2, bits * 1.25 * 1e6 / bitrate + 2
+        fitting += low <= gap <= high
+    gaps = len(measured) - 1
+    expect(fitting * 4 >= gaps * 3, f"{where}: {gaps - fitting} of {gaps} gaps do not fit the "
+           f"bits of their frames: {stamps}")
+
+
+WARM_UP = 32
+
+
+def check_stamps():
+    """Each frame carries the adapter's time, locally and through a server."""
+    frames = ["7FF#"] * WARM_UP + ["123#11", "124#2222", "12345678#33", "125#4444444444444444",
+                                   "126#", "127#55AA", "1ABCDEF0#0102030405"] * 2
+    for dev_type, bitrate in [(41, 500000), (4, 125000), (41, 1000000)]:
+        args = ["--sim", str(dev_type), "dump", str(dev_type), "0", "1", "--bitrate",
+                str(bitrate), "--count", str(len(frames)), "--timeout", "3000"]
+        out = run(args + [a for f in frames for a in ("--tx", "0:" + f)]).stdout
+        expect_paced(stamps_us(out), frames, bitrate, f"type {dev_type} at {bitrate}")
+    server = subprocess.Popen([WCAN, "--sim", "41", "serve", "--port", "0", "--bitrate", "250000"],
+                              stderr=subprocess.PIPE, text=True)
+    try:
+        port = None
+        for line in server.stderr:
+            if "listening on" in line:
+                port = line.rsplit(":", 1)[1].strip()
+                break
+        expect(port, "the server did not say where it listens")
+        dump = subprocess.Popen([WCAN, "dump", "--connect", f"127.0.0.1:{port}", "wcan41-0-1",
+                                 "--count", str(len(frames)), "--timeout", "5000"],
+                                stdout=subprocess.PIPE, text=True)
+        # The dump's bus is open once the server has started its channel.
+        for line in server.stderr:
+            if "started wcan41-0-1" in line:
+                break
+        for burst in frames[:WARM_UP], frames[WARM_UP:]:
+            run(["send", "--connect", f"127.0.0.1:{port}", "wcan41-0-0"] + burst)
+        out, _ = dump.communicate(timeout=10)
+        expect_paced(stamps_us(out), frames, 250000, "through the server")
+    finally:
+        server.terminate()
+        server.communicate(timeout=10)
+
+
 def check_interrupt():
     env = dict(os.environ, WCAN_SIM="41")
-    proc = subprocess.Popen([WCAN, "dump", "41", "0", "1", "--fd"], stdout=subprocess.PIPE,
+    proc = subprocess.Popen([WCAN, "-v", "dump", "41", "0", "1", "--fd"], stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE, text=True, env=env)
     # The adapter is open and the channel started once the library says so.
     seen = ""
@@ -373,6 +469,37 @@ def check_top():
             expect("wcan top" not in text, f"the screen was not given back:\n{text}")
         finally:
             subprocess.run(["tmux", "-L", TMUX_SOCKET, "kill-server"], capture_output=True)
+
+
+def check_dbc():
+    dbc = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "vehicle.dbc")
+    frames = ["064#A5090382FD800000", "18FEF100#1234", "7C0#02.6A.FF", "333#01"]
+    signals = [
+        '  EngineData: EngineSpeed=1234.5 rpm Gear=3 "Drive" CoolantTemp=90 degC Torque=-10 Nm',
+        "  VehicleSpeed: WheelSpeed=46.6 km/h",
+        '  Diagnostics: Service=2 "ReadCurrent" Current=-1.5 A']
+    # Human-readable lines carry each known frame's signals under it.
+    lines = dump_with_loopback(41, frames, ["--dbc", dbc, "-t", "z"]).splitlines()
+    expect(lines[1::2][:3] == signals, f"signals:\n{lines}")
+    expect(len(lines) == 7 and lines[-1].endswith(" 01"), f"unknown id decoded:\n{lines}")
+    # Log lines stay a candump log on standard output and in the --log file;
+    # the signals go to standard error.
+    with tempfile.TemporaryDirectory() as tmp:
+        log_path = os.path.join(tmp, "dump.log")
+        args = ["--sim", "41", "dump", "41", "0", "1", "--count", "4", "--timeout", "3000",
+                "--dbc", dbc, "--log", log_path] + [a for f in frames for a in ("--tx", "0:" + f)]
+        result = run(args)
+        with open(log_path) as f:
+            log = f.read()
+    expect(len(result.stdout.splitlines()) == 4 and log == result.stdout,
+           f"log lines:\n{result.stdout}\n--log file:\n{log}")
+    expect(all(s in result.stderr for s in signals), f"signals on standard error:\n{result.stderr}")
+    result = run(["send", "41", "0", "0", "--dbc", dbc, "SensorFrame", "State=Ready",
+                  "Accel=-1.5"], env_sim="41")
+    expect("1 frame sent" in result.stderr, result.stderr)
+    result = run(["send", "41", "0", "0", "--dbc", dbc, "EngineData", "Gear=9"], env_sim="41",
+                 code=2)
+    expect("Gear=9 is outside 0..7" in result.stderr, result.stderr)
 
 
 CHECKS = {name[6:]: fn for name, fn in globals().items() if name.startswith("check_")}

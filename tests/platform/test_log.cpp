@@ -55,19 +55,6 @@ protected:
   fs::path dir, previous;
 };
 
-TEST_F(Log, WithoutConfigurationInfoGoesToStdoutAndTraceIsFiltered) {
-  reloadQuietly();
-  const std::string out = stdoutOf([] {
-    log().Info("hello %d", 42);
-    log().Trace("hidden");
-  });
-  // [2025-01-02 03:04:05] [INFO ] hello 42
-  ASSERT_EQ(out.size(), 39u) << out;
-  EXPECT_EQ(out.front(), '[');
-  EXPECT_EQ(out.substr(20), "] [INFO ] hello 42\n");
-  EXPECT_FALSE(log().fileOutputOn());
-}
-
 TEST_F(Log, ConfigurationKeysAreReadOnlyInTheirSection) {
   struct Case {
     const char *ini;
@@ -102,6 +89,7 @@ TEST_F(Log, DailyFileInNestedDirectoriesReceivesEveryLine) {
   stdoutOf([] {
     log().Warn("first");
     log().Debug("below threshold");
+    log().Trace("below threshold");
     log().Error("second");
   });
   std::ifstream file(name);
@@ -170,6 +158,33 @@ TEST_F(Log, ConsoleLinesFollowTheEnvironment) {
     EXPECT_EQ(out.find("where am I") != std::string::npos, c.onStdout);
     EXPECT_EQ(err.find("where am I") != std::string::npos, c.onStderr);
   }
+  unsetenv("WCAN_LOG_CONSOLE");
+}
+
+TEST_F(Log, ConsoleLevelDropsOnlyTheConsoleLinesBelowIt) {
+  struct Case {
+    const char *setting; // nullptr: unset
+    bool infoShown, warnShown;
+  } cases[] = {
+      {nullptr, true, true},   {"info", true, true},  {"WARN", false, true},
+      {"error", false, false}, {"bogus", true, true},
+  };
+  setenv("WCAN_LOG_CONSOLE", "stdout", 1);
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.setting ? c.setting : "(unset)");
+    if (c.setting)
+      setenv("WCAN_LOG_CONSOLE_LEVEL", c.setting, 1);
+    else
+      unsetenv("WCAN_LOG_CONSOLE_LEVEL");
+    reloadQuietly();
+    ::testing::internal::CaptureStdout();
+    log().Info("an info line");
+    log().Warn("a warning line");
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.find("an info line") != std::string::npos, c.infoShown);
+    EXPECT_EQ(out.find("a warning line") != std::string::npos, c.warnShown);
+  }
+  unsetenv("WCAN_LOG_CONSOLE_LEVEL");
   unsetenv("WCAN_LOG_CONSOLE");
 }
 

@@ -2,7 +2,9 @@
 // Clock arithmetic and hexadecimal text conversion.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <thread>
+#include <utility>
 
 #include "platform/QUserUtils.h"
 
@@ -59,6 +61,59 @@ TEST(Mutex, GuardIsRecursive) {
   EXPECT_EQ(pthread_mutex_trylock(&mutex), 0);
   pthread_mutex_unlock(&mutex);
   pthread_mutex_destroy(&mutex);
+}
+
+// Virtual time is a harness's tool; a host program must never see it.
+class VirtualTime : public ::testing::Test {
+protected:
+  void TearDown() override {
+    virtualtime::enable(false);
+    virtualtime::setTransferTime(std::chrono::microseconds(0));
+  }
+  // Microseconds the clock moves while `f` runs, and the real time it takes.
+  template <class F> std::pair<uint32_t, std::chrono::nanoseconds> measure(F f) {
+    const uint32_t start = getCurMicroSec();
+    const auto realStart = std::chrono::steady_clock::now();
+    f();
+    return {getLapseMicroSec(start), std::chrono::steady_clock::now() - realStart};
+  }
+};
+
+TEST_F(VirtualTime, OffTheClockIsRealAndPausesSleep) {
+  using std::chrono::milliseconds;
+  virtualtime::setTransferTime(milliseconds(500));
+  const auto [lapse, real] = measure([] {
+    virtualtime::advance(std::chrono::seconds(100));
+    virtualtime::chargeTransfer();
+    pauseFor(milliseconds(5));
+  });
+  EXPECT_GE(real, milliseconds(5));
+  EXPECT_LT(lapse, 1'000'000u) << "advancing must do nothing while virtual time is off";
+  EXPECT_EQ(virtualtime::sleepInstead(milliseconds(7)), milliseconds(7));
+}
+
+TEST_F(VirtualTime, OnTimeOnlyPassesOnTheClock) {
+  using std::chrono::milliseconds;
+  using std::chrono::seconds;
+  virtualtime::enable(true);
+  virtualtime::setTransferTime(milliseconds(1));
+  struct {
+    const char *what;
+    std::function<void()> act;
+    uint32_t atLeastUs;
+  } cases[] = {
+      {"advance", [] { virtualtime::advance(seconds(3)); }, 3'000'000},
+      {"pause", [] { pauseFor(seconds(2)); }, 2'000'000},
+      {"transfer", [] { virtualtime::chargeTransfer(); }, 1'000},
+      {"sleep", [] { (void)virtualtime::sleepInstead(seconds(1)); }, 1'000'000},
+  };
+  for (const auto &c : cases) {
+    const auto [lapse, real] = measure(c.act);
+    EXPECT_GE(lapse, c.atLeastUs) << c.what;
+    EXPECT_LT(real, milliseconds(500)) << c.what;
+  }
+  EXPECT_LE(virtualtime::sleepInstead(seconds(1)), milliseconds(1))
+      << "a sleep keeps only a moment of real time";
 }
 
 } // namespace

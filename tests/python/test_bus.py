@@ -204,6 +204,15 @@ def test_frames_sent_after_a_replug_arrive(open_bus, cabled):
     assert all(abs(m.timestamp - sent_at) < 0.5 for m in got)
 
 
+def test_time_stamps_resolve_below_a_second(open_bus):
+    tx, rx = open_bus(FD_PAIR[0]), open_bus(FD_PAIR[1])
+    tx.send(CLASSIC_FRAMES[0])
+    time.sleep(0.05)
+    tx.send(CLASSIC_FRAMES[0])
+    first, second = receive(rx, 2)
+    assert 0.03 < second.timestamp - first.timestamp < 0.5
+
+
 def test_detected_configurations_list_every_channel_of_every_adapter():
     channels = {c["channel"] for c in can.detect_available_configs("wcan")}
     # Types that share their USB ids are listed as the first of them.

@@ -2,40 +2,37 @@
 """The device clock and the filter translation, without adapters."""
 
 import types
+from pathlib import Path
 
 import can
 import pytest
 
 from wcan import _filters
-from wcan._clock import BatchStamper, DeviceClock
+from wcan._clock import DeviceClock
 
-T0 = 1_700_000_000.0
-
-
-@pytest.mark.parametrize(
-    "bits, start, events",
-    [
-        # (host seconds after T0 the frame arrived, its counter, expected stamp - T0)
-        (32, 2**32 - 1000, [(0.0015, 500, 0.0015)]),  # across the wrap
-        (24, 2**24 - 1000, [(0.0015, 500, 0.0015)]),  # the classic counter's wrap
-        (24, 5, [(40.0, (40_000_000 + 5) % 2**24, 40.0)]),  # silence over two wraps
-        (32, 5_000_000, [(0.2, 5_100_000, 0.1)]),  # a late frame keeps its own time
-        (32, 90_000_000, [(3.0, 1_000, 3.0)]),  # the adapter was replugged: re-anchored
-    ],
-)
-def test_counter_becomes_epoch_time(bits, start, events):
-    clock = DeviceClock(bits)
-    assert clock.epoch(start, T0) == T0
-    for arrived, counter, expected in events:
-        assert clock.epoch(counter, T0 + arrived) == pytest.approx(T0 + expected, abs=1e-6)
+VECTORS = Path(__file__).resolve().parents[1] / "data" / "device_clock.txt"
 
 
-def test_batches_of_one_queue_never_run_backwards():
-    stamper = BatchStamper(DeviceClock(32))
-    previous_last, _, _ = stamper.reference(0, 1_000, T0 + 0.010)  # waited 9 ms
-    # A quicker batch moves the origin back by 6.5 ms.
-    last, last_counter, mask = stamper.reference(7_000, 8_000, T0 + 0.0105)
-    assert last - ((last_counter - 7_000) & mask) * 1e-6 >= previous_last
+def test_clock_follows_the_vectors_the_tool_is_checked_with():
+    clock, frames = None, 0
+    for number, line in enumerate(VECTORS.read_text().splitlines(), 1):
+        words = line.split()
+        if not words or words[0].startswith("#"):
+            continue
+        if words[0] == "clock":
+            clock = DeviceClock(int(words[1]))
+        elif words[0] == "restart":
+            clock.restart()
+        elif words[0] == "batch":
+            pairs = [tuple(int(n) for n in w.split("=")) for w in words[2:]]
+            times = clock.batch_to_epoch_us([c for c, _ in pairs], int(words[1]))
+            assert times == [e for _, e in pairs], f"line {number}"
+            frames += len(pairs)
+        else:
+            counter, host, expected = (int(w) for w in words[1:4])
+            assert clock.to_epoch_us(counter, host) == expected, f"line {number}"
+            frames += 1
+    assert frames > 10
 
 
 FILTERS = [

@@ -8,7 +8,6 @@ import sys
 
 import can
 import pytest
-from conftest import FD_PAIR
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
@@ -35,17 +34,6 @@ def replay(log_file, count, tmp_path):
     companion("collect", str(count), str(out), "--", "-m", "can.player", "-i", "wcan",
               "-c", "wcan41-0-0", str(log_file))
     return [json.loads(line) for line in out.read_text().splitlines()]
-
-
-def test_notifier_hands_every_frame_to_its_listeners(open_bus):
-    tx, rx = open_bus(FD_PAIR[0]), open_bus(FD_PAIR[1])
-    reader, seen = can.BufferedReader(), []
-    notifier = can.Notifier(rx, [reader, seen.append])
-    for msg in FRAMES:
-        tx.send(msg)
-    got = [reader.get_message(2.0) for _ in FRAMES]
-    notifier.stop()
-    assert by_kind(got) == by_kind(FRAMES) == by_kind(seen)
 
 
 @pytest.mark.parametrize("suffix", [".log", ".asc"])

@@ -21,11 +21,6 @@ namespace wcanumock {
   X(ReceiveFD)                                                                                     \
   X(RecordSettingSet)                                                                              \
   X(RecordSettingGet)                                                                              \
-  X(RecordFliterClr)                                                                               \
-  X(RecordFliterAdd)                                                                               \
-  X(RecordFliterEnable)                                                                            \
-  X(RecordFliterInfoGet)                                                                           \
-  X(RecordFliterSettingGet)                                                                        \
   X(GetLastError)
 
 struct WcanApi {

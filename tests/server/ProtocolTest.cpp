@@ -142,6 +142,13 @@ TEST(Requests, ReadFramesAsTheProtocolWritesThem) {
        frame(0x123, false, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, true)},
       {"sendfd 123 1 AA 1", frame(0x123, false, {0xAA}, true, true)},
       {"sendfd 123 0", frame(0x123, false, {}, true)},
+      // The other proposal's form: flags before the length, data separate or run together.
+      {"fdsend 123 0x01 2 AA BB", frame(0x123, false, {0xAA, 0xBB}, true, true)},
+      {"fdsend 123 0 12 00112233445566778899AABB",
+       frame(0x123, false, {0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, 0xBB},
+             true)},
+      {"fdsend 12345678 2 1 5", frame(0x12345678, true, {5}, true)},
+      {"fdsend 7FF 3 0", frame(0x7FF, false, {}, true, true)},
   };
   for (const Case &c : cases) {
     net::Request r;
@@ -173,6 +180,12 @@ TEST(Requests, RefuseBadOnesWithTheReason) {
       {"sendrtr 123 9", "bad length '9'"},
       {"sendfd 123 9 1 2 3 4 5 6 7 8 9", "0..8, 12, 16"},
       {"sendfd 123 1 AA 12", "bad flag digit '12'"},
+      {"fdsend 123 4 1 AA", "bad flags '4'"},
+      {"fdsend 123 0x10 1 AA", "bad flags '0x10'"},
+      {"fdsend 123 1 12 0011", "length 12 but 1 data bytes"},
+      {"fdsend 123 1 2 AABBCC", "length 2 but 1 data bytes"},
+      {"fdsend 123 1 2 AAXX", "bad data 'AAXX'"},
+      {"fdsend 123 1", "usage: < fdsend ID FLAGS LEN DATA >"},
       {"add 0 10 123 0", "at least 100 us"},
       {"add x 0 123 0", "bad interval"},
       {"statistics -1", "bad interval '-1'"},

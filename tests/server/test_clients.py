@@ -113,9 +113,11 @@ def test_gen_connect_sends_through_the_server(serve, wcan):
     (["send", "wcan41-0-0", "456##1AA"],
      "1 of 1 frames not sent on wcan41-0-0 at {address}: CAN FD frames need"),
     (["send", "wcan41-0-7", "123#00"],
-     "answered 'open wcan41-0-7' with 'error could not open bus'"),
+     "answered 'open wcan41-0-7' with 'error could not open bus: adapter type 41 has channels "
+     "0..1, not 7; this server has wcan41-0-0 wcan41-0-1'"),
     (["gen", "wcan41-0-0", "--fd", "--count", "5"], "sending on wcan41-0-0 at {address}: CAN FD frames need"),
-    (["dump", "can0", "--count", "1"], "answered 'open can0' with 'error could not open bus'"),
+    (["dump", "can0", "--count", "1"], "answered 'open can0' with 'error could not open bus: "
+     "'can0' names no bus"),
 ])
 def test_connect_reports_what_the_server_refused(serve, wcan, args, message):
     server = serve("41")

@@ -69,7 +69,9 @@ def test_text_outside_elements_gets_an_error_reply(shared):
 ])
 def test_a_bus_that_cannot_open_ends_the_connection(shared, bus, reason):
     c = shared.connect()
-    c.request(f"open {bus}", "error could not open bus")
+    c.send(f"< open {bus} >")
+    reply = c.element()
+    assert reply.startswith("error could not open bus: ") and reason in reply, reply
     assert c.closed_by_server()
     shared.wait_for_log(reason)
     shared.connect("wcan41-0-0").request("echo", "echo")

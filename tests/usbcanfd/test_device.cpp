@@ -227,22 +227,6 @@ TEST_F(FdDevice, EveryQueueOfTheEightChannelAdapterIsReached) {
   foreignNode.join();
 }
 
-TEST_F(FdDevice, StreamSurvivesStrayBytesAndSplitReads) {
-  open();
-  Bytes frame = {0x55, 0xF2, 0, 0,    19,   0, 1, 0x10, 0x00, 1,
-                 0,    0,    0, 0x23, 0x01, 0, 0, 2,    0xAB, 0xCD};
-  frame.resize(7 + 19);
-  wcansim::pushIn(adapter_, 0x83, {0x00, 0x55, 0x13});
-  wcansim::pushIn(adapter_, 0x83, Bytes(frame.begin(), frame.begin() + 9));
-  std::this_thread::sleep_for(20ms);
-  wcansim::pushIn(adapter_, 0x83, Bytes(frame.begin() + 9, frame.end()));
-  _WCAN_CAN_OBJ got{};
-  ASSERT_EQ(WCAN_Receive(kType, 0, 1, &got, 1, 1000), 1);
-  EXPECT_EQ(got.id, 0x123u);
-  EXPECT_EQ(got.timeStamp, 1u);
-  EXPECT_EQ(got.data[1], 0xCD);
-}
-
 TEST_F(FdDevice, StopClearAndCountsFollowTheirRules) {
   open();
   EXPECT_EQ(WCAN_Stop(kType, 0, 0), 1);

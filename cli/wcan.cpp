@@ -218,7 +218,11 @@ const char kServeUsage[] =
     "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
     "  --fd             open the channels of CAN FD adapters for CAN FD\n"
     "  --client-buffer N  bytes of output a client may leave unread before it\n"
-    "                   misses frames (default 1048576)\n";
+    "                   misses frames (default 1048576)\n"
+    "  --web [ADDR:]PORT  also serve a bus monitor to browsers on this port\n"
+    "                   (address 127.0.0.1 unless given; port 0 picks a free\n"
+    "                   one); the address to open, printed at start, holds the\n"
+    "                   access token\n";
 
 const char kBusloadUsage[] =
     "usage: wcan busload TYPE INDEX [CHANNEL...] [options]\n"
@@ -340,7 +344,8 @@ const std::vector<Command> &commands() {
         {"--bitrate", true},
         {"--dbitrate", true},
         {"--fd", false},
-        {"--client-buffer", true}},
+        {"--client-buffer", true},
+        {"--web", true}},
        runServe},
       {"busload", "print the load of a bus", kBusloadUsage,
        withLiveFeed({{"-i", true}, {"-b", false}, {"-s", false}, {"--count", true}}), runBusload},

@@ -88,7 +88,7 @@ This package holds the header wcan.h, the pkg-config file wcan.pc and the link
 to build host programs against libwcan.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION electronics)
-set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libusb-1.0-0, libncurses6")
+set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libusb-1.0-0, libncurses6, libjs-dygraphs")
 set(CPACK_DEBIAN_TOOL_DESCRIPTION "command line tool for USB-to-CAN and USB-to-CAN-FD adapters
 wcan lists the adapters driven by libwcan, prints their board information,
 dumps received frames as candump log lines, sends frames in cansend syntax,

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "net/Client.h"
 
-#include <asio.hpp>
+#include <boost/asio.hpp>
 
 #include <algorithm>
 #include <array>
@@ -42,8 +42,8 @@ ServerAddress parseServerAddress(const std::string &text, unsigned defaultPort) 
 }
 
 struct Client::Connection {
-  asio::io_context io;
-  asio::ip::tcp::socket socket{io};
+  boost::asio::io_context io;
+  boost::asio::ip::tcp::socket socket{io};
   ElementReader reader;
   std::array<char, 16384> buffer;
   std::vector<std::string> errors;
@@ -51,9 +51,9 @@ struct Client::Connection {
 
   // Reads once, waiting until `deadline` (none: no limit); false on time-out.
   bool readSome(std::optional<Clock::time_point> deadline) {
-    asio::error_code ec = asio::error::would_block;
+    boost::system::error_code ec = boost::asio::error::would_block;
     size_t n = 0;
-    socket.async_read_some(asio::buffer(buffer), [&](asio::error_code e, size_t k) {
+    socket.async_read_some(boost::asio::buffer(buffer), [&](boost::system::error_code e, size_t k) {
       ec = e;
       n = k;
     });
@@ -62,14 +62,14 @@ struct Client::Connection {
       io.run_until(*deadline);
     else
       io.run();
-    if (ec == asio::error::would_block) {
+    if (ec == boost::asio::error::would_block) {
       socket.cancel();
       io.restart();
       io.run();
     }
-    if (ec == asio::error::operation_aborted)
+    if (ec == boost::asio::error::operation_aborted)
       return false;
-    if (ec == asio::error::eof)
+    if (ec == boost::asio::error::eof)
       throw ToolError{"the server closed the connection to " + name};
     if (ec)
       throw ToolError{"lost the connection to " + name + ": " + ec.message()};
@@ -110,8 +110,8 @@ struct Client::Connection {
   }
 
   void write(const std::string &text) {
-    asio::error_code ec;
-    asio::write(socket, asio::buffer(text), ec);
+    boost::system::error_code ec;
+    boost::asio::write(socket, boost::asio::buffer(text), ec);
     if (ec)
       throw ToolError{"lost the connection to " + name + ": " + ec.message()};
   }
@@ -131,15 +131,15 @@ struct Client::Connection {
 Client::Client(const ServerAddress &server, const std::string &bus)
     : c_(std::make_unique<Connection>()) {
   c_->name = bus + " at " + server.host + ":" + std::to_string(server.port);
-  asio::error_code ec;
-  asio::ip::tcp::resolver resolver(c_->io);
+  boost::system::error_code ec;
+  boost::asio::ip::tcp::resolver resolver(c_->io);
   const auto endpoints = resolver.resolve(server.host, std::to_string(server.port), ec);
   if (!ec)
-    asio::connect(c_->socket, endpoints, ec);
+    boost::asio::connect(c_->socket, endpoints, ec);
   if (ec)
     throw ToolError{"cannot connect to " + server.host + ":" + std::to_string(server.port) + ": " +
                     ec.message()};
-  c_->socket.set_option(asio::ip::tcp::no_delay(true), ec);
+  c_->socket.set_option(boost::asio::ip::tcp::no_delay(true), ec);
   c_->expect("hi", "the connection");
   c_->write(element("open " + bus));
   c_->expect("ok", "'open " + bus + "'");
@@ -178,9 +178,9 @@ void Client::send(const std::vector<Frame> &frames) {
 }
 
 std::vector<std::string> Client::takeErrors() {
-  asio::error_code ec;
+  boost::system::error_code ec;
   while (c_->socket.available(ec) > 0 && !ec) {
-    const size_t n = c_->socket.read_some(asio::buffer(c_->buffer), ec);
+    const size_t n = c_->socket.read_some(boost::asio::buffer(c_->buffer), ec);
     c_->reader.feed(c_->buffer.data(), ec ? 0 : n);
   }
   ElementReader::Item item;

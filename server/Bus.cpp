@@ -58,15 +58,15 @@ std::optional<BusAddress> parseBusName(std::string_view name) {
   return a;
 }
 
-Channel::Channel(const Runtime &runtime, asio::io_context &loop, DeviceSession &device,
+Channel::Channel(const Runtime &runtime, boost::asio::io_context &loop, DeviceSession &device,
                  unsigned channel, std::string name, ChannelSettings settings, DeliverySink sink)
     : runtime_(runtime), loop_(loop), device_(device), channel_(channel), name_(std::move(name)),
       settings_(settings), sink_(std::move(sink)), clock_(device.type().counterBits) {}
 
 Channel::~Channel() { join(); }
 
-void Channel::ReleaseDescriptor::operator()(asio::posix::stream_descriptor *d) const {
-  asio::error_code ignored;
+void Channel::ReleaseDescriptor::operator()(boost::asio::posix::stream_descriptor *d) const {
+  boost::system::error_code ignored;
   d->cancel(ignored);
   d->release();
   delete d;
@@ -79,7 +79,7 @@ void Channel::start() {
       runtime_.wcan().WCAN_GetReceiveEvent(device_.type().type, device_.index(), channel_);
   if (event < 0)
     throw ToolError{"the receive event of " + name_ + " is not available: " + runtime_.lastError()};
-  rxEvent_.reset(new asio::posix::stream_descriptor(loop_, event));
+  rxEvent_.reset(new boost::asio::posix::stream_descriptor(loop_, event));
   awaitFrames();
   threads_.emplace_back([this] { transmitLoop(); });
 }
@@ -88,8 +88,8 @@ void Channel::start() {
 // waited on again. Stopping the channel lets the descriptor go, which ends
 // the wait without a call here.
 void Channel::awaitFrames() {
-  rxEvent_->async_wait(asio::posix::stream_descriptor::wait_read,
-                       [weak = weak_from_this()](const asio::error_code &error) {
+  rxEvent_->async_wait(boost::asio::posix::stream_descriptor::wait_read,
+                       [weak = weak_from_this()](const boost::system::error_code &error) {
                          const std::shared_ptr<Channel> self = weak.lock();
                          if (error || !self || !self->rxEvent_)
                            return;
@@ -255,13 +255,14 @@ bool BusHub::AdapterKey::operator<(const AdapterKey &o) const {
   return std::tie(vendorId, productId, index) < std::tie(o.vendorId, o.productId, o.index);
 }
 
-BusHub::BusHub(const Runtime &runtime, asio::io_context &loop, ChannelSettings settings,
+BusHub::BusHub(const Runtime &runtime, boost::asio::io_context &loop, ChannelSettings settings,
                DeliverySink sink)
     : runtime_(runtime), loop_(loop), settings_(settings), sink_(std::move(sink)) {}
 
 BusHub::~BusHub() { closeAll(); }
 
-std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string &why) {
+std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string &why,
+                                         const ChannelSettings *settings) {
   const std::optional<BusAddress> bus = parseBusName(busName);
   const DeviceType *type = bus ? findDeviceType(bus->type) : nullptr;
   if (!type) {
@@ -275,7 +276,7 @@ std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string
     OpenChannel &open = adapter.channels[bus->channel];
     if (!open.channel) {
       try {
-        open.channel = startChannel(adapter, *bus, busName);
+        open.channel = startChannel(adapter, *bus, busName, settings ? *settings : settings_);
       } catch (...) {
         adapter.channels.erase(bus->channel);
         if (adapter.channels.empty())
@@ -331,8 +332,8 @@ void BusHub::closeAdapter(const AdapterKey &key) {
 }
 
 std::shared_ptr<Channel> BusHub::startChannel(OpenAdapter &adapter, const BusAddress &bus,
-                                              const std::string &busName) {
-  ChannelSettings settings = settings_;
+                                              const std::string &busName,
+                                              ChannelSettings settings) {
   // --fd asks for CAN FD where the adapter has it; classic adapters ignore it.
   if (adapter.device->type().family != Family::CanFd)
     settings.fd = false;

@@ -7,7 +7,7 @@
 // Deliveries, stamped with the adapter's time.
 #pragma once
 
-#include <asio.hpp>
+#include <boost/asio.hpp>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -64,8 +64,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
 public:
   // `loop` waits on the channel's receive event; it runs on the thread that
   // starts and stops the channel.
-  Channel(const Runtime &runtime, asio::io_context &loop, DeviceSession &device, unsigned channel,
-          std::string name, ChannelSettings settings, DeliverySink sink);
+  Channel(const Runtime &runtime, boost::asio::io_context &loop, DeviceSession &device,
+          unsigned channel, std::string name, ChannelSettings settings, DeliverySink sink);
   ~Channel();
   Channel(const Channel &) = delete;
   Channel &operator=(const Channel &) = delete;
@@ -84,6 +84,7 @@ public:
   const std::string &name() const { return name_; }
   // Whether the channel carries CAN FD frames (a CAN FD adapter opened with --fd).
   bool fd() const { return settings_.fd; }
+  const ChannelSettings &settings() const { return settings_; }
 
   // Queues frames of one session for transmission, in order; the outcome
   // comes back through the sink. Any thread.
@@ -98,7 +99,7 @@ private:
 
   // The library owns the descriptor: it is let go, never closed, here.
   struct ReleaseDescriptor {
-    void operator()(asio::posix::stream_descriptor *d) const;
+    void operator()(boost::asio::posix::stream_descriptor *d) const;
   };
 
   void awaitFrames();
@@ -111,7 +112,7 @@ private:
                const std::string &failure);
 
   const Runtime &runtime_;
-  asio::io_context &loop_;
+  boost::asio::io_context &loop_;
   DeviceSession &device_;
   const unsigned channel_;
   const std::string name_;
@@ -123,7 +124,7 @@ private:
   bool stopping_ = false;
   std::deque<TxItem> txQueue_;
   std::vector<std::thread> threads_;
-  std::unique_ptr<asio::posix::stream_descriptor, ReleaseDescriptor> rxEvent_;
+  std::unique_ptr<boost::asio::posix::stream_descriptor, ReleaseDescriptor> rxEvent_;
   // The adapter's time stamps as host time, one time line for both receive
   // queues; used on the event loop only.
   DeviceClock clock_;
@@ -133,15 +134,17 @@ private:
 // thread (the server's device thread), which runs `loop`.
 class BusHub {
 public:
-  BusHub(const Runtime &runtime, asio::io_context &loop, ChannelSettings settings,
+  BusHub(const Runtime &runtime, boost::asio::io_context &loop, ChannelSettings settings,
          DeliverySink sink);
   ~BusHub();
   BusHub(const BusHub &) = delete;
   BusHub &operator=(const BusHub &) = delete;
 
   // The running channel behind a bus name, opened and started on first use;
-  // null with the reason when it cannot be.
-  std::shared_ptr<Channel> acquire(const std::string &busName, std::string &why);
+  // null with the reason when it cannot be. A channel started here runs with
+  // `settings` when given, else with the server's.
+  std::shared_ptr<Channel> acquire(const std::string &busName, std::string &why,
+                                   const ChannelSettings *settings = nullptr);
   // One user fewer; the last stops the channel, and the adapter closes with
   // its last channel.
   void release(const std::shared_ptr<Channel> &channel);
@@ -168,10 +171,10 @@ private:
   void closeAdapter(const AdapterKey &key);
   std::string busesOnOffer() const;
   std::shared_ptr<Channel> startChannel(OpenAdapter &adapter, const BusAddress &bus,
-                                        const std::string &busName);
+                                        const std::string &busName, ChannelSettings settings);
 
   const Runtime &runtime_;
-  asio::io_context &loop_;
+  boost::asio::io_context &loop_;
   const ChannelSettings settings_;
   DeliverySink sink_;
   std::map<AdapterKey, OpenAdapter> adapters_;

@@ -13,9 +13,9 @@
 namespace wcantool::serve {
 namespace {
 
-asio::ip::tcp::endpoint listenEndpoint(const ServeOptions &options) {
-  asio::error_code ec;
-  const asio::ip::address address = asio::ip::make_address(options.bindAddress, ec);
+boost::asio::ip::tcp::endpoint listenEndpoint(const ServeOptions &options) {
+  boost::system::error_code ec;
+  const boost::asio::ip::address address = boost::asio::ip::make_address(options.bindAddress, ec);
   if (ec)
     throw UsageError{"--bind takes an IP address, not '" + options.bindAddress + "'"};
   return {address, static_cast<unsigned short>(options.port)};
@@ -25,19 +25,19 @@ asio::ip::tcp::endpoint listenEndpoint(const ServeOptions &options) {
 
 Server::Server(const Runtime &runtime, const ServeOptions &options)
     : options_(options), acceptor_(io_), signals_(io_), acceptRetry_(io_),
-      deviceWork_(asio::make_work_guard(deviceIo_)),
+      deviceWork_(boost::asio::make_work_guard(deviceIo_)),
       hub_(runtime, deviceIo_, options.settings, [this](std::unique_ptr<Delivery> d) {
-        asio::post(io_, [this, d = std::move(d)]() mutable { deliver(std::move(d)); });
+        boost::asio::post(io_, [this, d = std::move(d)]() mutable { deliver(std::move(d)); });
       }) {
-  const asio::ip::tcp::endpoint endpoint = listenEndpoint(options);
-  asio::error_code ec;
+  const boost::asio::ip::tcp::endpoint endpoint = listenEndpoint(options);
+  boost::system::error_code ec;
   acceptor_.open(endpoint.protocol(), ec);
   if (!ec)
-    acceptor_.set_option(asio::ip::tcp::acceptor::reuse_address(true), ec);
+    acceptor_.set_option(boost::asio::ip::tcp::acceptor::reuse_address(true), ec);
   if (!ec)
     acceptor_.bind(endpoint, ec);
   if (!ec)
-    acceptor_.listen(asio::socket_base::max_listen_connections, ec);
+    acceptor_.listen(boost::asio::socket_base::max_listen_connections, ec);
   if (ec)
     throw ToolError{"cannot listen on " + options.bindAddress + ":" + std::to_string(options.port) +
                     ": " + ec.message()};
@@ -61,7 +61,7 @@ void Server::run(bool handleSignals) {
   if (handleSignals) {
     signals_.add(SIGINT);
     signals_.add(SIGTERM);
-    signals_.async_wait([this](asio::error_code ec, int signal) {
+    signals_.async_wait([this](boost::system::error_code ec, int signal) {
       if (ec)
         return;
       std::fprintf(stderr, "wcan serve: %s: closing every session and adapter\n",
@@ -73,21 +73,21 @@ void Server::run(bool handleSignals) {
   io_.run();
   // Every session has gone; stop the channels and close the adapters on the
   // device thread, after whatever it still had to do.
-  asio::post(deviceIo_, [this] { hub_.closeAll(); });
+  boost::asio::post(deviceIo_, [this] { hub_.closeAll(); });
   deviceWork_.reset();
   if (deviceThread_.joinable())
     deviceThread_.join();
 }
 
 void Server::stop() {
-  asio::post(io_, [this] { shutdown(); });
+  boost::asio::post(io_, [this] { shutdown(); });
 }
 
 void Server::shutdown() {
   if (stopping_)
     return;
   stopping_ = true;
-  asio::error_code ignored;
+  boost::system::error_code ignored;
   acceptor_.close(ignored);
   acceptRetry_.cancel();
   // A second Ctrl-C ends the program at once.
@@ -95,17 +95,19 @@ void Server::shutdown() {
   auto sessions = sessions_;
   for (auto &s : sessions)
     s.second->close();
+  for (auto &hook : shutdownHooks_)
+    hook();
 }
 
 void Server::accept() {
-  acceptor_.async_accept([this](asio::error_code ec, asio::ip::tcp::socket socket) {
+  acceptor_.async_accept([this](boost::system::error_code ec, boost::asio::ip::tcp::socket socket) {
     if (stopping_)
       return;
     if (ec) {
       // Out of descriptors and the like: try again shortly instead of spinning.
       std::fprintf(stderr, "wcan serve: accepting a connection failed: %s\n", ec.message().c_str());
       acceptRetry_.expires_after(std::chrono::milliseconds(100));
-      acceptRetry_.async_wait([this](asio::error_code e) {
+      acceptRetry_.async_wait([this](boost::system::error_code e) {
         if (!e && !stopping_)
           accept();
       });
@@ -120,18 +122,21 @@ void Server::accept() {
 }
 
 void Server::openBus(const std::shared_ptr<Session> &session, const std::string &bus) {
-  asio::post(deviceIo_, [this, weak = std::weak_ptr<Session>(session), bus] {
+  boost::asio::post(deviceIo_, [this, weak = std::weak_ptr<Session>(session), bus] {
     std::string why;
     std::shared_ptr<Channel> channel = hub_.acquire(bus, why);
-    asio::post(io_, [this, weak, channel, why] {
+    boost::asio::post(io_, [this, weak, channel, why] {
       std::shared_ptr<Session> s = weak.lock();
       if (!s || s->closed()) {
         if (channel)
           releaseOnDeviceThread(channel);
         return;
       }
-      if (channel)
-        buses_[channel.get()].sessions.push_back(s.get());
+      if (channel) {
+        BusMembers &members = buses_[channel.get()];
+        members.channel = channel;
+        members.sessions.push_back(s.get());
+      }
       s->busOpened(channel, why);
     });
   });
@@ -151,7 +156,30 @@ void Server::leaveBus(Session &session, const std::shared_ptr<Channel> &channel)
 }
 
 void Server::releaseOnDeviceThread(std::shared_ptr<Channel> channel) {
-  asio::post(deviceIo_, [this, channel = std::move(channel)] { hub_.release(channel); });
+  boost::asio::post(deviceIo_, [this, channel = std::move(channel)] { hub_.release(channel); });
+}
+
+void Server::forEachBus(
+    const std::function<void(const std::shared_ptr<Channel> &, size_t)> &fn) const {
+  for (const auto &bus : buses_)
+    fn(bus.second.channel, bus.second.sessions.size());
+}
+
+void Server::acquire(const std::string &bus, const ChannelSettings &settings, Acquired done) {
+  boost::asio::post(deviceIo_, [this, bus, settings, done = std::move(done)] {
+    std::string why;
+    std::shared_ptr<Channel> channel = hub_.acquire(bus, why, &settings);
+    boost::asio::post(io_, [this, channel, why, done] {
+      if (stopping_ && channel)
+        return releaseOnDeviceThread(channel);
+      done(channel, why);
+    });
+  });
+}
+
+void Server::release(std::shared_ptr<Channel> channel) {
+  if (!stopping_)
+    releaseOnDeviceThread(std::move(channel));
 }
 
 void Server::forget(uint64_t sessionId) { sessions_.erase(sessionId); }
@@ -163,6 +191,8 @@ const BusCounters &Server::counters(const Channel *channel) const {
 }
 
 void Server::deliver(std::unique_ptr<Delivery> d) {
+  if (watcher_)
+    watcher_(*d);
   auto bus = buses_.find(d->channel.get());
   if (bus == buses_.end())
     return;

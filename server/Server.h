@@ -5,9 +5,10 @@
 // on USB holds up the sessions.
 #pragma once
 
-#include <asio.hpp>
+#include <boost/asio.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -46,6 +47,17 @@ public:
   // Any thread.
   void stop();
 
+  // For the browser monitor, on the event loop thread: the loop itself,
+  // every delivery on every bus, the running buses with their number of
+  // sessions, channels started for it, and the end of the server.
+  boost::asio::io_context &io() { return io_; }
+  void watch(std::function<void(const Delivery &)> watcher) { watcher_ = std::move(watcher); }
+  void forEachBus(const std::function<void(const std::shared_ptr<Channel> &, size_t)> &fn) const;
+  using Acquired = std::function<void(std::shared_ptr<Channel>, const std::string &why)>;
+  void acquire(const std::string &bus, const ChannelSettings &settings, Acquired done);
+  void release(std::shared_ptr<Channel> channel);
+  void onShutdown(std::function<void()> hook) { shutdownHooks_.push_back(std::move(hook)); }
+
   // For sessions, on the event loop thread.
   void openBus(const std::shared_ptr<Session> &session, const std::string &bus);
   void leaveBus(Session &session, const std::shared_ptr<Channel> &channel);
@@ -55,6 +67,7 @@ public:
 
 private:
   struct BusMembers {
+    std::shared_ptr<Channel> channel;
     std::vector<Session *> sessions;
     BusCounters counters;
   };
@@ -65,19 +78,21 @@ private:
   void releaseOnDeviceThread(std::shared_ptr<Channel> channel);
 
   const ServeOptions options_;
-  asio::io_context io_;
-  asio::ip::tcp::acceptor acceptor_;
-  asio::signal_set signals_;
-  asio::steady_timer acceptRetry_;
+  boost::asio::io_context io_;
+  boost::asio::ip::tcp::acceptor acceptor_;
+  boost::asio::signal_set signals_;
+  boost::asio::steady_timer acceptRetry_;
   unsigned port_ = 0;
   bool stopping_ = false;
   uint64_t nextSessionId_ = 1;
   std::map<uint64_t, std::shared_ptr<Session>> sessions_;
   std::unordered_map<const Channel *, BusMembers> buses_;
+  std::function<void(const Delivery &)> watcher_;
+  std::vector<std::function<void()>> shutdownHooks_;
 
   // The device thread and what only it touches.
-  asio::io_context deviceIo_;
-  asio::executor_work_guard<asio::io_context::executor_type> deviceWork_;
+  boost::asio::io_context deviceIo_;
+  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> deviceWork_;
   BusHub hub_;
   std::thread deviceThread_;
 };

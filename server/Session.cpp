@@ -40,14 +40,14 @@ std::chrono::microseconds micros(uint64_t us) {
 
 } // namespace
 
-Session::Session(Server &server, asio::ip::tcp::socket socket, uint64_t id)
+Session::Session(Server &server, boost::asio::ip::tcp::socket socket, uint64_t id)
     : server_(server), socket_(std::move(socket)), id_(id), outputLimit_(server.clientBuffer()),
       lingerTimer_(socket_.get_executor()), statsTimer_(socket_.get_executor()) {
-  asio::error_code ec;
+  boost::system::error_code ec;
   const auto remote = socket_.remote_endpoint(ec);
   peer_ = ec ? "?" : remote.address().to_string() + ":" + std::to_string(remote.port());
-  socket_.set_option(asio::ip::tcp::no_delay(true), ec);
-  socket_.set_option(asio::socket_base::send_buffer_size(kKernelSendBuffer), ec);
+  socket_.set_option(boost::asio::ip::tcp::no_delay(true), ec);
+  socket_.set_option(boost::asio::socket_base::send_buffer_size(kKernelSendBuffer), ec);
 }
 
 Session::~Session() = default;
@@ -64,7 +64,7 @@ void Session::close() {
     return;
   auto self = shared_from_this();
   closed_ = true;
-  asio::error_code ignored;
+  boost::system::error_code ignored;
   socket_.close(ignored);
   lingerTimer_.cancel();
   statsTimer_.cancel();
@@ -101,8 +101,8 @@ void Session::readMore() {
   if (reading_ || closed_)
     return;
   reading_ = true;
-  socket_.async_read_some(asio::buffer(readBuffer_),
-                          [self = shared_from_this()](asio::error_code ec, size_t n) {
+  socket_.async_read_some(boost::asio::buffer(readBuffer_),
+                          [self = shared_from_this()](boost::system::error_code ec, size_t n) {
                             self->reading_ = false;
                             if (self->closed_)
                               return;
@@ -352,14 +352,14 @@ void Session::addCycle(const net::Request &request) {
   }
   auto &slot = cycles_[key];
   // A new add of the same id replaces the old transmission.
-  slot = std::make_unique<Cycle>(
-      Cycle{request.frame, micros(request.intervalUs), asio::steady_timer(socket_.get_executor())});
+  slot = std::make_unique<Cycle>(Cycle{request.frame, micros(request.intervalUs),
+                                       boost::asio::steady_timer(socket_.get_executor())});
   slot->timer.expires_after(Clock::duration::zero());
   armCycle(slot.get(), key);
 }
 
 void Session::armCycle(Cycle *cycle, uint32_t key) {
-  cycle->timer.async_wait([self = shared_from_this(), cycle, key](asio::error_code ec) {
+  cycle->timer.async_wait([self = shared_from_this(), cycle, key](boost::system::error_code ec) {
     auto it = self->cycles_.find(key);
     if (ec || self->closed_ || it == self->cycles_.end() || it->second.get() != cycle)
       return;
@@ -383,14 +383,14 @@ void Session::subscribe(const net::Request &request) {
     replyError("at most " + std::to_string(kMaxSubscriptions) + " subscriptions per client");
     return;
   }
-  auto sub =
-      std::make_unique<Subscription>(Subscription{micros(request.intervalUs),
-                                                  std::nullopt,
-                                                  std::nullopt,
-                                                  {},
-                                                  false,
-                                                  std::nullopt,
-                                                  asio::steady_timer(socket_.get_executor())});
+  auto sub = std::make_unique<Subscription>(
+      Subscription{micros(request.intervalUs),
+                   std::nullopt,
+                   std::nullopt,
+                   {},
+                   false,
+                   std::nullopt,
+                   boost::asio::steady_timer(socket_.get_executor())});
   if (request.verb == net::Verb::Filter)
     sub->mask = request.frame;
   subscriptions_[key] = std::move(sub);
@@ -426,7 +426,7 @@ void Session::forwardSubscribed(const TimedFrame &f) {
   const uint32_t key = it->first;
   Subscription *target = &sub;
   sub.timer.expires_at(sub.lastForward + sub.interval);
-  sub.timer.async_wait([self = shared_from_this(), key, target](asio::error_code ec) {
+  sub.timer.async_wait([self = shared_from_this(), key, target](boost::system::error_code ec) {
     auto it = self->subscriptions_.find(key);
     if (ec || self->closed_ || it == self->subscriptions_.end() || it->second.get() != target ||
         !target->held)
@@ -454,7 +454,7 @@ void Session::leaveBcmMode() {
 
 void Session::armStatistics() {
   statsTimer_.expires_after(statsInterval_);
-  statsTimer_.async_wait([self = shared_from_this()](asio::error_code ec) {
+  statsTimer_.async_wait([self = shared_from_this()](boost::system::error_code ec) {
     if (ec || self->closed_ || !self->channel_)
       return;
     const BusCounters &c = self->server_.counters(self->channel_.get());
@@ -505,23 +505,23 @@ void Session::startWrite() {
   writing_.swap(pending_);
   pending_.clear();
   writeInFlight_ = true;
-  asio::async_write(socket_, asio::buffer(writing_),
-                    [self = shared_from_this()](asio::error_code ec, size_t) {
-                      self->writeInFlight_ = false;
-                      if (self->closed_)
-                        return;
-                      if (ec) {
-                        self->close();
-                        return;
-                      }
-                      self->writing_.clear();
-                      if (self->closing_ && self->pending_.empty()) {
-                        self->close();
-                        return;
-                      }
-                      self->startWrite();
-                      self->processInput();
-                    });
+  boost::asio::async_write(socket_, boost::asio::buffer(writing_),
+                           [self = shared_from_this()](boost::system::error_code ec, size_t) {
+                             self->writeInFlight_ = false;
+                             if (self->closed_)
+                               return;
+                             if (ec) {
+                               self->close();
+                               return;
+                             }
+                             self->writing_.clear();
+                             if (self->closing_ && self->pending_.empty()) {
+                               self->close();
+                               return;
+                             }
+                             self->startWrite();
+                             self->processInput();
+                           });
 }
 
 void Session::closeAfterWrite() {
@@ -530,11 +530,11 @@ void Session::closeAfterWrite() {
   closing_ = true;
   if (!writeInFlight_ && pending_.empty()) {
     // Leave the event loop's current handler before the session goes.
-    asio::post(socket_.get_executor(), [self = shared_from_this()] { self->close(); });
+    boost::asio::post(socket_.get_executor(), [self = shared_from_this()] { self->close(); });
     return;
   }
   lingerTimer_.expires_after(kLinger);
-  lingerTimer_.async_wait([self = shared_from_this()](asio::error_code ec) {
+  lingerTimer_.async_wait([self = shared_from_this()](boost::system::error_code ec) {
     if (!ec)
       self->close();
   });

@@ -4,7 +4,7 @@
 // runs on the event loop thread.
 #pragma once
 
-#include <asio.hpp>
+#include <boost/asio.hpp>
 
 #include <array>
 #include <chrono>
@@ -23,7 +23,7 @@ class Server;
 
 class Session : public std::enable_shared_from_this<Session> {
 public:
-  Session(Server &server, asio::ip::tcp::socket socket, uint64_t id);
+  Session(Server &server, boost::asio::ip::tcp::socket socket, uint64_t id);
   ~Session();
 
   void start();
@@ -49,7 +49,7 @@ private:
   struct Cycle {
     Frame frame;
     Clock::duration interval;
-    asio::steady_timer timer;
+    boost::asio::steady_timer timer;
   };
   // A subscription (subscribe) or content filter (filter).
   struct Subscription {
@@ -59,7 +59,7 @@ private:
     Clock::time_point lastForward{};
     bool forwarded = false;
     std::optional<TimedFrame> held;
-    asio::steady_timer timer;
+    boost::asio::steady_timer timer;
   };
 
   // Input.
@@ -96,7 +96,7 @@ private:
   static uint32_t keyOf(const Frame &frame);
 
   Server &server_;
-  asio::ip::tcp::socket socket_;
+  boost::asio::ip::tcp::socket socket_;
   const uint64_t id_;
   std::string peer_;
   const size_t outputLimit_;
@@ -119,14 +119,14 @@ private:
   std::string pending_;
   std::string writing_;
   bool writeInFlight_ = false;
-  asio::steady_timer lingerTimer_;
+  boost::asio::steady_timer lingerTimer_;
 
   uint64_t missed_ = 0;      // frames dropped because the client did not read
   uint64_t missedInRun_ = 0; // since the client last kept up
 
   std::map<uint32_t, std::unique_ptr<Cycle>> cycles_;
   std::map<uint32_t, std::unique_ptr<Subscription>> subscriptions_;
-  asio::steady_timer statsTimer_;
+  boost::asio::steady_timer statsTimer_;
   Clock::duration statsInterval_{};
 };
 

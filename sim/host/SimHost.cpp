@@ -96,8 +96,12 @@ private:
 
   void acceptClient();
   void readFrom(const ClientPtr &c);
+  // A USB reset's drop: after how many of the batch's frames, and of which slot.
+  using Drop = std::pair<size_t, int>;
   void handle(Client &c, Reader &r, Rec type, std::vector<Transmission> &toBus,
-              std::vector<int> &drops, std::string &command);
+              std::vector<Drop> &drops, std::string &command);
+  // Hands the batch's frames [from, to) to the bus; `from` ends at `to`.
+  void toTheBus(std::vector<Transmission> &toBus, size_t &from, size_t to);
   void attach(Client &c, Reader &r);
   void runCommand(const ClientPtr &c, const std::string &command);
   std::string status() const;
@@ -172,7 +176,7 @@ void Host::acceptClient() {
 void Host::readFrom(const ClientPtr &c) {
   std::vector<uint8_t> buf(wire::kMaxPacket);
   std::vector<Transmission> toBus;
-  std::vector<int> drops;
+  std::vector<Drop> drops;
   std::string command;
   for (int packets = 0; packets < 64; ++packets) {
     const ssize_t n = recv(c->fd, buf.data(), buf.size(), MSG_DONTWAIT);
@@ -191,22 +195,31 @@ void Host::readFrom(const ClientPtr &c) {
     if (!r.ok())
       c->dead = true; // a client that garbles the protocol is cut off
   }
-  for (int slot : drops)
-    bus_.drop(slot, c->id); // a USB reset in one process leaves the others' frames
-  const Clock::time_point now = Clock::now();
-  for (Transmission &t : toBus) {
-    if (bus_.enabled())
-      bus_.send(std::move(t));
-    else
-      carry(t, now);
+  // A USB reset forgets the frames its process queued before it, not those
+  // it sends after, nor the frames of other processes on the adapter.
+  size_t queued = 0;
+  for (const auto &[before, slot] : drops) {
+    toTheBus(toBus, queued, before);
+    bus_.drop(slot, c->id);
   }
+  toTheBus(toBus, queued, toBus.size());
   if (!command.empty())
     runCommand(c, command);
   flushAll();
 }
 
+void Host::toTheBus(std::vector<Transmission> &toBus, size_t &from, size_t to) {
+  const Clock::time_point now = Clock::now();
+  for (; from < to; ++from) {
+    if (bus_.enabled())
+      bus_.send(std::move(toBus[from]));
+    else
+      carry(toBus[from], now);
+  }
+}
+
 void Host::handle(Client &c, Reader &r, Rec type, std::vector<Transmission> &toBus,
-                  std::vector<int> &drops, std::string &command) {
+                  std::vector<Drop> &drops, std::string &command) {
   switch (type) {
   case Rec::Hello:
     c.pid = r.u32();
@@ -241,7 +254,7 @@ void Host::handle(Client &c, Reader &r, Rec type, std::vector<Transmission> &toB
     break;
   }
   case Rec::Drop:
-    drops.push_back(r.i32());
+    drops.push_back({toBus.size(), r.i32()});
     break;
   case Rec::Command:
     command = r.str();

@@ -103,6 +103,7 @@ private:
   // Hands the batch's frames [from, to) to the bus; `from` ends at `to`.
   void toTheBus(std::vector<Transmission> &toBus, size_t &from, size_t to);
   void attach(Client &c, Reader &r);
+  void warnOfPacing(Client &c, bool asked);
   void runCommand(const ClientPtr &c, const std::string &command);
   std::string status() const;
   bool changePlug(const std::string &name, bool plug, std::string &reply);
@@ -221,13 +222,16 @@ void Host::toTheBus(std::vector<Transmission> &toBus, size_t &from, size_t to) {
 void Host::handle(Client &c, Reader &r, Rec type, std::vector<Transmission> &toBus,
                   std::vector<Drop> &drops, std::string &command) {
   switch (type) {
-  case Rec::Hello:
+  case Rec::Hello: {
     c.pid = r.u32();
-    r.u8(); // the client's pacing: the host's, set by the process that started it, rules
+    const bool pacing = r.u8() != 0;
     c.program = r.str();
     c.spec = r.str();
     c.attached = true;
+    if (r.ok() && pacing != bus_.enabled())
+      warnOfPacing(c, pacing);
     break;
+  }
   case Rec::Attach:
     attach(c, r);
     break;
@@ -262,6 +266,16 @@ void Host::handle(Client &c, Reader &r, Rec type, std::vector<Transmission> &toB
   default:
     break; // a later version's record: skipped
   }
+}
+
+// The host's pacing, set by the process that started it, rules every bus.
+void Host::warnOfPacing(Client &c, bool asked) {
+  auto setting = [](bool on) { return std::string(on ? "on" : "off (WCAN_SIM_PACE=0)"); };
+  c.out.begin(Rec::Notice);
+  c.out.str("this process asked for pacing " + setting(asked) + ", but the simulation host " +
+            std::to_string(getpid()) + " it shares the buses through runs with pacing " +
+            setting(bus_.enabled()) + ": the host's setting applies");
+  c.out.end();
 }
 
 // A second process asking for an adapter slot gets the one there; asking

@@ -4,13 +4,22 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 
 #include "common/Args.h"
+#include "common/BusBits.h"
 
 namespace wcantool {
 namespace {
 
 constexpr unsigned kRxBatch = 256;
+
+// Closing resets the adapter, which forgets the frames still in its transmit
+// queue. A session waits for its last frame's bits, and this much for the
+// USB transfers and the adapter to catch up, before it closes.
+constexpr std::chrono::milliseconds kCloseMargin{50};
+// A queue a bus of a few kbit/s has not emptied by then is given up.
+constexpr std::chrono::seconds kCloseWaitLimit{2};
 
 // Counters wrap: a is earlier when b lies less than half a turn ahead of it.
 bool earlier(uint32_t a, uint32_t b, uint32_t mask) {
@@ -72,7 +81,34 @@ DeviceSession::DeviceSession(const Runtime &runtime, unsigned type, unsigned ind
     fail("opening the adapter");
 }
 
-DeviceSession::~DeviceSession() { api_.WCAN_CloseDevice(type_.type, index_); }
+DeviceSession::~DeviceSession() {
+  awaitBusTime();
+  api_.WCAN_CloseDevice(type_.type, index_);
+}
+
+void DeviceSession::awaitBusTime() const {
+  if (busFreeAt_ == std::chrono::steady_clock::time_point{})
+    return;
+  const auto limit = std::chrono::steady_clock::now() + kCloseWaitLimit;
+  std::this_thread::sleep_until(std::min(busFreeAt_ + kCloseMargin, limit));
+}
+
+void DeviceSession::noteQueued(unsigned channel, const Frame *frames, size_t count) {
+  const auto it = started_.find(channel);
+  if (it == started_.end())
+    return;
+  const ChannelSettings &rates = it->second;
+  const double dataRate = rates.fd ? rates.dataBitRate : rates.bitRate;
+  double seconds = 0;
+  for (size_t i = 0; i < count; ++i) {
+    const busbits::FrameBits bits = busbits::onWire(busbits::shapeOf(frames[i]));
+    seconds += bits.nominal / static_cast<double>(rates.bitRate) + bits.data / dataRate;
+  }
+  const auto now = std::chrono::steady_clock::now();
+  busFreeAt_ =
+      std::max(busFreeAt_, now) + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                      std::chrono::duration<double>(seconds));
+}
 
 std::string DeviceSession::name() const {
   return std::to_string(type_.type) + "/" + std::to_string(index_);
@@ -85,6 +121,7 @@ void DeviceSession::fail(const std::string &what) const {
 void DeviceSession::startChannel(unsigned channel, const ChannelSettings &settings) {
   checkChannelUse(type_, channel, settings);
   clocks_.insert_or_assign(channel, ChannelClock{DeviceClock(type_.counterBits), 0});
+  started_.insert_or_assign(channel, settings);
   if (type_.family == Family::Classic)
     startClassic(channel, settings);
   else
@@ -153,7 +190,9 @@ size_t DeviceSession::sendRun(unsigned channel, const Frame *frames, size_t coun
       objs.push_back(toCanObj(frames[i]));
     n = api_.WCAN_Transmit(type_.type, index_, channel, objs.data(), static_cast<unsigned>(count));
   }
-  return n > 0 ? std::min(static_cast<size_t>(n), count) : 0;
+  const size_t accepted = n > 0 ? std::min(static_cast<size_t>(n), count) : 0;
+  noteQueued(channel, frames, accepted);
+  return accepted;
 }
 
 size_t DeviceSession::receive(unsigned channel, std::vector<RxFrame> &out, int waitMs) {

@@ -5,6 +5,7 @@
 // library's records.
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -80,6 +81,8 @@ private:
   void startCanFd(unsigned channel, const ChannelSettings &settings);
   size_t sendRun(unsigned channel, const Frame *frames, size_t count);
   void stampInOrder(unsigned channel, std::vector<RxFrame> &frames);
+  void noteQueued(unsigned channel, const Frame *frames, size_t count);
+  void awaitBusTime() const;
 
   const Runtime &runtime_;
   const WcanApi &api_;
@@ -92,6 +95,9 @@ private:
     int64_t lastUs = 0;
   };
   std::map<unsigned, ChannelClock> clocks_;
+  std::map<unsigned, ChannelSettings> started_;
+  // When the frames handed to the adapter are through on an idle bus.
+  std::chrono::steady_clock::time_point busFreeAt_{};
 };
 
 // Board information as "key: value" lines for `info` and the demo.

@@ -342,6 +342,9 @@ void SharedBus::dispatch(const uint8_t *data, size_t len) {
       }
       break;
     }
+    case Rec::Notice:
+      std::fprintf(stderr, "wcan-sim: %s\n", r.str().c_str());
+      break;
     case Rec::Garble: {
       const int slot = r.i32();
       const std::vector<uint8_t> junk = r.rest();

@@ -33,6 +33,7 @@ enum class Rec : uint8_t {
   Replug = 25,   // i32 slot, i64 plugged at ns
   Garble = 26,   // i32 slot, bytes
   Reply = 27,    // u8 ok, str text
+  Notice = 28,   // str: a warning for the client's standard error
 };
 
 // Records of one packet; the whole packet stays below this size.

@@ -96,9 +96,14 @@ private:
 
   void acceptClient();
   void readFrom(const ClientPtr &c);
+  // A USB reset's drop: after how many of the batch's frames, and of which slot.
+  using Drop = std::pair<size_t, int>;
   void handle(Client &c, Reader &r, Rec type, std::vector<Transmission> &toBus,
-              std::vector<int> &drops, std::string &command);
+              std::vector<Drop> &drops, std::string &command);
+  // Hands the batch's frames [from, to) to the bus; `from` ends at `to`.
+  void toTheBus(std::vector<Transmission> &toBus, size_t &from, size_t to);
   void attach(Client &c, Reader &r);
+  void warnOfPacing(Client &c, bool asked);
   void runCommand(const ClientPtr &c, const std::string &command);
   std::string status() const;
   bool changePlug(const std::string &name, bool plug, std::string &reply);
@@ -172,7 +177,7 @@ void Host::acceptClient() {
 void Host::readFrom(const ClientPtr &c) {
   std::vector<uint8_t> buf(wire::kMaxPacket);
   std::vector<Transmission> toBus;
-  std::vector<int> drops;
+  std::vector<Drop> drops;
   std::string command;
   for (int packets = 0; packets < 64; ++packets) {
     const ssize_t n = recv(c->fd, buf.data(), buf.size(), MSG_DONTWAIT);
@@ -191,30 +196,42 @@ void Host::readFrom(const ClientPtr &c) {
     if (!r.ok())
       c->dead = true; // a client that garbles the protocol is cut off
   }
-  for (int slot : drops)
-    bus_.drop(slot, c->id); // a USB reset in one process leaves the others' frames
-  const Clock::time_point now = Clock::now();
-  for (Transmission &t : toBus) {
-    if (bus_.enabled())
-      bus_.send(std::move(t));
-    else
-      carry(t, now);
+  // A USB reset forgets the frames its process queued before it, not those
+  // it sends after, nor the frames of other processes on the adapter.
+  size_t queued = 0;
+  for (const auto &[before, slot] : drops) {
+    toTheBus(toBus, queued, before);
+    bus_.drop(slot, c->id);
   }
+  toTheBus(toBus, queued, toBus.size());
   if (!command.empty())
     runCommand(c, command);
   flushAll();
 }
 
+void Host::toTheBus(std::vector<Transmission> &toBus, size_t &from, size_t to) {
+  const Clock::time_point now = Clock::now();
+  for (; from < to; ++from) {
+    if (bus_.enabled())
+      bus_.send(std::move(toBus[from]));
+    else
+      carry(toBus[from], now);
+  }
+}
+
 void Host::handle(Client &c, Reader &r, Rec type, std::vector<Transmission> &toBus,
-                  std::vector<int> &drops, std::string &command) {
+                  std::vector<Drop> &drops, std::string &command) {
   switch (type) {
-  case Rec::Hello:
+  case Rec::Hello: {
     c.pid = r.u32();
-    r.u8(); // the client's pacing: the host's, set by the process that started it, rules
+    const bool pacing = r.u8() != 0;
     c.program = r.str();
     c.spec = r.str();
     c.attached = true;
+    if (r.ok() && pacing != bus_.enabled())
+      warnOfPacing(c, pacing);
     break;
+  }
   case Rec::Attach:
     attach(c, r);
     break;
@@ -241,7 +258,7 @@ void Host::handle(Client &c, Reader &r, Rec type, std::vector<Transmission> &toB
     break;
   }
   case Rec::Drop:
-    drops.push_back(r.i32());
+    drops.push_back({toBus.size(), r.i32()});
     break;
   case Rec::Command:
     command = r.str();
@@ -249,6 +266,16 @@ void Host::handle(Client &c, Reader &r, Rec type, std::vector<Transmission> &toB
   default:
     break; // a later version's record: skipped
   }
+}
+
+// The host's pacing, set by the process that started it, rules every bus.
+void Host::warnOfPacing(Client &c, bool asked) {
+  auto setting = [](bool on) { return std::string(on ? "on" : "off (WCAN_SIM_PACE=0)"); };
+  c.out.begin(Rec::Notice);
+  c.out.str("this process asked for pacing " + setting(asked) + ", but the simulation host " +
+            std::to_string(getpid()) + " it shares the buses through runs with pacing " +
+            setting(bus_.enabled()) + ": the host's setting applies");
+  c.out.end();
 }
 
 // A second process asking for an adapter slot gets the one there; asking

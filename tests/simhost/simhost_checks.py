@@ -112,6 +112,12 @@ def check_pacing():
     # holds it for at least 111 bits, 222 us at 500 kbit/s.
     expect(seconds >= (count - 2 * 256) * 222e-6, f"not paced: {sent}")
     receiver.kill()
+    # A process that wants another pacing than the host's is told which rules.
+    warned = wcan("--sim", "41", "send", "41", "0", "0", "123#11", WCAN_SIM_PACE="0").stderr
+    expect(re.search(r"pacing off \(WCAN_SIM_PACE=0\).*host \d+.*pacing on", warned),
+           f"no warning of the host's pacing: {warned}")
+    quiet = wcan("--sim", "41", "send", "41", "0", "0", "123#11").stderr
+    expect("pacing" not in quiet, f"a warning without cause: {quiet}")
 
 
 def check_lifetime_and_private():

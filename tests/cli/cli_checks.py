@@ -99,33 +99,6 @@ def check_roundtrip():
     expect("2 frames sent" in result.stderr, result.stderr)
 
 
-def check_log2asc():
-    log2asc = shutil.which("log2asc")
-    if not log2asc:
-        print("log2asc is not installed")
-        return SKIP
-    frames = CLASSIC_FRAMES + FD_FRAMES
-    result = subprocess.run([log2asc, "wcan41-0-1"], input=dump_with_loopback(41, frames),
-                            capture_output=True, text=True, timeout=10)
-    expect(result.returncode == 0, f"log2asc exited {result.returncode}: {result.stderr}")
-    body = [l.split() for l in result.stdout.splitlines() if l.startswith(" ")]
-    expect(len(body) == len(frames), f"log2asc wrote {len(body)} frames:\n{result.stdout}")
-    for text, fields in zip(frames, body):
-        ident, extended, kind, brs, payload = describe(text)
-        if kind == "fd":  # time CANFD channel Rx id [symbol] BRS ESI DLC LEN data...
-            asc_id, got_brs, n = fields[4], fields[5], int(fields[8])
-            got = (fields[1], fields[2], got_brs, bytes.fromhex("".join(fields[9:9 + n])))
-            want = ("CANFD", "1", brs, payload)
-        else:  # time channel id Rx d|r dlc data...
-            asc_id, n = fields[2], int(fields[5])
-            data = bytes.fromhex("".join(fields[6:6 + n])) if fields[4] == "d" else b""
-            got, want = (fields[1], fields[4], data), ("1", kind, payload)
-        expect(got == want, f"{text}: {fields}")
-        expect((asc_id.endswith("x"), int(asc_id.rstrip("x"), 16)) == (extended, ident),
-               f"{text}: asc id {asc_id}")
-    return 0
-
-
 USAGES = ["list", "info", "dump", "send", "gen", "record", "demo", "serve"]
 
 

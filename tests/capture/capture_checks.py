@@ -55,6 +55,12 @@ def tshark_rows(path):
     return [line.split("\t") for line in result.stdout.splitlines()]
 
 
+def by_kind(rows):
+    """Classic rows, then CAN FD rows (those with a bit-rate switch field), each
+    kind in its order: the receiving adapter queues the two kinds apart."""
+    return sorted(rows, key=lambda row: row[5] != "")
+
+
 def start_remote_capture(server, bus, path, count):
     proc = subprocess.Popen([WCAN, "dump", "--connect", server.address, bus, "-w", path,
                              "--count", str(count), "--timeout", "10000"],
@@ -96,7 +102,7 @@ def check_tshark():
             run(["play", path, "--connect", server.address, "wcan41-0-0", "--fast"])
             _, err = capture.communicate(timeout=30)
             expect(capture.returncode == 0, f"capture of the replay: {err}")
-        expect(tshark_rows(back) == want, f"replayed:\n{tshark_rows(back)}")
+        expect(by_kind(tshark_rows(back)) == by_kind(want), f"replayed:\n{tshark_rows(back)}")
     return 0
 
 

@@ -105,25 +105,19 @@ struct Plugged {
 enum class Family { Classic, ClassicRefused, Fd, Recorder, None };
 
 Family familyOf(unsigned type) {
-  switch (type) {
-  case 3:
-  case 4:
+  if (type == 3 || type == 4) {
     return Family::Classic;
-  case 41:
-  case 42:
-  case 43:
-  case 64:
-  case 65:
-  case 66:
-  case 67:
-    return Family::Fd;
-  case 61:
-  case 62:
-    return Family::Recorder;
-  default:
-    return type >= 63 && type <= 73 ? Family::ClassicRefused : Family::None;
   }
+  if ((type >= 41 && type <= 43) || (type >= 64 && type <= 67)) {
+    return Family::Fd;
+  }
+  if (type == 61 || type == 62) {
+    return Family::Recorder;
+  }
+  return type >= 63 && type <= 73 ? Family::ClassicRefused : Family::None;
 }
+
+bool hasDriver(Family f) { return f != Family::None && f != Family::ClassicRefused; }
 
 void requireKnownLastError() {
   const int e = WCAN_GetLastError();
@@ -134,15 +128,10 @@ void requireKnownLastError() {
 
 void requireControlResult(int result) { require(result == 0 || result == 1); }
 
-void requireWellFormed(const _WCAN_CAN_OBJ *frames, int n) {
+template <typename Obj> void requireWellFormed(const Obj *frames, int n) {
+  constexpr unsigned maxLength = std::is_same_v<Obj, _WCAN_CANFD_OBJ> ? 64 : 8;
   for (int i = 0; i < n; ++i) {
-    require(frames[i].dataLen <= 8 && frames[i].id <= 0x1FFFFFFF);
-  }
-}
-
-void requireWellFormed(const _WCAN_CANFD_OBJ *frames, int n) {
-  for (int i = 0; i < n; ++i) {
-    require(frames[i].dataLen <= 64 && frames[i].id <= 0x1FFFFFFF);
+    require(frames[i].dataLen <= maxLength && frames[i].id <= 0x1FFFFFFF);
   }
 }
 
@@ -287,6 +276,15 @@ private:
     }
   }
 
+  // A call given a null pointer must be refused; any other must succeed or fail.
+  void requireOutcome(int result, bool null, unsigned type, unsigned index, bool servedByFamily,
+                      Check check) {
+    if (null) {
+      return requireRefused(result, type, index, servedByFamily, check);
+    }
+    requireControlResult(result);
+  }
+
   void noteOpen(int result, unsigned type, unsigned index) {
     requireControlResult(result);
     if (result == 1) {
@@ -311,13 +309,8 @@ private:
     case 2: {
       const bool null = nulls() != 0;
       Buffer<_WCAN_BOARD_INFO> info(1, null);
-      const int r = WCAN_BoardInfoGet(t, i, info.get());
-      if (null) {
-        return requireRefused(r, t, i,
-                              f == Family::Classic || f == Family::Fd || f == Family::Recorder,
-                              Check::AtTheDoor);
-      }
-      return requireControlResult(r);
+      return requireOutcome(WCAN_BoardInfoGet(t, i, info.get()), null, t, i, hasDriver(f),
+                            Check::AtTheDoor);
     }
     case 3:
       return requireControlResult(WCAN_ClearBuffer(t, i, channel()));
@@ -327,11 +320,8 @@ private:
       const unsigned ch = channel();
       const bool null = nulls() != 0;
       Buffer<_WCAN_FLITER_CONFIG> config = record<_WCAN_FLITER_CONFIG>(null);
-      const int r = WCAN_SetFliter(t, i, ch, config.get());
-      if (null) {
-        return requireRefused(r, t, i, f == Family::Fd, Check::ByDriver);
-      }
-      return requireControlResult(r);
+      return requireOutcome(WCAN_SetFliter(t, i, ch, config.get()), null, t, i, f == Family::Fd,
+                            Check::ByDriver);
     }
     case 6: {
       const int r = WCAN_GetReceiveNum(t, i, channel(), kind());
@@ -342,21 +332,15 @@ private:
       const unsigned ch = channel();
       const bool null = nulls() != 0;
       Buffer<_WCAN_INIT_CONFIG> config = classicConfig(null);
-      const int r = WCAN_InitCAN(t, i, ch, config.get());
-      if (null) {
-        return requireRefused(r, t, i, f == Family::Classic, Check::AtTheDoor);
-      }
-      return requireControlResult(r);
+      return requireOutcome(WCAN_InitCAN(t, i, ch, config.get()), null, t, i, f == Family::Classic,
+                            Check::AtTheDoor);
     }
     case 8: {
       const unsigned ch = channel();
       const bool null = nulls() != 0;
       Buffer<_WCAN_INITFD_CONFIG> config = fdConfig(null);
-      const int r = WCAN_InitCANFD(t, i, ch, config.get());
-      if (null) {
-        return requireRefused(r, t, i, f == Family::Fd, Check::ByDriver);
-      }
-      return requireControlResult(r);
+      return requireOutcome(WCAN_InitCANFD(t, i, ch, config.get()), null, t, i, f == Family::Fd,
+                            Check::ByDriver);
     }
     case 9:
       return requireControlResult(WCAN_Start(t, i, channel()));
@@ -384,11 +368,23 @@ private:
     }
     const int r = WCAN_DataDirectTransfer(t, i, data.get(), length);
     if (null) {
-      return requireRefused(r, t, i,
-                            f == Family::Classic || f == Family::Fd || f == Family::Recorder,
-                            Check::AtTheDoor);
+      return requireRefused(r, t, i, hasDriver(f), Check::AtTheDoor);
     }
     require(r >= 0 && static_cast<size_t>(r) <= kDirectTransferBuffer);
+  }
+
+  // A burst without its buffer is refused, by the classic family's door or
+  // by the CAN FD driver; any other moves at most `n` records. True when
+  // records came back to be checked.
+  bool requireBurstOutcome(int r, bool null, bool fd, Family f, unsigned t, unsigned i, size_t n) {
+    if (null) {
+      const bool classicAtTheDoor = !fd && f == Family::Classic;
+      requireRefused(r, t, i, classicAtTheDoor || f == Family::Fd,
+                     classicAtTheDoor ? Check::AtTheDoor : Check::ByDriver);
+      return false;
+    }
+    require(r >= 0 && static_cast<size_t>(r) <= n);
+    return true;
   }
 
   template <typename Obj> void receive(unsigned t, unsigned i, Family f) {
@@ -402,13 +398,9 @@ private:
                                       static_cast<unsigned>(n), wait)
                      : WCAN_Receive(t, i, ch, reinterpret_cast<_WCAN_CAN_OBJ *>(frames.get()),
                                     static_cast<unsigned>(n), wait);
-    if (null && n > 0) {
-      const bool classicAtTheDoor = !fd && f == Family::Classic;
-      return requireRefused(r, t, i, classicAtTheDoor || f == Family::Fd,
-                            classicAtTheDoor ? Check::AtTheDoor : Check::ByDriver);
+    if (requireBurstOutcome(r, null && n > 0, fd, f, t, i, n)) {
+      requireWellFormed(frames.get(), r);
     }
-    require(r >= 0 && static_cast<size_t>(r) <= n);
-    requireWellFormed(frames.get(), r);
   }
 
   template <typename Obj> void transmit(unsigned t, unsigned i, Family f) {
@@ -421,12 +413,7 @@ private:
                                        static_cast<unsigned>(n))
                      : WCAN_Transmit(t, i, ch, reinterpret_cast<_WCAN_CAN_OBJ *>(frames.get()),
                                      static_cast<unsigned>(n));
-    if (null && n > 0) {
-      const bool classicAtTheDoor = !fd && f == Family::Classic;
-      return requireRefused(r, t, i, classicAtTheDoor || f == Family::Fd,
-                            classicAtTheDoor ? Check::AtTheDoor : Check::ByDriver);
-    }
-    require(r >= 0 && static_cast<size_t>(r) <= n);
+    requireBurstOutcome(r, null && n > 0, fd, f, t, i, n);
   }
 
   void callRecorderExport(unsigned which, unsigned t, unsigned i, Family f) {
@@ -457,10 +444,7 @@ private:
           ((cmd == WCAN_RECORD_FILTER_ADD || cmd == WCAN_RECORD_FILTER_SETTING_GET) &&
            config.get() == nullptr) ||
           (cmd == WCAN_RECORD_FILTER_INFO_GET && info.get() == nullptr);
-      if (lacks) {
-        return requireRefused(r, t, i, recorder, Check::AtTheDoor);
-      }
-      return requireControlResult(r);
+      return requireOutcome(r, lacks, t, i, recorder, Check::AtTheDoor);
     }
     case 18:
       return requireControlResult(WCAN_RecordFliterClr(t, i, ch));
@@ -485,10 +469,7 @@ private:
       break;
     }
     }
-    if (null) {
-      return requireRefused(r, t, i, recorder, Check::AtTheDoor);
-    }
-    requireControlResult(r);
+    requireOutcome(r, null, t, i, recorder, Check::AtTheDoor);
   }
 
   void callClassicExport(unsigned which, unsigned t, unsigned i, Family f) {
@@ -519,10 +500,7 @@ private:
       r = WCAN_DevChStateGet(t, i, ch, v0.get(), v1.get(), v2.get());
       null = null || v2.get() == nullptr;
     }
-    if (null) {
-      return requireRefused(r, t, i, classic, Check::AtTheDoor);
-    }
-    requireControlResult(r);
+    requireOutcome(r, null, t, i, classic, Check::AtTheDoor);
   }
 
   // --- faults ---------------------------------------------------------------

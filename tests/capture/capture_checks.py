@@ -14,7 +14,9 @@ import sys
 import tempfile
 import time
 
-SKIP = 77
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from tool_checks import SKIP, Server, expect, main, tool_env  # noqa: E402
+
 WCAN = None
 # Every kind of frame: classic and CAN FD, with and without bit-rate switch,
 # both id widths, remote frames, lengths 0..64.
@@ -26,24 +28,8 @@ FIELDS = ["frame.interface_name", "can.id", "can.flags.xtd", "can.flags.rtr", "c
           "canfd.flags.brs", "data.data", "frame.p2p_dir"]
 
 
-class CheckFailed(Exception):
-    pass
-
-
-def expect(cond, message):
-    if not cond:
-        raise CheckFailed(message)
-
-
-def env(**extra):
-    e = {k: v for k, v in os.environ.items()
-         if not k.startswith("WCAN_SIM") or k == "WCAN_SIM_PRIVATE"}
-    e.update(extra)
-    return e
-
-
 def run(args, code=0, **extra):
-    result = subprocess.run([WCAN] + args, capture_output=True, text=True, env=env(**extra),
+    result = subprocess.run([WCAN] + args, capture_output=True, text=True, env=tool_env(**extra),
                             timeout=60)
     expect(code is None or result.returncode == code,
            f"wcan {' '.join(args)}: exit {result.returncode}\n{result.stdout}{result.stderr}")
@@ -69,31 +55,16 @@ def tshark_rows(path):
     return [line.split("\t") for line in result.stdout.splitlines()]
 
 
-class Server:
-    """`wcan serve` on simulated adapters, on a free loopback port."""
-
-    def __init__(self, sim, **extra):
-        self.proc = subprocess.Popen([WCAN, "--sim", sim, "serve", "--fd", "--port", "0"],
-                                     stderr=subprocess.PIPE, text=True, env=env(**extra))
-        for line in self.proc.stderr:
-            found = re.search(r"127\.0\.0\.1:(\d+)", line)
-            if found:
-                self.address = f"127.0.0.1:{found.group(1)}"
-                return
-        raise CheckFailed("wcan serve did not say where it listens")
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.proc.terminate()
-        self.proc.communicate(timeout=10)
+def by_kind(rows):
+    """Classic rows, then CAN FD rows (those with a bit-rate switch field), each
+    kind in its order: the receiving adapter queues the two kinds apart."""
+    return sorted(rows, key=lambda row: row[5] != "")
 
 
 def start_remote_capture(server, bus, path, count):
     proc = subprocess.Popen([WCAN, "dump", "--connect", server.address, bus, "-w", path,
                              "--count", str(count), "--timeout", "10000"],
-                            stderr=subprocess.PIPE, text=True, env=env())
+                            stderr=subprocess.PIPE, text=True, env=tool_env())
     # The file gets its header once the bus is open and the capture listening.
     deadline = time.monotonic() + 20
     while not (os.path.exists(path) and os.path.getsize(path) > 0):
@@ -126,12 +97,12 @@ def check_tshark():
 
         # Played back onto another simulated channel, the frames arrive as recorded.
         back = os.path.join(tmp, "played.pcapng")
-        with Server("41") as server:
+        with Server(WCAN, "41", "--fd") as server:
             capture = start_remote_capture(server, "wcan41-0-1", back, len(FRAMES))
             run(["play", path, "--connect", server.address, "wcan41-0-0", "--fast"])
             _, err = capture.communicate(timeout=30)
             expect(capture.returncode == 0, f"capture of the replay: {err}")
-        expect(tshark_rows(back) == want, f"replayed:\n{tshark_rows(back)}")
+        expect(by_kind(tshark_rows(back)) == by_kind(want), f"replayed:\n{tshark_rows(back)}")
     return 0
 
 
@@ -176,7 +147,7 @@ def check_play_timing():
             for i, s in enumerate(stamps):
                 f.write(f"({s:.6f}) can0 {0x100 + i:03X}#{i:02X}\n")
         back = os.path.join(tmp, "back.pcapng")
-        with Server("41") as server:
+        with Server(WCAN, "41", "--fd") as server:
             capture = start_remote_capture(server, "wcan41-0-1", back, len(stamps))
             run(["play", log, "--connect", server.address, "wcan41-0-0"])
             capture.communicate(timeout=30)
@@ -209,13 +180,13 @@ def check_extcap():
         folder = extcap_folder(home)
         os.makedirs(folder)
         os.symlink(os.path.abspath(WCAN), os.path.join(folder, "wcan-extcap"))
-        tshark_env = dict(env(WCAN_SIM="41"), HOME=home)
+        tshark_env = dict(tool_env(WCAN_SIM="41"), HOME=home)
         listed = subprocess.run(["tshark", "-D"], capture_output=True, text=True,
                                 env=tshark_env, timeout=60).stdout
         expect("wcan41-0-0" in listed and "wcan41-0-1" in listed, f"tshark -D:\n{listed}")
         out = os.path.join(home, "live.pcapng")
         sent = ["123#11", "456##1AABB", "12345678#R", "7FF#0102030405060708"]
-        with Server("41") as server:
+        with Server(WCAN, "41", "--fd") as server:
             tshark = subprocess.Popen(
                 ["tshark", "-i", "wcan41-0-1", "-o", f"extcap.wcan41_0_1.server:{server.address}",
                  "-a", "duration:6", "-w", out], stderr=subprocess.PIPE, text=True,
@@ -235,21 +206,5 @@ def check_extcap():
     return 0
 
 
-CHECKS = {name[6:]: fn for name, fn in globals().items() if name.startswith("check_")}
-
-
-def main():
-    global WCAN
-    if len(sys.argv) != 3 or sys.argv[2] not in CHECKS:
-        print(__doc__, file=sys.stderr)
-        return 2
-    WCAN = sys.argv[1]
-    try:
-        return CHECKS[sys.argv[2]]() or 0
-    except CheckFailed as e:
-        print(f"FAILED: {e}", file=sys.stderr)
-        return 1
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(globals()))

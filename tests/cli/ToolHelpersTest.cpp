@@ -80,17 +80,6 @@ TEST(DeviceTypes, UdevRuleCoversEveryUsbId) {
   }
 }
 
-TEST(DeviceTypes, BitRates) {
-  ASSERT_TRUE(classicTimingFor(500000));
-  EXPECT_EQ(classicTimingFor(500000)->timing1, 0x1C);
-  EXPECT_EQ(classicTimingFor(125000)->timing0, 0x03);
-  EXPECT_FALSE(classicTimingFor(83333));
-  EXPECT_TRUE(isFdArbitrationRate(1000000));
-  EXPECT_FALSE(isFdArbitrationRate(2000000)); // data phase only
-  EXPECT_TRUE(isFdDataRate(5000000));
-  EXPECT_FALSE(isFdDataRate(3000000));
-}
-
 TEST(Generator, FixedIncrementingAndRandomIds) {
   GenSpec fixed, inc, ext;
   parseGenId("7ff", fixed);

@@ -15,7 +15,9 @@ import sys
 import tempfile
 import time
 
-SKIP = 77
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from tool_checks import SKIP, CheckFailed, Server, expect, main, tool_env  # noqa: E402
+
 WCAN = None
 
 # Frames in cansend text; the dump prints them upper-case without dots.
@@ -39,19 +41,8 @@ def describe(text):
     return int(ident, 16), len(ident) == 8, kind, brs, payload
 
 
-class CheckFailed(Exception):
-    pass
-
-
-def expect(cond, message):
-    if not cond:
-        raise CheckFailed(message)
-
-
 def run(args, env_sim=None, code=0):
-    env = {k: v for k, v in os.environ.items() if k != "WCAN_SIM"}
-    if env_sim is not None:
-        env["WCAN_SIM"] = env_sim
+    env = tool_env(**({} if env_sim is None else {"WCAN_SIM": env_sim}))
     result = subprocess.run([WCAN] + args, capture_output=True, text=True, env=env, timeout=30)
     if code is not None:
         expect(result.returncode == code, f"wcan {' '.join(args)}: exit {result.returncode}, "
@@ -97,57 +88,6 @@ def check_roundtrip():
                 expect(f.read() == out, "--log file differs from standard output")
     result = run(["send", "41", "0", "0", "123#11", "456##1AA"], env_sim="41")
     expect("2 frames sent" in result.stderr, result.stderr)
-
-
-def check_pythoncan():
-    try:
-        import can
-    except ImportError:
-        print("python-can is not installed")
-        return SKIP
-    frames = CLASSIC_FRAMES + FD_FRAMES
-    with tempfile.TemporaryDirectory() as tmp:
-        path = os.path.join(tmp, "dump.log")
-        with open(path, "w") as f:
-            f.write(dump_with_loopback(41, frames))
-        messages = list(can.CanutilsLogReader(path))
-    expect(len(messages) == len(frames), f"python-can read {len(messages)} messages")
-    for text, msg in zip(frames, messages):
-        ident, extended, kind, brs, payload = describe(text)
-        got = (msg.arbitration_id, msg.is_extended_id, msg.is_remote_frame, msg.is_fd,
-               msg.channel, msg.timestamp > 1e9)
-        expect(got == (ident, extended, kind == "r", kind == "fd", "wcan41-0-1", True),
-               f"{text}: {got}")
-        expect(kind != "fd" or msg.bitrate_switch == (brs == "1"), f"{text}: bit-rate switch")
-        expect(kind == "r" or bytes(msg.data) == payload, f"{text}: data {bytes(msg.data).hex()}")
-    return 0
-
-
-def check_log2asc():
-    log2asc = shutil.which("log2asc")
-    if not log2asc:
-        print("log2asc is not installed")
-        return SKIP
-    frames = CLASSIC_FRAMES + FD_FRAMES
-    result = subprocess.run([log2asc, "wcan41-0-1"], input=dump_with_loopback(41, frames),
-                            capture_output=True, text=True, timeout=10)
-    expect(result.returncode == 0, f"log2asc exited {result.returncode}: {result.stderr}")
-    body = [l.split() for l in result.stdout.splitlines() if l.startswith(" ")]
-    expect(len(body) == len(frames), f"log2asc wrote {len(body)} frames:\n{result.stdout}")
-    for text, fields in zip(frames, body):
-        ident, extended, kind, brs, payload = describe(text)
-        if kind == "fd":  # time CANFD channel Rx id [symbol] BRS ESI DLC LEN data...
-            asc_id, got_brs, n = fields[4], fields[5], int(fields[8])
-            got = (fields[1], fields[2], got_brs, bytes.fromhex("".join(fields[9:9 + n])))
-            want = ("CANFD", "1", brs, payload)
-        else:  # time channel id Rx d|r dlc data...
-            asc_id, n = fields[2], int(fields[5])
-            data = bytes.fromhex("".join(fields[6:6 + n])) if fields[4] == "d" else b""
-            got, want = (fields[1], fields[4], data), ("1", kind, payload)
-        expect(got == want, f"{text}: {fields}")
-        expect((asc_id.endswith("x"), int(asc_id.rstrip("x"), 16)) == (extended, ident),
-               f"{text}: asc id {asc_id}")
-    return 0
 
 
 USAGES = ["list", "info", "dump", "send", "gen", "record", "demo", "serve"]
@@ -265,29 +205,18 @@ def check_stamps():
                 str(bitrate), "--count", str(len(frames)), "--timeout", "3000"]
         out = run(args + [a for f in frames for a in ("--tx", "0:" + f)]).stdout
         expect_paced(stamps_us(out), frames, bitrate, f"type {dev_type} at {bitrate}")
-    server = subprocess.Popen([WCAN, "--sim", "41", "serve", "--port", "0", "--bitrate", "250000"],
-                              stderr=subprocess.PIPE, text=True)
-    try:
-        port = None
-        for line in server.stderr:
-            if "listening on" in line:
-                port = line.rsplit(":", 1)[1].strip()
-                break
-        expect(port, "the server did not say where it listens")
-        dump = subprocess.Popen([WCAN, "dump", "--connect", f"127.0.0.1:{port}", "wcan41-0-1",
+    with Server(WCAN, "41", "--bitrate", "250000") as server:
+        dump = subprocess.Popen([WCAN, "dump", "--connect", server.address, "wcan41-0-1",
                                  "--count", str(len(frames)), "--timeout", "5000"],
                                 stdout=subprocess.PIPE, text=True)
         # The dump's bus is open once the server has started its channel.
-        for line in server.stderr:
+        for line in server.proc.stderr:
             if "started wcan41-0-1" in line:
                 break
         for burst in frames[:WARM_UP], frames[WARM_UP:]:
-            run(["send", "--connect", f"127.0.0.1:{port}", "wcan41-0-0"] + burst)
+            run(["send", "--connect", server.address, "wcan41-0-0"] + burst)
         out, _ = dump.communicate(timeout=10)
         expect_paced(stamps_us(out), frames, 250000, "through the server")
-    finally:
-        server.terminate()
-        server.communicate(timeout=10)
 
 
 def check_interrupt():
@@ -357,32 +286,11 @@ def check_record():
     expect("filters: 1\n" in out and "filter 0: 100..1FF id type 1" in out, out)
 
 
-class Server:
-    """`wcan serve --sim TYPE --port 0`; the live views watch a bus that gen feeds through it."""
-
-    def __init__(self, sim):
-        self.proc = subprocess.Popen([WCAN, "--sim", sim, "serve", "--port", "0"],
-                                     stderr=subprocess.PIPE, text=True)
-        for line in self.proc.stderr:
-            if "listening on" in line:
-                self.address = line.split()[-1]
-                break
-        else:
-            raise CheckFailed("wcan serve did not start")
-        self.feeders = []
-
-    def feed(self, bus, *gen_args):
-        self.feeders.append(subprocess.Popen(
-            [WCAN, "gen", "--connect", self.address, bus, *gen_args],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        for p in self.feeders + [self.proc]:
-            p.send_signal(signal.SIGINT)
-            p.wait(timeout=10)
+def feed(server, bus, *gen_args):
+    """gen sending through the server until the server ends."""
+    server.helpers.append(subprocess.Popen(
+        [WCAN, "gen", "--connect", server.address, bus, *gen_args],
+        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
 
 
 def load_percent(line):
@@ -393,9 +301,9 @@ def check_busload():
     # 123#: 48 bits with its stuff bits (as counted by hand in the unit
     # tests), 1000 a second at 500 kbit/s: 9.6 %. A bus sent to as fast as it
     # goes is all but full.
-    with Server("41,41") as server:
-        server.feed("wcan41-0-0", "--id", "123", "--len", "0", "--rate", "1000")
-        server.feed("wcan41-1-0", "--id", "7ff", "--len", "8")
+    with Server(WCAN, "41,41") as server:
+        feed(server, "wcan41-0-0", "--id", "123", "--len", "0", "--rate", "1000")
+        feed(server, "wcan41-1-0", "--id", "7ff", "--len", "8")
         time.sleep(0.5)
         args = ["busload", "--connect", server.address, "wcan41-0-1", "wcan41-1-1"]
         out = run(args + ["-i", "1", "--count", "3"]).stdout
@@ -440,10 +348,10 @@ def id_rows(text):
 def check_top():
     if not shutil.which("tmux"):
         return SKIP
-    with Server("41") as server:
+    with Server(WCAN, "41") as server:
         # Identifiers counting up, 400 a second: every identifier comes back
         # every 5 s, so the table fills and keeps changing.
-        server.feed("wcan41-0-0", "--id", "i", "--len", "8", "--rate", "400")
+        feed(server, "wcan41-0-0", "--id", "i", "--len", "8", "--rate", "400")
         command = f"{WCAN} top --connect {server.address} wcan41-0-1; echo TOP-ENDED $?; sleep 60"
         tmux("new-session", "-d", "-s", "top", "-x", "120", "-y", "40", command)
         try:
@@ -502,21 +410,5 @@ def check_dbc():
     expect("Gear=9 is outside 0..7" in result.stderr, result.stderr)
 
 
-CHECKS = {name[6:]: fn for name, fn in globals().items() if name.startswith("check_")}
-
-
-def main():
-    global WCAN
-    if len(sys.argv) != 3 or sys.argv[2] not in CHECKS:
-        print(__doc__, file=sys.stderr)
-        return 2
-    WCAN = sys.argv[1]
-    try:
-        return CHECKS[sys.argv[2]]() or 0
-    except CheckFailed as e:
-        print(f"FAILED: {e}", file=sys.stderr)
-        return 1
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(globals()))

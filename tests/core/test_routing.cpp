@@ -79,83 +79,53 @@ struct Route {
   Expectation outcome;
 };
 
+// A route whose driver slot must see exactly these arguments and whose
+// result (5) must pass through.
+#define ROUTE(name, exported, slot, outcome)                                                       \
+  Route {                                                                                          \
+    name, [](unsigned t) { return exported; },                                                     \
+        [](MockDevice &d) { EXPECT_CALL(d, slot).WillOnce(Return(5)); }, outcome                   \
+  }
+
 std::vector<Route> objectRoutes() {
+  const Expectation clear{{true, 0}, {false, 6}, {false, kSentinel}, {false, 6}};
+  const Expectation settingSet{{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, 7}};
   return {
-      {"BoardInfoGet", [](unsigned t) { return WCAN_BoardInfoGet(t, 0, &board); },
-       [](MockDevice &d) { EXPECT_CALL(d, getBoardInf(&board)).WillOnce(Return(5)); },
-       kEveryFamily},
-      {"DataDirectTransfer", [](unsigned t) { return WCAN_DataDirectTransfer(t, 0, raw, 7); },
-       [](MockDevice &d) { EXPECT_CALL(d, transmitData(raw, 7u)).WillOnce(Return(5)); },
-       kEveryFamily},
-      {"SetFliter", [](unsigned t) { return WCAN_SetFliter(t, 0, 3, &filter); },
-       [](MockDevice &d) { EXPECT_CALL(d, setFliter(3u, &filter)).WillOnce(Return(5)); }, kCanOnly},
-      {"GetReceiveNum", [](unsigned t) { return WCAN_GetReceiveNum(t, 0, 2, 1); },
-       [](MockDevice &d) { EXPECT_CALL(d, getReceiveNum(2u, 1)).WillOnce(Return(5)); }, kCanOnly},
-      {"Start", [](unsigned t) { return WCAN_Start(t, 0, 6); },
-       [](MockDevice &d) { EXPECT_CALL(d, start(6u)).WillOnce(Return(5)); }, kCanOnly},
-      {"Stop", [](unsigned t) { return WCAN_Stop(t, 0, 6); },
-       [](MockDevice &d) { EXPECT_CALL(d, stop(6u)).WillOnce(Return(5)); }, kCanOnly},
-      {"ClearBuffer",
-       [](unsigned t) { return WCAN_ClearBuffer(t, 0, 1); },
-       [](MockDevice &d) { EXPECT_CALL(d, clearBuffer(1u)).WillOnce(Return(5)); },
-       {{true, 0}, {false, 6}, {false, kSentinel}, {false, 6}}},
-      {"Receive", [](unsigned t) { return WCAN_Receive(t, 0, 1, canFrames, 4, 9); },
-       [](MockDevice &d) { EXPECT_CALL(d, receive(1u, canFrames, 4u, 9)).WillOnce(Return(5)); },
-       kCanOnly},
-      {"ReceiveFD", [](unsigned t) { return WCAN_ReceiveFD(t, 0, 1, fdFrames, 4, -1); },
-       [](MockDevice &d) { EXPECT_CALL(d, receiveFD(1u, fdFrames, 4u, -1)).WillOnce(Return(5)); },
-       kCanOnly},
-      {"Transmit", [](unsigned t) { return WCAN_Transmit(t, 0, 1, canFrames, 0); },
-       [](MockDevice &d) { EXPECT_CALL(d, transmit(1u, canFrames, 0u)).WillOnce(Return(5)); },
-       kCanOnly},
-      {"TransmitFD", [](unsigned t) { return WCAN_TransmitFD(t, 0, 1, fdFrames, 3); },
-       [](MockDevice &d) { EXPECT_CALL(d, transmitFD(1u, fdFrames, 3u)).WillOnce(Return(5)); },
-       kCanOnly},
-      {"RecordSettingSet",
-       [](unsigned t) { return WCAN_RecordSettingSet(t, 0, 1, &recordConfig); },
-       [](MockDevice &d) {
-         EXPECT_CALL(d, RecordSettingSet(1u, &recordConfig)).WillOnce(Return(5));
-       },
-       {{false, kSentinel}, {true, 0}, {false, kSentinel}, {false, 7}}},
-      {"RecordSettingGet", [](unsigned t) { return WCAN_RecordSettingGet(t, 0, 1, &recordConfig); },
-       [](MockDevice &d) {
-         EXPECT_CALL(d, RecordSettingGet(1u, &recordConfig)).WillOnce(Return(5));
-       },
-       kRecorderOnly},
-      {"RecordFliterClr", [](unsigned t) { return WCAN_RecordFliterClr(t, 0, 1); },
-       [](MockDevice &d) {
-         EXPECT_CALL(d, RecordCmdExecute(1u, 0u, nullptr, nullptr)).WillOnce(Return(5));
-       },
-       kRecorderOnly},
-      {"RecordFliterAdd", [](unsigned t) { return WCAN_RecordFliterAdd(t, 0, 1, &filter); },
-       [](MockDevice &d) {
-         EXPECT_CALL(d, RecordCmdExecute(1u, 1u, nullptr, &filter)).WillOnce(Return(5));
-       },
-       kRecorderOnly},
-      {"RecordFliterEnable", [](unsigned t) { return WCAN_RecordFliterEnable(t, 0, 1); },
-       [](MockDevice &d) {
-         EXPECT_CALL(d, RecordCmdExecute(1u, 2u, nullptr, nullptr)).WillOnce(Return(5));
-       },
-       kRecorderOnly},
-      {"RecordFliterDisable", [](unsigned t) { return WCAN_RecordFliterDisable(t, 0, 1); },
-       [](MockDevice &d) {
-         EXPECT_CALL(d, RecordCmdExecute(1u, 3u, nullptr, nullptr)).WillOnce(Return(5));
-       },
-       kRecorderOnly},
-      {"RecordFliterInfoGet",
-       [](unsigned t) { return WCAN_RecordFliterInfoGet(t, 0, 1, &filterInfo); },
-       [](MockDevice &d) {
-         EXPECT_CALL(d, RecordCmdExecute(1u, 4u, &filterInfo, nullptr)).WillOnce(Return(5));
-       },
-       kRecorderOnly},
-      {"RecordFliterSettingGet",
-       [](unsigned t) { return WCAN_RecordFliterSettingGet(t, 0, 1, 7, &filter); },
-       [](MockDevice &d) {
-         EXPECT_CALL(d, RecordCmdExecute(1u, 5u, nullptr, &filter)).WillOnce(Return(5));
-       },
-       kRecorderOnly},
+      ROUTE("BoardInfoGet", WCAN_BoardInfoGet(t, 0, &board), getBoardInf(&board), kEveryFamily),
+      ROUTE("DataDirectTransfer", WCAN_DataDirectTransfer(t, 0, raw, 7), transmitData(raw, 7u),
+            kEveryFamily),
+      ROUTE("SetFliter", WCAN_SetFliter(t, 0, 3, &filter), setFliter(3u, &filter), kCanOnly),
+      ROUTE("GetReceiveNum", WCAN_GetReceiveNum(t, 0, 2, 1), getReceiveNum(2u, 1), kCanOnly),
+      ROUTE("Start", WCAN_Start(t, 0, 6), start(6u), kCanOnly),
+      ROUTE("Stop", WCAN_Stop(t, 0, 6), stop(6u), kCanOnly),
+      ROUTE("ClearBuffer", WCAN_ClearBuffer(t, 0, 1), clearBuffer(1u), clear),
+      ROUTE("Receive", WCAN_Receive(t, 0, 1, canFrames, 4, 9), receive(1u, canFrames, 4u, 9),
+            kCanOnly),
+      ROUTE("ReceiveFD", WCAN_ReceiveFD(t, 0, 1, fdFrames, 4, -1), receiveFD(1u, fdFrames, 4u, -1),
+            kCanOnly),
+      ROUTE("Transmit", WCAN_Transmit(t, 0, 1, canFrames, 0), transmit(1u, canFrames, 0u),
+            kCanOnly),
+      ROUTE("TransmitFD", WCAN_TransmitFD(t, 0, 1, fdFrames, 3), transmitFD(1u, fdFrames, 3u),
+            kCanOnly),
+      ROUTE("RecordSettingSet", WCAN_RecordSettingSet(t, 0, 1, &recordConfig),
+            RecordSettingSet(1u, &recordConfig), settingSet),
+      ROUTE("RecordSettingGet", WCAN_RecordSettingGet(t, 0, 1, &recordConfig),
+            RecordSettingGet(1u, &recordConfig), kRecorderOnly),
+      ROUTE("RecordFliterClr", WCAN_RecordFliterClr(t, 0, 1),
+            RecordCmdExecute(1u, 0u, nullptr, nullptr), kRecorderOnly),
+      ROUTE("RecordFliterAdd", WCAN_RecordFliterAdd(t, 0, 1, &filter),
+            RecordCmdExecute(1u, 1u, nullptr, &filter), kRecorderOnly),
+      ROUTE("RecordFliterEnable", WCAN_RecordFliterEnable(t, 0, 1),
+            RecordCmdExecute(1u, 2u, nullptr, nullptr), kRecorderOnly),
+      ROUTE("RecordFliterDisable", WCAN_RecordFliterDisable(t, 0, 1),
+            RecordCmdExecute(1u, 3u, nullptr, nullptr), kRecorderOnly),
+      ROUTE("RecordFliterInfoGet", WCAN_RecordFliterInfoGet(t, 0, 1, &filterInfo),
+            RecordCmdExecute(1u, 4u, &filterInfo, nullptr), kRecorderOnly),
+      ROUTE("RecordFliterSettingGet", WCAN_RecordFliterSettingGet(t, 0, 1, 7, &filter),
+            RecordCmdExecute(1u, 5u, nullptr, &filter), kRecorderOnly),
   };
 }
+#undef ROUTE
 
 // Keeps a mock registered for the life of the guard.
 struct Registered {

@@ -137,52 +137,33 @@ TEST_F(Log, LinesFromManyThreadsNeverTear) {
 
 TEST_F(Log, ConsoleLinesFollowTheEnvironment) {
   struct Case {
-    const char *setting; // nullptr: unset
-    bool onStdout, onStderr;
+    const char *console, *level; // nullptr: unset
+    bool infoOut, warnOut, warnErr;
   } cases[] = {
-      {nullptr, true, false}, {"stdout", true, false}, {"stderr", false, true},
-      {"none", false, false}, {"bogus", true, false},
+      {nullptr, nullptr, true, true, false},   {"stdout", nullptr, true, true, false},
+      {"stderr", nullptr, false, false, true}, {"none", nullptr, false, false, false},
+      {"bogus", nullptr, true, true, false},   {"stdout", "info", true, true, false},
+      {"stdout", "WARN", false, true, false},  {"stdout", "error", false, false, false},
+      {"stdout", "bogus", true, true, false},
+  };
+  const auto set = [](const char *name, const char *value) {
+    value ? setenv(name, value, 1) : unsetenv(name);
   };
   for (const Case &c : cases) {
-    SCOPED_TRACE(c.setting ? c.setting : "(unset)");
-    if (c.setting)
-      setenv("WCAN_LOG_CONSOLE", c.setting, 1);
-    else
-      unsetenv("WCAN_LOG_CONSOLE");
+    SCOPED_TRACE(std::string(c.console ? c.console : "(unset)") + " " +
+                 (c.level ? c.level : "(unset)"));
+    set("WCAN_LOG_CONSOLE", c.console);
+    set("WCAN_LOG_CONSOLE_LEVEL", c.level);
     reloadQuietly();
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
-    log().Warn("where am I");
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(out.find("where am I") != std::string::npos, c.onStdout);
-    EXPECT_EQ(err.find("where am I") != std::string::npos, c.onStderr);
-  }
-  unsetenv("WCAN_LOG_CONSOLE");
-}
-
-TEST_F(Log, ConsoleLevelDropsOnlyTheConsoleLinesBelowIt) {
-  struct Case {
-    const char *setting; // nullptr: unset
-    bool infoShown, warnShown;
-  } cases[] = {
-      {nullptr, true, true},   {"info", true, true},  {"WARN", false, true},
-      {"error", false, false}, {"bogus", true, true},
-  };
-  setenv("WCAN_LOG_CONSOLE", "stdout", 1);
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.setting ? c.setting : "(unset)");
-    if (c.setting)
-      setenv("WCAN_LOG_CONSOLE_LEVEL", c.setting, 1);
-    else
-      unsetenv("WCAN_LOG_CONSOLE_LEVEL");
-    reloadQuietly();
-    ::testing::internal::CaptureStdout();
     log().Info("an info line");
     log().Warn("a warning line");
     const std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out.find("an info line") != std::string::npos, c.infoShown);
-    EXPECT_EQ(out.find("a warning line") != std::string::npos, c.warnShown);
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(out.find("an info line") != std::string::npos, c.infoOut);
+    EXPECT_EQ(out.find("a warning line") != std::string::npos, c.warnOut);
+    EXPECT_EQ(err.find("a warning line") != std::string::npos, c.warnErr);
   }
   unsetenv("WCAN_LOG_CONSOLE_LEVEL");
   unsetenv("WCAN_LOG_CONSOLE");

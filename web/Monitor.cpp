@@ -7,6 +7,8 @@
 #include <limits>
 #include <set>
 
+#include "capture/Pcapng.h"
+
 namespace wcantool::web {
 namespace {
 
@@ -80,6 +82,7 @@ struct Monitor::Cycle {
 
 struct Monitor::ViewerState {
   Viewer *viewer = nullptr;
+  uint64_t session = 0;
   IdFilter filter;
   bool paused = false;
   bool perId = false;
@@ -94,6 +97,7 @@ struct Monitor::ViewerState {
   size_t sampleCount = 0;
   uint64_t samplesDropped = 0;
   std::map<std::string, std::shared_ptr<Cycle>> cycles;
+  std::deque<TraceFrame> record; // what the page was sent, for its download
 
   bool watches(unsigned bus) const { return bus >= hidden.size() || !hidden[bus]; }
 };
@@ -160,8 +164,9 @@ void Monitor::refreshBuses() {
 void Monitor::attach(Viewer &viewer) {
   auto state = std::make_unique<ViewerState>();
   state->viewer = &viewer;
+  state->session = ++lastSession_;
+  viewer.post(hello(state->session));
   viewers_[&viewer] = std::move(state);
-  viewer.post(hello());
 }
 
 void Monitor::detach(Viewer &viewer) {
@@ -280,6 +285,7 @@ void Monitor::sendUpdate(ViewerState &v, bool withTable) {
   v.latest.clear();
   std::sort(frames.begin(), frames.end(),
             [](const TraceFrame &a, const TraceFrame &b) { return a.seen.timeUs < b.seen.timeUs; });
+  keepRecord(v, frames);
   bool first = true;
   for (const TraceFrame &f : frames) {
     const Frame &fr = f.seen.frame;
@@ -301,6 +307,30 @@ void Monitor::sendUpdate(ViewerState &v, bool withTable) {
     out += ",\"table\":" + tableJson(v);
   out += "}";
   v.viewer->post(std::move(out));
+}
+
+void Monitor::keepRecord(ViewerState &v, const std::vector<TraceFrame> &frames) const {
+  v.record.insert(v.record.end(), frames.begin(), frames.end());
+  if (v.record.size() > limits_.recordFrames)
+    v.record.erase(v.record.begin(),
+                   v.record.begin() +
+                       static_cast<std::ptrdiff_t>(v.record.size() - limits_.recordFrames));
+}
+
+std::optional<std::string> Monitor::recordPcapng(uint64_t session) const {
+  const auto page = std::find_if(viewers_.begin(), viewers_.end(),
+                                 [session](const auto &v) { return v.second->session == session; });
+  if (page == viewers_.end())
+    return std::nullopt;
+  std::vector<uint8_t> out;
+  capture::appendSectionHeader(out, "wcan serve --web");
+  // Interface i is bus i, so a frame's bus index is its interface.
+  for (const BusState &bus : busStates_)
+    capture::appendInterface(out, {bus.name, bus.running ? formatRates(bus.rates) : ""});
+  for (const TraceFrame &f : page->second->record)
+    capture::appendPacket(out, f.bus, f.seen.timeUs, f.seen.frame,
+                          f.own ? capture::Direction::Outbound : capture::Direction::Inbound);
+  return std::string(out.begin(), out.end());
 }
 
 std::string Monitor::tableJson(const ViewerState &v) const {
@@ -395,7 +425,7 @@ std::string Monitor::dbcJson() const {
       -1, ' ', false, json::error_handler_t::replace);
 }
 
-std::string Monitor::hello() const {
+std::string Monitor::hello(uint64_t session) const {
   json load = json::array();
   for (const auto &row : loadHistory_) {
     json r = json::array({row.first});
@@ -403,8 +433,8 @@ std::string Monitor::hello() const {
       r.push_back(i < row.second.size() ? loadValue(row.second[i]) : json(nullptr));
     load.push_back(r);
   }
-  return "{\"t\":\"hello\",\"dbcAvailable\":" +
-         std::string(Signals::available() ? "true" : "false") +
+  return "{\"t\":\"hello\",\"session\":" + std::to_string(session) +
+         ",\"dbcAvailable\":" + std::string(Signals::available() ? "true" : "false") +
          ",\"tickMs\":" + std::to_string(limits_.tick.count()) +
          ",\"traceFramesPerTick\":" + std::to_string(limits_.traceFramesPerTick) +
          ",\"buses\":" + busesJson() + ",\"load\":" + load.dump() + ",\"dbc\":" + dbcJson() + "}";
@@ -466,6 +496,8 @@ void Monitor::handle(ViewerState &v, const std::string &op, const json &request)
     stopCycle(v, textField(request, "key"));
   else if (op == "signals")
     pickSignals(v, request);
+  else if (op == "clearRecord")
+    v.record.clear();
   else
     reply(*v.viewer, "error", "unknown request '" + op + "'");
 }

@@ -18,6 +18,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -44,6 +45,7 @@ struct MonitorLimits {
   size_t samplesPerTick = 2000;    // signal values per update
   size_t loadHistory = 600;        // seconds of load kept for the chart
   unsigned tableEvery = 5;         // ticks between identifier tables
+  size_t recordFrames = 100000;    // frames each page's pcapng download keeps
 };
 
 class Monitor : public BusListener {
@@ -63,6 +65,10 @@ public:
   // A DBC file uploaded from a page: the JSON reply, and every page learns
   // the new signals.
   std::string loadDbc(std::string_view text);
+  // What the server sent the page of this session (its number is in the
+  // page's hello) since it connected or cleared its trace, as pcapng; empty
+  // when no page has that session.
+  std::optional<std::string> recordPcapng(uint64_t session) const;
 
   void onFrames(const std::string &bus, bool own, const std::vector<SeenFrame> &frames,
                 size_t failed, const std::string &failure) override;
@@ -89,7 +95,8 @@ private:
   void collect(ViewerState &v, const TraceFrame &f);
   void sampleSignals(const TraceFrame &f);
   void sendUpdate(ViewerState &v, bool withTable);
-  std::string hello() const;
+  void keepRecord(ViewerState &v, const std::vector<TraceFrame> &frames) const;
+  std::string hello(uint64_t session) const;
   std::string busesJson() const;
   std::string dbcJson() const;
   std::string tableJson(const ViewerState &v) const;
@@ -125,6 +132,7 @@ private:
   uint64_t dbcVersion_ = 0;
   std::vector<SignalValue> scratch_;
   std::map<Viewer *, std::unique_ptr<ViewerState>> viewers_;
+  uint64_t lastSession_ = 0;
 };
 
 } // namespace wcantool::web

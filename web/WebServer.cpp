@@ -232,6 +232,8 @@ private:
     }
     if (req.method() != http::verb::get && req.method() != http::verb::head)
       return refusal(req, http::status::method_not_allowed, "only GET here");
+    if (path == "/record.pcapng")
+      return pageRecord(req);
     if (const Asset *asset = findAsset(path)) {
       Response res =
           makeResponse(req, http::status::ok, std::string(asset->type), std::string(asset->body));
@@ -260,6 +262,21 @@ private:
       }
     }
     return refusal(req, http::status::not_found, "nothing at " + std::string(path));
+  }
+
+  Response pageRecord(const Request &req) {
+    const std::string session = queryParameter(req.target(), "session");
+    std::optional<std::string> pcapng;
+    if (!session.empty() && session.find_first_not_of("0123456789") == std::string::npos &&
+        session.size() < 20)
+      pcapng = monitor_.recordPcapng(std::stoull(session));
+    if (!pcapng)
+      return refusal(req, http::status::not_found,
+                     "no page is connected with session '" + session + "'");
+    Response res =
+        makeResponse(req, http::status::ok, "application/octet-stream", std::move(*pcapng));
+    res.set(http::field::content_disposition, "attachment; filename=\"wcan.pcapng\"");
+    return res;
   }
 
   void reply(Response res, bool thenClose) {

@@ -7,7 +7,10 @@ import http.client
 import os
 import queue
 import re
+import subprocess
 import threading
+import time
+from decimal import Decimal
 
 import pytest
 
@@ -16,7 +19,7 @@ from conftest import wait_for
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 
-def request(server, path, host=None, headers=None, method="GET", body=None):
+def request(server, path, host=None, headers=None, method="GET", body=None, raw=False):
     c = http.client.HTTPConnection("127.0.0.1", server.web_port, timeout=10)
     c.putrequest(method, path, skip_host=True)
     c.putheader("Host", host or f"127.0.0.1:{server.web_port}")
@@ -26,9 +29,9 @@ def request(server, path, host=None, headers=None, method="GET", body=None):
         c.putheader("Content-Length", str(len(body)))
     c.endheaders(body)
     r = c.getresponse()
-    text = r.read().decode("utf-8", "replace")
+    content = r.read()
     c.close()
-    return r.status, text
+    return r.status, content if raw else content.decode("utf-8", "replace")
 
 
 UPGRADE = {"Upgrade": "websocket", "Connection": "Upgrade", "Sec-WebSocket-Version": "13",
@@ -47,6 +50,7 @@ UPGRADE = {"Upgrade": "websocket", "Connection": "Upgrade", "Sec-WebSocket-Versi
     ("the page's own socket", "/ws?token={t}", None,
      dict(UPGRADE, Origin="http://127.0.0.1:{p}"), 101),
     ("a socket without the token", "/ws", None, dict(UPGRADE, Origin="http://127.0.0.1:{p}"), 403),
+    ("a page's record without the token", "/record.pcapng?session=1", None, {}, 403),
 ])
 def test_access(server, what, path, host, headers, status):
     fill = lambda s: s.format(t=server.token, p=server.web_port)
@@ -224,3 +228,39 @@ def test_dbc_decodes_sends_and_plots(server, browser, request):
         gen.terminate()
         gen.wait(10)
         dump.stop()
+
+
+def quiet_record(browser):
+    """Waits until no more frames reach the page; returns its record."""
+    before = None
+    while True:
+        time.sleep(0.5)
+        now = js(browser, "wcan.record.map(f => [f[0], wcan.buses[f[1]].name, f[2]])")
+        if now == before:
+            return now
+        before = now
+
+
+def test_pcapng_download_holds_what_the_page_saw(server, browser, tmp_path):
+    open_page(server, browser)
+    quiet_record(browser)
+    browser.find_element("id", "clearTrace").click()
+    gen = server.tool("gen", "--connect", f"127.0.0.1:{server.port}", "wcan41-0-1",
+                      "--rate", "300", "--id", "2A5", "--len", "8")
+    try:
+        wait_for(lambda: len(js(browser, "wcan.record")) > 50)
+    finally:
+        gen.terminate()
+        gen.wait(10)
+    seen = quiet_record(browser)
+    status, body = request(server, "/record.pcapng?token=%s&session=%d"
+                           % (server.token, js(browser, "wcan.session")), raw=True)
+    assert status == 200, body
+    path = tmp_path / "record.pcapng"
+    path.write_bytes(body)
+    fields = subprocess.run(["tshark", "-r", str(path), "-T", "fields", "-e", "frame.time_epoch",
+                             "-e", "frame.interface_name", "-e", "can.id"],
+                            capture_output=True, text=True, check=True).stdout.split("\n")
+    got = [[int(Decimal(t) * 1000000), bus, int(i, 0)]
+           for t, bus, i in (line.split("\t") for line in fields if line)]
+    assert got == seen and ["wcan41-0-1", 0x2A5] in [f[1:] for f in seen]

@@ -377,11 +377,21 @@ function downloadLog() {
   setTimeout(() => URL.revokeObjectURL(a.href), 1000);
 }
 
+// The server keeps what it sent this page since the page connected and
+// writes it as pcapng, so that nothing big has to go back up.
+function downloadPcapng() {
+  const a = document.createElement('a');
+  a.href = '/record.pcapng?session=' + wcan.session;
+  a.download = 'wcan-' + new Date().toISOString().replace(/[:.]/g, '-') + '.pcapng';
+  a.click();
+}
+
 // ---- the connection ----------------------------------------------------
 function onMessage(event) {
   const m = JSON.parse(event.data);
   switch (m.t) {
     case 'hello':
+      wcan.session = m.session;
       wcan.buses = m.buses;
       wcan.loadRows = m.load;
       wcan.dbc = m.dbc;
@@ -456,8 +466,10 @@ function setUp() {
     $('trace').querySelector('tbody').textContent = '';
     wcan.traceRows.clear();
     wcan.record = [];
+    send({op: 'clearRecord'});
   };
   $('downloadLog').onclick = downloadLog;
+  $('downloadPcapng').onclick = downloadPcapng;
   $('uploadDbc').onclick = uploadDbc;
   $('sendMessage').onchange = renderSignalInputs;
   $('sendOnce').onclick = () => send(Object.assign({op: 'send'}, whatToSend()));

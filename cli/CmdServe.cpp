@@ -51,19 +51,6 @@ std::optional<web::WebOptions> parseWebOption(const Args &args) {
   return o;
 }
 
-// Every channel of the attached adapters, for the monitor's list.
-std::vector<std::string> attachedBuses(const Runtime &runtime) {
-  std::vector<std::string> names;
-  for (const AttachedAdapter &a : attachedAdapters(runtime)) {
-    const DeviceType &type = *a.type;
-    if (type.family == Family::Recorder)
-      continue;
-    for (unsigned ch = 0; ch < type.channels; ++ch)
-      names.push_back(interfaceName(type.type, a.index, ch));
-  }
-  return names;
-}
-
 bool isLoopback(const std::string &address) {
   boost::system::error_code ec;
   const boost::asio::ip::address a = boost::asio::ip::make_address(address, ec);

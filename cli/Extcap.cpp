@@ -5,12 +5,14 @@
 // a link to `wcan`, the program loads the library at run time like the tool.
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/Capture.h"
 #include "cli/Commands.h"
 #include "common/Adapters.h"
+#include "net/Client.h"
 #include "net/Protocol.h"
 
 namespace wcantool {
@@ -53,7 +55,49 @@ ChannelName parseChannelName(const std::string &name) {
   return c;
 }
 
-void printInterfaces(Context &ctx) {
+// Wireshark waits for the listing before it shows anything.
+constexpr int kServerAnswerMs = 1000;
+
+// A server bus is listed as "BUS@HOST:PORT".
+struct ServerBus {
+  std::string bus;
+  net::ServerAddress server;
+};
+
+std::optional<ServerBus> parseServerBus(const std::string &interface) {
+  const size_t at = interface.find('@');
+  if (at == std::string::npos)
+    return std::nullopt;
+  return ServerBus{interface.substr(0, at),
+                   net::parseServerAddress(interface.substr(at + 1), net::kDefaultPort)};
+}
+
+// Wireshark lists interfaces without the capture options: the server comes
+// from --server next to --extcap-interfaces (for wrapper scripts) or from
+// the user's session.
+std::optional<std::string> listedServer(const Args &args) {
+  if (auto server = args.value("--server"); server && !server->empty())
+    return server;
+  if (const char *env = std::getenv("WCAN_EXTCAP_SERVER"); env && *env)
+    return std::string(env);
+  return std::nullopt;
+}
+
+void printServerInterfaces(const std::string &text) {
+  try {
+    const net::ServerAddress server = net::parseServerAddress(text, net::kDefaultPort);
+    const std::string where = net::addressText(server);
+    for (const std::string &bus : net::serverBuses(server, kServerAnswerMs))
+      std::printf("interface {value=%s@%s}{display=wcan server %s bus %s}\n", bus.c_str(),
+                  where.c_str(), where.c_str(), bus.c_str());
+  } catch (const UsageError &e) {
+    std::fprintf(stderr, "wcan-extcap: server skipped: %s\n", e.message.c_str());
+  } catch (const ToolError &e) {
+    std::fprintf(stderr, "wcan-extcap: server skipped: %s\n", e.message.c_str());
+  }
+}
+
+void printInterfaces(Context &ctx, const Args &args) {
   std::printf("extcap {version=%s}{display=wcan USB-to-CAN adapters}\n", WCAN_VERSION);
   std::vector<AttachedAdapter> adapters;
   try {
@@ -72,6 +116,8 @@ void printInterfaces(Context &ctx) {
                   interfaceName(type.type, a.index, ch).c_str(), familyName(type.family), type.type,
                   a.index, ch);
   }
+  if (std::optional<std::string> server = listedServer(args))
+    printServerInterfaces(*server);
 }
 
 void printDlts() {
@@ -88,6 +134,8 @@ void printRateSelector(unsigned number, const char *call, const char *display,
 }
 
 void printConfig(const std::string &interface) {
+  if (parseServerBus(interface))
+    return; // the server chose the bus's settings
   const ChannelName name = parseChannelName(interface);
   const DeviceType &type = checkedDeviceType(name.type);
   const ChannelSettings preset;
@@ -115,7 +163,9 @@ int capture(Context &ctx, const Args &args, const std::string &interface) {
     throw UsageError{"--capture needs --fifo PATH"};
   // Frames are not filtered: Wireshark's display filter does that.
   std::unique_ptr<CaptureSource> source;
-  if (auto server = args.value("--server"); server && !server->empty()) {
+  if (std::optional<ServerBus> remote = parseServerBus(interface)) {
+    source = std::make_unique<RemoteCapture>(remote->server, std::vector<std::string>{remote->bus});
+  } else if (auto server = args.value("--server"); server && !server->empty()) {
     source = std::make_unique<RemoteCapture>(net::parseServerAddress(*server, net::kDefaultPort),
                                              std::vector<std::string>{interface});
   } else {
@@ -137,7 +187,7 @@ int capture(Context &ctx, const Args &args, const std::string &interface) {
 
 int dispatch(Context &ctx, const Args &args) {
   if (args.flag("--extcap-interfaces")) {
-    printInterfaces(ctx);
+    printInterfaces(ctx, args);
     return kExitOk;
   }
   const std::string interface = args.value("--extcap-interface").value_or("");

@@ -64,15 +64,22 @@ bool adapterAttached(const UsbApi &usb, libusb_context *ctx, const DeviceType &t
   return false;
 }
 
-std::string attachedBusNames(const Runtime &runtime) {
-  std::string names;
+std::vector<std::string> attachedBuses(const Runtime &runtime) {
+  std::vector<std::string> names;
   for (const AttachedAdapter &a : attachedAdapters(runtime)) {
     const DeviceType &t = *findDeviceType(a.types.front());
     if (t.family == Family::Recorder)
       continue;
     for (unsigned ch = 0; ch < t.channels; ++ch)
-      names += (names.empty() ? "" : " ") + interfaceName(t.type, a.index, ch);
+      names.push_back(interfaceName(t.type, a.index, ch));
   }
+  return names;
+}
+
+std::string attachedBusNames(const Runtime &runtime) {
+  std::string names;
+  for (const std::string &name : attachedBuses(runtime))
+    names += (names.empty() ? "" : " ") + name;
   return names.empty() ? "none" : names;
 }
 

@@ -54,6 +54,9 @@ struct AttachedAdapter {
 // Throws ToolError when the USB library cannot list its devices.
 std::vector<AttachedAdapter> attachedAdapters(const Runtime &runtime);
 
+// The buses of the attached adapters that carry traffic, under the first
+// type number of each; throws ToolError like attachedAdapters.
+std::vector<std::string> attachedBuses(const Runtime &runtime);
 // "wcan41-0-0 wcan41-0-1 wcan4-0-0 ...": the buses of the attached adapters
 // that carry traffic, under the first type number of each; "none" without any.
 std::string attachedBusNames(const Runtime &runtime);

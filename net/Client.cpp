@@ -18,7 +18,18 @@ using Clock = std::chrono::steady_clock;
 // Opening a bus may open and reset an adapter first.
 constexpr int kAnswerWaitMs = 10000;
 
+// The answers that are one word only.
+void expectOnly(const std::vector<std::string> &words) {
+  if (words.size() != 1)
+    throw ToolError{"the server answered with more than '" + words.front() + "'"};
+}
+
 } // namespace
+
+std::string addressText(const ServerAddress &server) {
+  const bool v6 = server.host.find(':') != std::string::npos;
+  return (v6 ? "[" + server.host + "]" : server.host) + ":" + std::to_string(server.port);
+}
 
 ServerAddress parseServerAddress(const std::string &text, unsigned defaultPort) {
   ServerAddress a{text, defaultPort};
@@ -49,24 +60,38 @@ struct Client::Connection {
   std::vector<std::string> errors;
   std::string name;
 
-  // Reads once, waiting until `deadline` (none: no limit); false on time-out.
-  bool readSome(std::optional<Clock::time_point> deadline) {
+  // Runs one asynchronous operation started by `start` until it completes or
+  // `deadline` (none: no limit) passes, which cancels it: operation_aborted.
+  template <class Start>
+  boost::system::error_code await(Start start, std::optional<Clock::time_point> deadline) {
     boost::system::error_code ec = boost::asio::error::would_block;
-    size_t n = 0;
-    socket.async_read_some(boost::asio::buffer(buffer), [&](boost::system::error_code e, size_t k) {
-      ec = e;
-      n = k;
-    });
+    start(ec);
     io.restart();
     if (deadline)
       io.run_until(*deadline);
     else
       io.run();
     if (ec == boost::asio::error::would_block) {
-      socket.cancel();
+      boost::system::error_code ignored;
+      socket.cancel(ignored);
       io.restart();
       io.run();
     }
+    return ec;
+  }
+
+  // Reads once, waiting until `deadline` (none: no limit); false on time-out.
+  bool readSome(std::optional<Clock::time_point> deadline) {
+    size_t n = 0;
+    const boost::system::error_code ec = await(
+        [&](boost::system::error_code &result) {
+          socket.async_read_some(boost::asio::buffer(buffer),
+                                 [&](boost::system::error_code e, size_t k) {
+                                   result = e;
+                                   n = k;
+                                 });
+        },
+        deadline);
     if (ec == boost::asio::error::operation_aborted)
       return false;
     if (ec == boost::asio::error::eof)
@@ -75,6 +100,26 @@ struct Client::Connection {
       throw ToolError{"lost the connection to " + name + ": " + ec.message()};
     reader.feed(buffer.data(), n);
     return true;
+  }
+
+  void connect(const ServerAddress &server, std::optional<Clock::time_point> deadline) {
+    const std::string where = addressText(server);
+    boost::system::error_code ec;
+    boost::asio::ip::tcp::resolver resolver(io);
+    const auto endpoints = resolver.resolve(server.host, std::to_string(server.port), ec);
+    if (!ec)
+      ec = await(
+          [&](boost::system::error_code &result) {
+            boost::asio::async_connect(socket, endpoints,
+                                       [&](boost::system::error_code e,
+                                           const boost::asio::ip::tcp::endpoint &) { result = e; });
+          },
+          deadline);
+    if (ec == boost::asio::error::operation_aborted)
+      throw ToolError{"no connection to " + where + " in time"};
+    if (ec)
+      throw ToolError{"cannot connect to " + where + ": " + ec.message()};
+    socket.set_option(boost::asio::ip::tcp::no_delay(true), ec);
   }
 
   // The next element; nothing when none came within waitMs (-1: no limit).
@@ -95,14 +140,16 @@ struct Client::Connection {
     }
   }
 
-  // Waits for one answer; an error reply or none in time throws.
-  void expect(const std::string &want, const std::string &request) {
-    std::optional<std::string> got = nextElement(kAnswerWaitMs);
+  // Waits for one answer starting with `want`, and returns its words; an
+  // error reply or none in time throws.
+  std::vector<std::string> expect(const std::string &want, const std::string &request,
+                                  int waitMs = kAnswerWaitMs) {
+    std::optional<std::string> got = nextElement(waitMs);
     if (!got)
       throw ToolError{name + " did not answer " + request};
     const std::vector<std::string_view> words = splitWords(*got);
-    if (words.size() == 1 && words[0] == want)
-      return;
+    if (!words.empty() && words[0] == want)
+      return {words.begin(), words.end()};
     std::string said;
     for (std::string_view w : words)
       said += (said.empty() ? "" : " ") + std::string(w);
@@ -130,19 +177,11 @@ struct Client::Connection {
 
 Client::Client(const ServerAddress &server, const std::string &bus)
     : c_(std::make_unique<Connection>()) {
-  c_->name = bus + " at " + server.host + ":" + std::to_string(server.port);
-  boost::system::error_code ec;
-  boost::asio::ip::tcp::resolver resolver(c_->io);
-  const auto endpoints = resolver.resolve(server.host, std::to_string(server.port), ec);
-  if (!ec)
-    boost::asio::connect(c_->socket, endpoints, ec);
-  if (ec)
-    throw ToolError{"cannot connect to " + server.host + ":" + std::to_string(server.port) + ": " +
-                    ec.message()};
-  c_->socket.set_option(boost::asio::ip::tcp::no_delay(true), ec);
+  c_->name = bus + " at " + addressText(server);
+  c_->connect(server, std::nullopt);
   c_->expect("hi", "the connection");
   c_->write(element("open " + bus));
-  c_->expect("ok", "'open " + bus + "'");
+  expectOnly(c_->expect("ok", "'open " + bus + "'"));
 }
 
 Client::~Client() = default;
@@ -151,7 +190,7 @@ std::string Client::describe() const { return c_->name; }
 
 void Client::rawMode() {
   c_->write(element("rawmode"));
-  c_->expect("ok", "'rawmode'");
+  expectOnly(c_->expect("ok", "'rawmode'"));
 }
 
 std::optional<ReceivedFrame> Client::nextFrame(int waitMs) {
@@ -188,6 +227,23 @@ std::vector<std::string> Client::takeErrors() {
     if (item.kind == ElementReader::Kind::Element)
       c_->keepIfError(item.text);
   return std::move(c_->errors);
+}
+
+std::vector<std::string> serverBuses(const ServerAddress &server, int waitMs) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+  const auto msLeft = [&] {
+    return std::max<int>(0, static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                 deadline - Clock::now())
+                                                 .count()));
+  };
+  Client::Connection c;
+  c.name = addressText(server);
+  c.connect(server, deadline);
+  c.expect("hi", "the connection", msLeft());
+  c.write(element("buses"));
+  std::vector<std::string> words = c.expect("buses", "'buses'", msLeft());
+  words.erase(words.begin());
+  return words;
 }
 
 std::vector<std::string> Client::sync() {

@@ -24,6 +24,12 @@ struct ServerAddress {
 
 // "HOST", "HOST:PORT", "[v6]:PORT"; throws UsageError.
 ServerAddress parseServerAddress(const std::string &text, unsigned defaultPort);
+// The other way round: "HOST:PORT" or "[v6]:PORT".
+std::string addressText(const ServerAddress &server);
+
+// The buses a server offers, asked with < buses >. Throws ToolError when the
+// server cannot be reached or has not answered within waitMs.
+std::vector<std::string> serverBuses(const ServerAddress &server, int waitMs);
 
 class Client {
 public:
@@ -52,8 +58,9 @@ public:
 
   std::string describe() const; // "wcan41-0-0 at localhost:29536"
 
+  struct Connection; // also serves serverBuses()
+
 private:
-  struct Connection;
   std::unique_ptr<Connection> c_;
 };
 

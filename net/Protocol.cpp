@@ -225,7 +225,7 @@ struct Simple {
 constexpr Simple kSimpleVerbs[] = {
     {"echo", Verb::Echo},           {"rawmode", Verb::RawMode},
     {"bcmmode", Verb::BcmMode},     {"controlmode", Verb::ControlMode},
-    {"isotpmode", Verb::IsoTpMode},
+    {"isotpmode", Verb::IsoTpMode}, {"buses", Verb::Buses},
 };
 
 } // namespace

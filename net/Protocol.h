@@ -56,6 +56,7 @@ std::vector<std::string_view> splitWords(std::string_view element);
 
 enum class Verb {
   Open,
+  Buses, // the buses a client may open
   Echo,
   RawMode,
   BcmMode,

@@ -267,7 +267,7 @@ std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string
   const DeviceType *type = bus ? findDeviceType(bus->type) : nullptr;
   if (!type) {
     why = "'" + busName + "' names no bus (wcan41-0-1 is type 41, index 0, channel 1); " +
-          busesOnOffer();
+          busesOnOfferText();
     return nullptr;
   }
   const AdapterKey key{type->vendorId, type->productId, bus->index};
@@ -291,16 +291,25 @@ std::shared_ptr<Channel> BusHub::acquire(const std::string &busName, std::string
   } catch (const UsageError &e) {
     why = e.message;
   }
-  why += "; " + busesOnOffer();
+  why += "; " + busesOnOfferText();
   return nullptr;
 }
 
 // What a client that named a bus the server cannot open may use instead.
-std::string BusHub::busesOnOffer() const {
+std::string BusHub::busesOnOfferText() const {
   try {
     return "this server has " + attachedBusNames(runtime_);
   } catch (const ToolError &e) {
     return "the attached adapters are unknown: " + e.message;
+  }
+}
+
+std::vector<std::string> BusHub::busesOnOffer(std::string &why) const {
+  try {
+    return attachedBuses(runtime_);
+  } catch (const ToolError &e) {
+    why = "the attached adapters are unknown: " + e.message;
+    return {};
   }
 }
 

@@ -150,6 +150,9 @@ public:
   void release(const std::shared_ptr<Channel> &channel);
   // Stops every channel and closes every adapter.
   void closeAll();
+  // The buses a client may open; empty with the reason when the attached
+  // adapters cannot be listed.
+  std::vector<std::string> busesOnOffer(std::string &why) const;
 
 private:
   // Types that share USB ids name the same adapter.
@@ -169,7 +172,7 @@ private:
 
   OpenAdapter &openAdapter(const AdapterKey &key, const DeviceType &type, unsigned index);
   void closeAdapter(const AdapterKey &key);
-  std::string busesOnOffer() const;
+  std::string busesOnOfferText() const;
   std::shared_ptr<Channel> startChannel(OpenAdapter &adapter, const BusAddress &bus,
                                         const std::string &busName, ChannelSettings settings);
 

@@ -142,6 +142,18 @@ void Server::openBus(const std::shared_ptr<Session> &session, const std::string 
   });
 }
 
+// Listing the adapters goes through the USB library, which the device thread owns.
+void Server::listBuses(const std::shared_ptr<Session> &session) {
+  boost::asio::post(deviceIo_, [this, weak = std::weak_ptr<Session>(session)] {
+    std::string why;
+    std::vector<std::string> buses = hub_.busesOnOffer(why);
+    boost::asio::post(io_, [weak, buses = std::move(buses), why] {
+      if (std::shared_ptr<Session> s = weak.lock(); s && !s->closed())
+        s->busesListed(buses, why);
+    });
+  });
+}
+
 void Server::leaveBus(Session &session, const std::shared_ptr<Channel> &channel) {
   auto bus = buses_.find(channel.get());
   if (bus != buses_.end()) {

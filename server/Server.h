@@ -60,6 +60,7 @@ public:
 
   // For sessions, on the event loop thread.
   void openBus(const std::shared_ptr<Session> &session, const std::string &bus);
+  void listBuses(const std::shared_ptr<Session> &session);
   void leaveBus(Session &session, const std::shared_ptr<Channel> &channel);
   void forget(uint64_t sessionId);
   const BusCounters &counters(const Channel *channel) const;

@@ -82,7 +82,7 @@ void Session::close() {
 // --- input -----------------------------------------------------------------
 
 bool Session::inputBlocked() const {
-  return closed_ || closing_ || mode_ == Mode::Opening || echoHeld_ ||
+  return closed_ || closing_ || mode_ == Mode::Opening || echoHeld_ || listingBuses_ ||
          sendsOutstanding_ >= kMaxOutstanding || queuedOutput() > outputLimit_;
 }
 
@@ -147,6 +147,7 @@ bool Session::allowedInMode(net::Verb verb, std::string &why) const {
   case Verb::Echo:
     return true;
   case Verb::Open:
+  case Verb::Buses:
     if (mode_ == Mode::NoBus)
       return true;
     why = "a bus is open already";
@@ -192,6 +193,10 @@ void Session::handleRequest(const net::Request &request) {
                 "bus names have at most " + std::to_string(net::kMaxBusName) + " characters");
     else
       server_.openBus(shared_from_this(), request.bus);
+    return;
+  case Verb::Buses:
+    listingBuses_ = true;
+    server_.listBuses(shared_from_this());
     return;
   case Verb::Echo:
     // Answered once everything sent before it has reached the adapter.
@@ -296,6 +301,19 @@ void Session::busOpened(std::shared_ptr<Channel> channel, const std::string &why
   std::fprintf(stderr, "wcan serve: session %llu opened %s\n", static_cast<unsigned long long>(id_),
                channel_->name().c_str());
   reply("ok");
+  processInput();
+}
+
+void Session::busesListed(const std::vector<std::string> &buses, const std::string &why) {
+  listingBuses_ = false;
+  if (!why.empty()) {
+    replyError(why);
+  } else {
+    std::string text = "buses";
+    for (const std::string &b : buses)
+      text += " " + b;
+    reply(text);
+  }
   processInput();
 }
 

@@ -36,6 +36,9 @@ public:
 
   // The answer to an open request: the channel, or null and the reason.
   void busOpened(std::shared_ptr<Channel> channel, const std::string &why);
+  // Answers < buses >: the names, or an error with `why` when there are none
+  // because the adapters could not be listed.
+  void busesListed(const std::vector<std::string> &buses, const std::string &why);
   // Frames on the bus (the session's own are not among them).
   void receive(const Delivery &delivery);
   // The outcome of frames this session queued for transmission.
@@ -115,6 +118,7 @@ private:
   size_t sendsOutstanding_ = 0;
   size_t cyclesOutstanding_ = 0;
   bool echoHeld_ = false;
+  bool listingBuses_ = false;
 
   std::string pending_;
   std::string writing_;

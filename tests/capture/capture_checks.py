@@ -9,6 +9,7 @@ Exit 0 on success, 1 on failure, 77 when tshark is missing.
 import os
 import re
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
@@ -181,16 +182,30 @@ def check_extcap():
         os.makedirs(folder)
         os.symlink(os.path.abspath(WCAN), os.path.join(folder, "wcan-extcap"))
         tshark_env = dict(tool_env(WCAN_SIM="41"), HOME=home)
-        listed = subprocess.run(["tshark", "-D"], capture_output=True, text=True,
-                                env=tshark_env, timeout=60).stdout
-        expect("wcan41-0-0" in listed and "wcan41-0-1" in listed, f"tshark -D:\n{listed}")
         out = os.path.join(home, "live.pcapng")
         sent = ["123#11", "456##1AABB", "12345678#R", "7FF#0102030405060708"]
         with Server(WCAN, "41", "--fd") as server:
+            # The server's buses are listed beside the local adapters' channels,
+            # and a server that never answers holds the listing up no longer
+            # than a second.
+            tshark_env["WCAN_EXTCAP_SERVER"] = server.address
+            listed = subprocess.run(["tshark", "-D"], capture_output=True, text=True,
+                                    env=tshark_env, timeout=60).stdout
+            expect("wcan41-0-0 " in listed and "wcan41-0-1 " in listed and
+                   f"wcan41-0-0@{server.address}" in listed and
+                   f"wcan41-0-1@{server.address}" in listed, f"tshark -D:\n{listed}")
+            with socket.create_server(("127.0.0.1", 0)) as silent:
+                start = time.monotonic()
+                quiet = subprocess.run(
+                    [os.path.join(folder, "wcan-extcap"), "--extcap-interfaces", "--server",
+                     "127.0.0.1:%d" % silent.getsockname()[1]],
+                    capture_output=True, text=True, env=tshark_env, timeout=30)
+                expect(quiet.returncode == 0 and "server skipped" in quiet.stderr and
+                       "@" not in quiet.stdout and time.monotonic() - start < 5,
+                       f"a silent server: {quiet.stdout}{quiet.stderr}")
             tshark = subprocess.Popen(
-                ["tshark", "-i", "wcan41-0-1", "-o", f"extcap.wcan41_0_1.server:{server.address}",
-                 "-a", "duration:6", "-w", out], stderr=subprocess.PIPE, text=True,
-                env=tshark_env)
+                ["tshark", "-i", f"wcan41-0-1@{server.address}", "-a", "duration:6", "-w", out],
+                stderr=subprocess.PIPE, text=True, env=tshark_env)
             for line in tshark.stderr:
                 if "Capturing on" in line:
                     break

@@ -168,6 +168,7 @@ TEST(Requests, RefuseBadOnesWithTheReason) {
       {"frobnicate 1 2", "unknown command"},
       {"echo now", "usage: < echo >"},
       {"open", "usage: < open BUS >"},
+      {"buses all", "usage: < buses >"},
       {"send 123", "usage: < send"},
       {"send 12G 1 00", "bad CAN id '12G'"},
       {"send 20000000 0", "bad CAN id"},

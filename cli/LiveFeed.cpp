@@ -37,7 +37,7 @@ public:
     const BusRates rates{settings.bitRate, settings.fd ? settings.dataBitRate : 0};
     for (unsigned ch : numbers_) {
       device_.startChannel(ch, settings);
-      channels_.push_back({interfaceName(type.type, index, ch), rates, LinkState::Up, 0});
+      channels_.push_back({interfaceName(type.type, index, ch), rates, LinkState::Up, {}});
     }
     if (runtime_.usb().complete())
       usb_ = std::make_unique<UsbContext>(runtime_.usb());
@@ -85,7 +85,7 @@ public:
     for (const std::string &bus : buses) {
       clients_.push_back(std::make_unique<net::Client>(server, bus));
       clients_.back()->rawMode();
-      channels_.push_back({bus, rates, LinkState::Up, 0});
+      channels_.push_back({bus, rates, LinkState::Up, {}});
     }
   }
 

@@ -51,14 +51,20 @@ IdFilter parseFilters(const std::vector<std::string> &filters) {
   return filter;
 }
 
-// Feeds the view until `until` or a stop request.
+// Feeds the view until `until` or a stop request, looking at the links (and
+// a server's counters) once a second on the way.
 void collect(LiveFeed &feed, TopView &view, Clock::time_point until) {
   std::vector<LiveFrame> frames;
+  auto lastCheck = Clock::now();
   while (!stopRequested() && Clock::now() < until) {
     frames.clear();
     feed.poll(frames, 20);
     for (const LiveFrame &f : frames)
       view.add(f);
+    if (Clock::now() - lastCheck >= kLoadInterval) {
+      feed.checkLink();
+      lastCheck = Clock::now();
+    }
   }
 }
 

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cinttypes>
+#include <cstdio>
 
 #include "common/Args.h"
 #include "net/Protocol.h"
@@ -152,6 +154,28 @@ std::string Client::describe() const { return c_->name; }
 void Client::rawMode() {
   c_->write(element("rawmode"));
   c_->expect("ok", "'rawmode'");
+}
+
+void Client::watchStatistics(unsigned intervalMs) {
+  c_->write(element("controlmode"));
+  c_->expect("ok", "'controlmode'");
+  c_->write(element("statistics " + std::to_string(intervalMs)));
+}
+
+std::optional<Client::Statistics> Client::latestStatistics() {
+  std::optional<Statistics> latest;
+  for (std::optional<std::string> text = c_->nextElement(0); text; text = c_->nextElement(0)) {
+    const std::vector<std::string_view> w = splitWords(*text);
+    Statistics s{};
+    if (w.size() == 6 && w[0] == "stat" &&
+        std::sscanf(std::string(*text).c_str(),
+                    " stat %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64, &s.rxBytes,
+                    &s.rxFrames, &s.txBytes, &s.txFrames, &s.missed) == 5)
+      latest = s;
+    else
+      c_->keepIfError(*text);
+  }
+  return latest;
 }
 
 std::optional<ReceivedFrame> Client::nextFrame(int waitMs) {

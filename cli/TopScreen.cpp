@@ -164,7 +164,7 @@ size_t TopScreen::draw(const TopView &view, const std::vector<LiveChannel> &chan
     const attr_t attr = (r.faded ? A_DIM : A_NORMAL) |
                         (view.selected == static_cast<size_t>(i) ? A_BOLD | A_UNDERLINE : A_NORMAL);
     attron(attr);
-    mvaddnstr(headerRows + i, 0, r.columns.c_str(), COLS);
+    mvaddnstr(headerRows + i, 0, view.columns(*r.entry, nowUs).c_str(), COLS);
     drawData(*r.entry, r.faded);
     if (view.ascii && getcurx(stdscr) + 3 < COLS)
       addnstr(("  " + TopView::asciiData(*r.entry)).c_str(), COLS - getcurx(stdscr));

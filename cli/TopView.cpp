@@ -65,19 +65,22 @@ std::string TopView::columnHeader() const {
 
 std::vector<TopRow> TopView::rows(int64_t nowUs) const {
   std::vector<TopRow> out;
-  for (const IdEntry *e : table_.rows(filter_, sort)) {
-    char buf[192];
-    const double age = std::max<int64_t>(0, nowUs - e->lastUs) / 1e6;
-    char name[24] = "";
-    if (db_)
-      std::snprintf(name, sizeof name, "%-16.16s ", messageName(db_, *e).c_str());
-    std::snprintf(buf, sizeof buf, "%-2u %-8s %s%-6s %3u %9llu %8.1f %9s %9s %7.1f  ", e->channel,
-                  formatId(e->id, e->extended).c_str(), name, kindName(e->kind), e->len,
-                  static_cast<unsigned long long>(e->count), e->rate(),
-                  millis(e->meanPeriodUs).c_str(), millis(e->jitterUs()).c_str(), age);
-    out.push_back({buf, e, table_.faded(*e, nowUs)});
-  }
+  for (const IdEntry *e : table_.rows(filter_, sort))
+    out.push_back({e, table_.faded(*e, nowUs)});
   return out;
+}
+
+std::string TopView::columns(const IdEntry &e, int64_t nowUs) const {
+  char buf[192];
+  const double age = std::max<int64_t>(0, nowUs - e.lastUs) / 1e6;
+  char name[24] = "";
+  if (db_)
+    std::snprintf(name, sizeof name, "%-16.16s ", messageName(db_, e).c_str());
+  std::snprintf(buf, sizeof buf, "%-2u %-8s %s%-6s %3u %9llu %8.1f %9s %9s %7.1f  ", e.channel,
+                formatId(e.id, e.extended).c_str(), name, kindName(e.kind), e.len,
+                static_cast<unsigned long long>(e.count), e.rate(), millis(e.meanPeriodUs).c_str(),
+                millis(e.jitterUs()).c_str(), age);
+  return buf;
 }
 
 std::string TopView::hexData(const IdEntry &e) {
@@ -135,7 +138,7 @@ std::string TopView::plainText(const std::vector<LiveChannel> &channels, int64_t
     s += channelLine(i, channels[i]) + "\n";
   s += columnHeader() + "\n";
   for (const TopRow &r : rows(nowUs)) {
-    s += r.columns + hexData(*r.entry);
+    s += columns(*r.entry, nowUs) + hexData(*r.entry);
     if (ascii)
       s += "  " + asciiData(*r.entry);
     s += "\n";

@@ -14,7 +14,6 @@
 namespace wcantool {
 
 struct TopRow {
-  std::string columns; // channel to age, fixed widths
   const IdEntry *entry;
   bool faded;
 };
@@ -45,7 +44,11 @@ public:
   // link state.
   std::string channelLine(size_t channel, const LiveChannel &ch) const;
   std::string columnHeader() const;
+  // Sorted and filtered; cheap enough for a table of thousands 10 times a
+  // second, as long as only the rows shown are formatted.
   std::vector<TopRow> rows(int64_t nowUs) const;
+  // A row's columns from channel to age, fixed widths.
+  std::string columns(const IdEntry &e, int64_t nowUs) const;
   // The data bytes of a row in hex ("DE AD BE EF"), and as ASCII.
   static std::string hexData(const IdEntry &e);
   static std::string asciiData(const IdEntry &e);

@@ -81,9 +81,10 @@ struct Client::Connection {
 
   // The next element; nothing when none came within waitMs (-1: no limit).
   std::optional<std::string> nextElement(int waitMs) {
+    // The clock only once the buffered elements are used up: a busy bus
+    // delivers many per read.
     std::optional<Clock::time_point> deadline;
-    if (waitMs >= 0)
-      deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+    bool timed = false;
     ElementReader::Item item;
     for (;;) {
       while (reader.next(item)) {
@@ -92,6 +93,9 @@ struct Client::Connection {
         if (item.kind == ElementReader::Kind::Element)
           return item.text;
       }
+      if (!timed && waitMs >= 0)
+        deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+      timed = true;
       if (!readSome(deadline))
         return std::nullopt;
     }
@@ -179,18 +183,20 @@ std::optional<Client::Statistics> Client::latestStatistics() {
 }
 
 std::optional<ReceivedFrame> Client::nextFrame(int waitMs) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
-  for (;;) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    std::optional<std::string> text =
-        c_->nextElement(std::max<int>(0, static_cast<int>(left.count())));
+  std::optional<Clock::time_point> deadline; // from the first element that is no frame
+  for (int wait = waitMs;;) {
+    std::optional<std::string> text = c_->nextElement(wait);
     if (!text)
       return std::nullopt;
     ReceivedFrame rx;
     if (parseFrameElement(*text, rx.frame, rx.time))
       return rx;
     c_->keepIfError(*text);
+    if (!deadline)
+      deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now());
+    wait = std::max<int>(0, static_cast<int>(left.count()));
   }
 }
 

@@ -4,9 +4,11 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "cli/Commands.h"
+#include "cli/DbcSupport.h"
 #include "cli/LiveFeed.h"
 #include "cli/TopScreen.h"
 #include "cli/TopView.h"
@@ -49,14 +51,20 @@ IdFilter parseFilters(const std::vector<std::string> &filters) {
   return filter;
 }
 
-// Feeds the view until `until` or a stop request.
+// Feeds the view until `until` or a stop request, looking at the links (and
+// a server's counters) once a second on the way.
 void collect(LiveFeed &feed, TopView &view, Clock::time_point until) {
   std::vector<LiveFrame> frames;
+  auto lastCheck = Clock::now();
   while (!stopRequested() && Clock::now() < until) {
     frames.clear();
     feed.poll(frames, 20);
     for (const LiveFrame &f : frames)
       view.add(f);
+    if (Clock::now() - lastCheck >= kLoadInterval) {
+      feed.checkLink();
+      lastCheck = Clock::now();
+    }
   }
 }
 
@@ -75,6 +83,9 @@ int printOnce(LiveFeed &feed, TopView &view, double interval) {
 class KeyHandler {
 public:
   KeyHandler(TopView &view, TopScreen::Status &status) : view_(view), status_(status) {}
+
+  // The rows on screen, for moving the selection.
+  void setRowCount(size_t rows) { rowCount_ = rows; }
 
   bool handle(int key) {
     if (prompting_)
@@ -106,6 +117,15 @@ public:
       break;
     case 'x':
       view_.clear();
+      break;
+    case TopScreen::kKeyUp:
+    case TopScreen::kKeyDown:
+      view_.moveSelection(key == TopScreen::kKeyUp ? -1 : 1, rowCount_);
+      break;
+    case 's':
+    case '\n':
+    case '\r':
+      view_.showSignals = !view_.showSignals;
       break;
     case 't':
       view_.ascii = !view_.ascii;
@@ -155,6 +175,7 @@ private:
   TopScreen::Status &status_;
   bool prompting_ = false;
   std::string input_;
+  size_t rowCount_ = 0;
 };
 
 int runScreen(LiveFeed &feed, TopView &view) {
@@ -187,7 +208,7 @@ int runScreen(LiveFeed &feed, TopView &view) {
     const int64_t nowUs = hostEpochUs();
     if (!status.paused)
       view.expire(nowUs);
-    screen.draw(view, feed.channels(), nowUs, status);
+    keys.setRowCount(screen.draw(view, feed.channels(), nowUs, status));
     lastDraw = now;
     dirty = false;
   }
@@ -201,8 +222,14 @@ int runTop(Context &ctx, const Args &args) {
   const IdFilter filter = parseFilters(o.filters);
   if (!o.once && (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO)))
     throw ToolError{"the full screen needs a terminal; use --once for plain text"};
+  const std::optional<dbc::Database> db = loadDbcOption(args, "top");
+  // The library's console lines would land in the middle of the screen; the
+  // channel lines show what they would say (a lost adapter). Set before the
+  // library loads, which reads it once.
+  if (!o.once)
+    setenv("WCAN_LOG_CONSOLE", "none", 1);
   std::unique_ptr<LiveFeed> feed = openLiveFeed(ctx, args);
-  TopView view(feed->channels(), o.timeout);
+  TopView view(feed->channels(), o.timeout, db ? &*db : nullptr);
   view.filter() = filter;
   return o.once ? printOnce(*feed, view, o.interval) : runScreen(*feed, view);
 }

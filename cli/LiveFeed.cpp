@@ -37,7 +37,7 @@ public:
     const BusRates rates{settings.bitRate, settings.fd ? settings.dataBitRate : 0};
     for (unsigned ch : numbers_) {
       device_.startChannel(ch, settings);
-      channels_.push_back({interfaceName(type.type, index, ch), rates, LinkState::Up, 0});
+      channels_.push_back({interfaceName(type.type, index, ch), rates, LinkState::Up, {}});
     }
     if (runtime_.usb().complete())
       usb_ = std::make_unique<UsbContext>(runtime_.usb());
@@ -78,6 +78,37 @@ private:
   std::vector<RxFrame> batch_;
 };
 
+// Frames lost between a server and the tool, from the bus's counters that a
+// control-mode connection reports: every frame the bus received, and every
+// frame another client sent on it, comes to a raw-mode client. A frame the
+// server had counted a report earlier and the tool still lacks is taken as
+// lost. (The counters' own count of missed frames is the control
+// connection's, which receives no frames.)
+class LossEstimate {
+public:
+  // A report of the counters arrived, with what the tool received so far.
+  void report(const net::Client::Statistics &s, uint64_t received) {
+    const uint64_t seen = s.rxFrames + s.txFrames;
+    if (!base_) {
+      base_ = std::make_pair(seen, received);
+    } else if (previous_) {
+      const uint64_t due = *previous_ - base_->first;
+      const uint64_t got = received - base_->second;
+      lost_ = std::max(lost_, due > got ? due - got : 0);
+    }
+    previous_ = seen;
+  }
+  // Nothing until the first report.
+  std::optional<uint64_t> lost() const {
+    return base_ ? std::optional<uint64_t>(lost_) : std::nullopt;
+  }
+
+private:
+  std::optional<std::pair<uint64_t, uint64_t>> base_; // counters, received
+  std::optional<uint64_t> previous_;
+  uint64_t lost_ = 0;
+};
+
 class RemoteFeed : public LiveFeed {
 public:
   RemoteFeed(const net::ServerAddress &server, const std::vector<std::string> &buses,
@@ -85,7 +116,19 @@ public:
     for (const std::string &bus : buses) {
       clients_.push_back(std::make_unique<net::Client>(server, bus));
       clients_.back()->rawMode();
-      channels_.push_back({bus, rates, LinkState::Up, 0});
+      counters_.push_back(std::make_unique<net::Client>(server, bus));
+      counters_.back()->watchStatistics(kStatisticsMs);
+      channels_.push_back({bus, rates, LinkState::Up, {}});
+    }
+    received_.resize(buses.size());
+    losses_.resize(buses.size());
+  }
+
+  void checkLink() override {
+    for (size_t i = 0; i < counters_.size(); ++i) {
+      if (const auto s = counters_[i]->latestStatistics())
+        losses_[i].report(*s, received_[i]);
+      channels_[i].lost = losses_[i].lost();
     }
   }
 
@@ -96,6 +139,7 @@ public:
       batch_.clear();
       // One server: wait on its only connection instead of sleeping.
       receiveRemote(*clients_[i], batch_, clients_.size() == 1 ? waitMs : 0);
+      received_[i] += batch_.size();
       full = batch_.size() >= kFullBatch || full;
       for (const RxFrame &rx : batch_)
         out.push_back({static_cast<unsigned>(i), rx.frame, rx.epochUs});
@@ -105,7 +149,11 @@ public:
   }
 
 private:
+  static constexpr unsigned kStatisticsMs = 1000;
   std::vector<std::unique_ptr<net::Client>> clients_;
+  std::vector<std::unique_ptr<net::Client>> counters_; // control mode
+  std::vector<uint64_t> received_;
+  std::vector<LossEstimate> losses_;
   std::vector<RxFrame> batch_;
 };
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,9 @@ struct LiveChannel {
   std::string name; // wcan41-0-1
   BusRates rates;
   LinkState link = LinkState::Up;
-  uint64_t lost = 0; // frames the library or the server reported lost
+  // Frames known lost on the way to the tool; empty where nothing can tell
+  // (the library's queues report no overruns).
+  std::optional<uint64_t> lost;
 };
 
 struct LiveFrame {

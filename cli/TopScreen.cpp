@@ -36,6 +36,8 @@ const char *const kHelp[] = {
     "  f + -      filter: +ID[/MASK] shows, -ID[/MASK] hides (hex);",
     "             an empty filter shows everything again",
     "  p space    pause or resume the display",
+    "  up down    select a row",
+    "  s Enter    the selected row's signals (with --dbc) on or off",
     "  x          clear the table",
     "  t          show or hide the ASCII column",
     "  h ?        this help (any key closes it)",
@@ -66,6 +68,19 @@ void drawData(const IdEntry &e, bool faded) {
     if (changed)
       attroff(A_REVERSE);
   }
+}
+
+// The signals pane above the last line, at most half the screen; returns the
+// lines it took.
+int drawSignals(const TopView &view, const std::vector<TopRow> &rows) {
+  if (!view.showSignals)
+    return 0;
+  const std::vector<std::string> lines = view.signalLines(rows);
+  const int height = std::min(static_cast<int>(lines.size()), LINES / 2);
+  const int top = LINES - 1 - height;
+  for (int i = 0; i < height; ++i)
+    drawLine(top + i, lines[static_cast<size_t>(i)], i == 0 ? A_BOLD : A_NORMAL);
+  return height;
 }
 
 void drawHelp() {
@@ -101,14 +116,24 @@ TopScreen::~TopScreen() {
 }
 
 int TopScreen::key() {
-  const int k = getch();
-  return k == ERR ? -1 : k;
+  switch (const int k = getch()) {
+  case ERR:
+    return -1;
+  case KEY_UP:
+    return kKeyUp;
+  case KEY_DOWN:
+    return kKeyDown;
+  case KEY_ENTER:
+    return '\n';
+  default:
+    return k;
+  }
 }
 
 bool TopScreen::isResize(int key) const { return key == KEY_RESIZE; }
 
-void TopScreen::draw(const TopView &view, const std::vector<LiveChannel> &channels, int64_t nowUs,
-                     const Status &status) {
+size_t TopScreen::draw(const TopView &view, const std::vector<LiveChannel> &channels, int64_t nowUs,
+                       const Status &status) {
   erase();
   const int headerRows = static_cast<int>(channels.size()) + 2;
   if (COLS < kMinColumns || LINES < headerRows + 2) {
@@ -117,7 +142,7 @@ void TopScreen::draw(const TopView &view, const std::vector<LiveChannel> &channe
                   kMinColumns, headerRows + 2);
     drawLine(0, buf);
     refresh();
-    return;
+    return 0;
   }
   char title[160];
   std::snprintf(title, sizeof title, "wcan top  sort: %s  filter: %s%s   h: help  q: quit",
@@ -127,18 +152,19 @@ void TopScreen::draw(const TopView &view, const std::vector<LiveChannel> &channe
   if (status.help) {
     drawHelp();
     refresh();
-    return;
+    return 0;
   }
   for (size_t i = 0; i < channels.size(); ++i)
     drawLine(static_cast<int>(i) + 1, view.channelLine(i, channels[i]));
   drawLine(headerRows - 1, view.columnHeader(), A_REVERSE);
   const std::vector<TopRow> rows = view.rows(nowUs);
-  const int room = LINES - headerRows - 1;
+  const int room = LINES - headerRows - 1 - drawSignals(view, rows);
   for (int i = 0; i < room && i < static_cast<int>(rows.size()); ++i) {
     const TopRow &r = rows[static_cast<size_t>(i)];
-    const attr_t attr = r.faded ? A_DIM : A_NORMAL;
+    const attr_t attr = (r.faded ? A_DIM : A_NORMAL) |
+                        (view.selected == static_cast<size_t>(i) ? A_BOLD | A_UNDERLINE : A_NORMAL);
     attron(attr);
-    mvaddnstr(headerRows + i, 0, r.columns.c_str(), COLS);
+    mvaddnstr(headerRows + i, 0, view.columns(*r.entry, nowUs).c_str(), COLS);
     drawData(*r.entry, r.faded);
     if (view.ascii && getcurx(stdscr) + 3 < COLS)
       addnstr(("  " + TopView::asciiData(*r.entry)).c_str(), COLS - getcurx(stdscr));
@@ -149,6 +175,7 @@ void TopScreen::draw(const TopView &view, const std::vector<LiveChannel> &channe
     last += (last.empty() ? "" : "  ") + std::to_string(rows.size() - room) + " more rows";
   drawLine(LINES - 1, last);
   refresh();
+  return static_cast<size_t>(std::max(0, std::min<int>(room, static_cast<int>(rows.size()))));
 }
 
 } // namespace wcantool

@@ -20,8 +20,10 @@ public:
   TopScreen(const TopScreen &) = delete;
   TopScreen &operator=(const TopScreen &) = delete;
 
-  // The next key, or -1 when none is waiting.
+  // The next key, or -1 when none is waiting; the arrow keys as below.
   int key();
+  static constexpr int kKeyUp = -2;
+  static constexpr int kKeyDown = -3;
   bool isResize(int key) const;
 
   struct Status {
@@ -30,8 +32,9 @@ public:
     const std::string *prompt; // the filter being typed, or null
     bool help = false;
   };
-  void draw(const TopView &view, const std::vector<LiveChannel> &channels, int64_t nowUs,
-            const Status &status);
+  // Returns how many rows of the table the screen shows.
+  size_t draw(const TopView &view, const std::vector<LiveChannel> &channels, int64_t nowUs,
+              const Status &status);
 };
 
 } // namespace wcantool

@@ -16,10 +16,19 @@ std::string millis(double us) {
   return buf;
 }
 
+// "Name" for an identifier the database knows, else blank.
+std::string messageName(const dbc::Database *db, const IdEntry &e) {
+  const dbc::Message *m = db ? db->findMessage(e.id, e.extended) : nullptr;
+  return m ? m->name : "";
+}
+
+std::string lostText(const LiveChannel &ch) { return ch.lost ? std::to_string(*ch.lost) : "-"; }
+
 } // namespace
 
-TopView::TopView(const std::vector<LiveChannel> &channels, double timeoutSeconds)
-    : table_(timeoutSeconds) {
+TopView::TopView(const std::vector<LiveChannel> &channels, double timeoutSeconds,
+                 const dbc::Database *db)
+    : table_(timeoutSeconds), db_(db) {
   for (const LiveChannel &ch : channels) {
     loads_.emplace_back(ch.rates);
   }
@@ -39,33 +48,39 @@ std::string TopView::channelLine(size_t channel, const LiveChannel &ch) const {
   const ChannelLoad &l = loads_[channel];
   char buf[256];
   std::snprintf(buf, sizeof buf,
-                "%-14s %-10s %7.0f frames/s  load %3.0f%% peak %3.0f%%  lost %llu  %s",
+                "%-14s %-10s %7.0f frames/s  load %3.0f%% peak %3.0f%%  lost %s  %s",
                 ch.name.c_str(), formatRates(ch.rates).c_str(), l.last().framesPerSecond(),
-                l.last().percent(), l.peak(), static_cast<unsigned long long>(ch.lost),
+                l.last().percent(), l.peak(), lostText(ch).c_str(),
                 ch.link == LinkState::Up ? "link up" : "adapter lost, recovering");
   return buf;
 }
 
 std::string TopView::columnHeader() const {
   char buf[160];
-  std::snprintf(buf, sizeof buf, "%-2s %-8s %-6s %3s %9s %8s %9s %9s %7s  %s", "CH", "ID", "KIND",
-                "LEN", "COUNT", "RATE/s", "PERIOD/ms", "JITTER/ms", "AGE/s",
-                ascii ? "DATA / ASCII" : "DATA");
+  std::snprintf(buf, sizeof buf, "%-2s %-8s %s%-6s %3s %9s %8s %9s %9s %7s  %s", "CH", "ID",
+                db_ ? "NAME             " : "", "KIND", "LEN", "COUNT", "RATE/s", "PERIOD/ms",
+                "JITTER/ms", "AGE/s", ascii ? "DATA / ASCII" : "DATA");
   return buf;
 }
 
 std::vector<TopRow> TopView::rows(int64_t nowUs) const {
   std::vector<TopRow> out;
-  for (const IdEntry *e : table_.rows(filter_, sort)) {
-    char buf[160];
-    const double age = std::max<int64_t>(0, nowUs - e->lastUs) / 1e6;
-    std::snprintf(buf, sizeof buf, "%-2u %-8s %-6s %3u %9llu %8.1f %9s %9s %7.1f  ", e->channel,
-                  formatId(e->id, e->extended).c_str(), kindName(e->kind), e->len,
-                  static_cast<unsigned long long>(e->count), e->rate(),
-                  millis(e->meanPeriodUs).c_str(), millis(e->jitterUs()).c_str(), age);
-    out.push_back({buf, e, table_.faded(*e, nowUs)});
-  }
+  for (const IdEntry *e : table_.rows(filter_, sort))
+    out.push_back({e, table_.faded(*e, nowUs)});
   return out;
+}
+
+std::string TopView::columns(const IdEntry &e, int64_t nowUs) const {
+  char buf[192];
+  const double age = std::max<int64_t>(0, nowUs - e.lastUs) / 1e6;
+  char name[24] = "";
+  if (db_)
+    std::snprintf(name, sizeof name, "%-16.16s ", messageName(db_, e).c_str());
+  std::snprintf(buf, sizeof buf, "%-2u %-8s %s%-6s %3u %9llu %8.1f %9s %9s %7.1f  ", e.channel,
+                formatId(e.id, e.extended).c_str(), name, kindName(e.kind), e.len,
+                static_cast<unsigned long long>(e.count), e.rate(), millis(e.meanPeriodUs).c_str(),
+                millis(e.jitterUs()).c_str(), age);
+  return buf;
 }
 
 std::string TopView::hexData(const IdEntry &e) {
@@ -87,13 +102,43 @@ std::string TopView::asciiData(const IdEntry &e) {
   return s;
 }
 
+void TopView::moveSelection(int by, size_t rowCount) {
+  if (rowCount == 0) {
+    selected = 0;
+    return;
+  }
+  const long next = static_cast<long>(std::min(selected, rowCount - 1)) + by;
+  selected = static_cast<size_t>(std::clamp<long>(next, 0, static_cast<long>(rowCount) - 1));
+}
+
+std::vector<std::string> TopView::signalLines(const std::vector<TopRow> &rows) const {
+  if (!db_)
+    return {"no signals without --dbc FILE"};
+  if (rows.empty())
+    return {"no identifier selected"};
+  const IdEntry &e = *rows[std::min(selected, rows.size() - 1)].entry;
+  std::vector<dbc::DecodedSignal> decoded;
+  const dbc::Message *m = e.kind == FrameKind::Remote
+                              ? nullptr
+                              : db_->decode(e.id, e.extended, e.data.data(), e.len, decoded);
+  const std::string id = formatId(e.id, e.extended);
+  if (!m)
+    return {id + ": not a data frame the DBC file knows"};
+  std::vector<std::string> lines{m->name + " (" + id + ")"};
+  // One signal at a time through the dump's formatting, without its
+  // "Message: " prefix.
+  for (const dbc::DecodedSignal &d : decoded)
+    lines.push_back("  " + dbc::formatDecoded(*m, {d}).substr(m->name.size() + 2));
+  return lines;
+}
+
 std::string TopView::plainText(const std::vector<LiveChannel> &channels, int64_t nowUs) const {
   std::string s;
   for (size_t i = 0; i < channels.size(); ++i)
     s += channelLine(i, channels[i]) + "\n";
   s += columnHeader() + "\n";
   for (const TopRow &r : rows(nowUs)) {
-    s += r.columns + hexData(*r.entry);
+    s += columns(*r.entry, nowUs) + hexData(*r.entry);
     if (ascii)
       s += "  " + asciiData(*r.entry);
     s += "\n";

@@ -9,18 +9,21 @@
 
 #include "cli/LiveFeed.h"
 #include "common/BusStats.h"
+#include "dbc/Dbc.h"
 
 namespace wcantool {
 
 struct TopRow {
-  std::string columns; // channel to age, fixed widths
   const IdEntry *entry;
   bool faded;
 };
 
 class TopView {
 public:
-  TopView(const std::vector<LiveChannel> &channels, double timeoutSeconds);
+  // `db`, when given, names the identifiers it knows and decodes their
+  // signals; it must outlive the view.
+  TopView(const std::vector<LiveChannel> &channels, double timeoutSeconds,
+          const dbc::Database *db = nullptr);
 
   void add(const LiveFrame &f);
   // Closes the load interval of every channel (about once a second).
@@ -32,15 +35,26 @@ public:
   std::string filterText() const { return filter_.describe(); }
   SortKey sort = SortKey::Id;
   bool ascii = false;
+  // The highlighted row (an index into rows()) and whether its signals show.
+  size_t selected = 0;
+  bool showSignals = false;
+  void moveSelection(int by, size_t rowCount);
 
   // One line per channel: rates, frames/s, load now and peak, frames lost,
   // link state.
   std::string channelLine(size_t channel, const LiveChannel &ch) const;
   std::string columnHeader() const;
+  // Sorted and filtered; cheap enough for a table of thousands 10 times a
+  // second, as long as only the rows shown are formatted.
   std::vector<TopRow> rows(int64_t nowUs) const;
+  // A row's columns from channel to age, fixed widths.
+  std::string columns(const IdEntry &e, int64_t nowUs) const;
   // The data bytes of a row in hex ("DE AD BE EF"), and as ASCII.
   static std::string hexData(const IdEntry &e);
   static std::string asciiData(const IdEntry &e);
+  // The selected row's message and one line per signal with its latest value
+  // and unit; a word why there is none when the DBC does not know it.
+  std::vector<std::string> signalLines(const std::vector<TopRow> &rows) const;
   // The plain text of everything, as `--once` prints it.
   std::string plainText(const std::vector<LiveChannel> &channels, int64_t nowUs) const;
 
@@ -48,6 +62,7 @@ private:
   std::vector<ChannelLoad> loads_;
   IdTable table_;
   IdFilter filter_;
+  const dbc::Database *db_;
 };
 
 } // namespace wcantool

@@ -253,7 +253,8 @@ const char kTopUsage[] =
     "in place: kind, length, count, rate, mean period and jitter, time since\n"
     "the last frame and the data, with the bytes that changed highlighted.\n"
     "Keys: i r c a sort by identifier, rate, count, age; f + - filter;\n"
-    "p pause; x clear; t ASCII column; h help; q quit.\n"
+    "up/down select a row; s or Enter its signals (--dbc); p pause; x clear;\n"
+    "t ASCII column; h help; q quit.\n"
     "\n"
     "Options:\n"
     "  -t SECONDS       identifiers unseen for half this time dim, and leave at\n"
@@ -261,6 +262,7 @@ const char kTopUsage[] =
     "  --filter F       +ID[/MASK] or -ID[/MASK] (hex), repeatable\n"
     "  --once           print the table once as plain text after --interval\n"
     "  --interval S     seconds to collect for --once (default 1)\n"
+    "  --dbc FILE       message names from a DBC file, and signals on s/Enter\n"
     "  --bitrate N      nominal (arbitration) bit rate, default 500000\n"
     "  --dbitrate N     CAN FD data bit rate, default 2000000\n"
     "  --fd             open the channels for CAN FD (CAN FD adapters)\n"
@@ -350,7 +352,11 @@ const std::vector<Command> &commands() {
       {"busload", "print the load of a bus", kBusloadUsage,
        withLiveFeed({{"-i", true}, {"-b", false}, {"-s", false}, {"--count", true}}), runBusload},
       {"top", "watch the identifiers on a bus", kTopUsage,
-       withLiveFeed({{"-t", true}, {"--filter", true}, {"--once", false}, {"--interval", true}}),
+       withLiveFeed({{"-t", true},
+                     {"--filter", true},
+                     {"--once", false},
+                     {"--interval", true},
+                     {"--dbc", true}}),
        runTop},
       {"sim", "show and change the shared simulation", kSimUsage, {}, runSim},
       {"demo",

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cinttypes>
+#include <cstdio>
 
 #include "common/Args.h"
 #include "net/Protocol.h"
@@ -124,9 +126,10 @@ struct Client::Connection {
 
   // The next element; nothing when none came within waitMs (-1: no limit).
   std::optional<std::string> nextElement(int waitMs) {
+    // The clock only once the buffered elements are used up: a busy bus
+    // delivers many per read.
     std::optional<Clock::time_point> deadline;
-    if (waitMs >= 0)
-      deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+    bool timed = false;
     ElementReader::Item item;
     for (;;) {
       while (reader.next(item)) {
@@ -135,6 +138,9 @@ struct Client::Connection {
         if (item.kind == ElementReader::Kind::Element)
           return item.text;
       }
+      if (!timed && waitMs >= 0)
+        deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+      timed = true;
       if (!readSome(deadline))
         return std::nullopt;
     }
@@ -193,19 +199,43 @@ void Client::rawMode() {
   expectOnly(c_->expect("ok", "'rawmode'"));
 }
 
+void Client::watchStatistics(unsigned intervalMs) {
+  c_->write(element("controlmode"));
+  c_->expect("ok", "'controlmode'");
+  c_->write(element("statistics " + std::to_string(intervalMs)));
+}
+
+std::optional<Client::Statistics> Client::latestStatistics() {
+  std::optional<Statistics> latest;
+  for (std::optional<std::string> text = c_->nextElement(0); text; text = c_->nextElement(0)) {
+    const std::vector<std::string_view> w = splitWords(*text);
+    Statistics s{};
+    if (w.size() == 6 && w[0] == "stat" &&
+        std::sscanf(std::string(*text).c_str(),
+                    " stat %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64, &s.rxBytes,
+                    &s.rxFrames, &s.txBytes, &s.txFrames, &s.missed) == 5)
+      latest = s;
+    else
+      c_->keepIfError(*text);
+  }
+  return latest;
+}
+
 std::optional<ReceivedFrame> Client::nextFrame(int waitMs) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
-  for (;;) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    std::optional<std::string> text =
-        c_->nextElement(std::max<int>(0, static_cast<int>(left.count())));
+  std::optional<Clock::time_point> deadline; // from the first element that is no frame
+  for (int wait = waitMs;;) {
+    std::optional<std::string> text = c_->nextElement(wait);
     if (!text)
       return std::nullopt;
     ReceivedFrame rx;
     if (parseFrameElement(*text, rx.frame, rx.time))
       return rx;
     c_->keepIfError(*text);
+    if (!deadline)
+      deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now());
+    wait = std::max<int>(0, static_cast<int>(left.count()));
   }
 }
 

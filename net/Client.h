@@ -3,6 +3,7 @@
 // `gen` with --connect: one connection to one bus of a server.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -42,6 +43,15 @@ public:
 
   // Switches to raw mode: every frame on the bus comes to the client.
   void rawMode();
+
+  // Switches to control mode and asks for the bus's counters every
+  // intervalMs milliseconds.
+  void watchStatistics(unsigned intervalMs);
+  struct Statistics {
+    uint64_t rxBytes, rxFrames, txBytes, txFrames, missed;
+  };
+  // The latest counters that arrived, without waiting; nothing when none did.
+  std::optional<Statistics> latestStatistics();
 
   // The next frame, waiting up to waitMs; nothing on time-out. Error replies
   // met on the way are kept for takeErrors(). Throws ToolError when the

@@ -298,6 +298,7 @@ bool ElementReader::next(Item &item) {
 
 std::vector<std::string_view> splitWords(std::string_view element) {
   std::vector<std::string_view> words;
+  words.reserve(12); // a classic frame's words: one allocation per element
   size_t p = 0;
   while (p < element.size()) {
     while (p < element.size() && isBlank(element[p]))

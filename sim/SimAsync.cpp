@@ -309,7 +309,9 @@ bool EventPool::deliverHotplug() {
     return false;
   libusb_device **list = nullptr;
   const ssize_t count = libusb_get_device_list(nullptr, &list);
-  for (auto &[id, r] : due) {
+  for (auto &entry : due) {
+    const auto id = entry.first;
+    auto &r = entry.second;
     for (ssize_t i = 0; i < count; ++i) {
       const auto adapters = wcansim::Testbed::instance().pluggedAdapters();
       const auto it = std::find_if(adapters.begin(), adapters.end(), [&](const auto &a) {

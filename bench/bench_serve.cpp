@@ -10,7 +10,6 @@
 // unpaced measurement needs it: WCAN_SIM_PACE=0 bench_serve --benchmark_filter=Unpaced
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -30,6 +29,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/TaskStats.h"
 #include "server/Server.h"
 #include "sim/wcan_sim.h"
 
@@ -66,37 +66,11 @@ struct Usage {
 
 std::map<Role, Usage> usageByRole() {
   std::map<Role, Usage> usage;
-  DIR *dir = opendir("/proc/self/task");
-  if (dir == nullptr)
-    return usage;
-  while (dirent *entry = readdir(dir)) {
-    if (entry->d_name[0] == '.')
-      continue;
-    const std::string task = std::string("/proc/self/task/") + entry->d_name;
-    char name[32] = {};
-    if (FILE *f = std::fopen((task + "/comm").c_str(), "r")) {
-      if (!std::fgets(name, sizeof name, f))
-        name[0] = 0;
-      std::fclose(f);
-    }
-    name[strcspn(name, "\n")] = 0;
-    Usage &u = usage[roleOf(name)];
-    if (FILE *f = std::fopen((task + "/schedstat").c_str(), "r")) {
-      unsigned long long ns = 0;
-      if (std::fscanf(f, "%llu", &ns) == 1)
-        u.cpuNs += ns;
-      std::fclose(f);
-    }
-    if (FILE *f = std::fopen((task + "/status").c_str(), "r")) {
-      char line[128];
-      unsigned long long n = 0;
-      while (std::fgets(line, sizeof line, f))
-        if (std::sscanf(line, "voluntary_ctxt_switches: %llu", &n) == 1)
-          u.wakeups += n;
-      std::fclose(f);
-    }
+  for (const wcanbench::TaskStat &t : wcanbench::taskStats()) {
+    Usage &u = usage[roleOf(t.name)];
+    u.cpuNs += t.cpuNs;
+    u.wakeups += t.wakeups;
   }
-  closedir(dir);
   return usage;
 }
 

@@ -6,7 +6,6 @@
 // browser attached and with the monitor alone (its statistics), the bytes a
 // browser receives per second, and how far its updates trail the bus.
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <pthread.h>
 
 #include <boost/beast/core.hpp>
@@ -22,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/TaskStats.h"
 #include "server/Server.h"
 #include "sim/wcan_sim.h"
 #include "web/Monitor.h"
@@ -39,31 +39,12 @@ using json = nlohmann::json;
 // CPU time of this process's threads whose names start with one of `prefixes`.
 uint64_t cpuNsOf(const std::vector<std::string> &prefixes) {
   uint64_t total = 0;
-  DIR *dir = opendir("/proc/self/task");
-  if (!dir)
-    return 0;
-  while (dirent *entry = readdir(dir)) {
-    if (entry->d_name[0] == '.')
-      continue;
-    const std::string task = std::string("/proc/self/task/") + entry->d_name;
-    char name[32] = {};
-    if (FILE *f = std::fopen((task + "/comm").c_str(), "r")) {
-      if (!std::fgets(name, sizeof name, f))
-        name[0] = 0;
-      std::fclose(f);
-    }
-    name[strcspn(name, "\n")] = 0;
-    bool wanted = false;
+  for (const wcanbench::TaskStat &t : wcanbench::taskStats())
     for (const std::string &p : prefixes)
-      wanted = wanted || std::strncmp(name, p.c_str(), p.size()) == 0;
-    unsigned long long ns = 0;
-    if (FILE *f = wanted ? std::fopen((task + "/schedstat").c_str(), "r") : nullptr) {
-      if (std::fscanf(f, "%llu", &ns) == 1)
-        total += ns;
-      std::fclose(f);
-    }
-  }
-  closedir(dir);
+      if (t.name.compare(0, p.size(), p) == 0) {
+        total += t.cpuNs;
+        break;
+      }
   return total;
 }
 

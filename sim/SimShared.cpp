@@ -119,7 +119,7 @@ bool SharedBus::wanted() {
   return v == nullptr || std::strcmp(v, "1") != 0;
 }
 
-SharedBus::SharedBus(Testbed &bed, std::string spec) : bed_(bed), spec_(std::move(spec)) {}
+SharedBus::SharedBus(std::string spec) : spec_(std::move(spec)) {}
 
 bool SharedBus::attach(std::vector<Request> &requests, std::vector<std::optional<Granted>> &granted,
                        std::string &error) {

@@ -48,7 +48,7 @@ public:
   // WCAN_SIM_PRIVATE=1.
   static bool wanted();
 
-  SharedBus(Testbed &bed, std::string spec);
+  explicit SharedBus(std::string spec);
   SharedBus(const SharedBus &) = delete;
   SharedBus &operator=(const SharedBus &) = delete;
 
@@ -84,7 +84,6 @@ private:
   void hostLost();
   void rejoin();
 
-  Testbed &bed_;
   const std::string spec_;
   mutable std::mutex mutex_; // after sendMutex_
   std::condition_variable changed_;

@@ -72,7 +72,7 @@ bool Testbed::plugInShared(const std::string &spec, const std::vector<unsigned> 
     requests.push_back(r);
     models.push_back(std::move(model));
   }
-  auto shared = std::make_unique<SharedBus>(*this, spec);
+  auto shared = std::make_unique<SharedBus>(spec);
   std::vector<std::optional<SharedBus::Granted>> granted;
   std::string error;
   if (!shared->attach(requests, granted, error)) {

@@ -321,7 +321,7 @@ private:
 } // namespace
 
 WebServer::WebServer(boost::asio::io_context &io, Monitor &monitor, const WebOptions &options)
-    : io_(io), monitor_(monitor), options_(options), acceptor_(io) {
+    : monitor_(monitor), options_(options), acceptor_(io) {
   boost::system::error_code ec;
   const auto address = boost::asio::ip::make_address(options.address, ec);
   if (ec)

@@ -46,7 +46,6 @@ public:
 private:
   void accept();
 
-  boost::asio::io_context &io_;
   Monitor &monitor_;
   WebOptions options_;
   boost::asio::ip::tcp::acceptor acceptor_;

@@ -54,7 +54,7 @@ struct Slot {
   unsigned channels = 0;
   bool plugged = true;
   int64_t pluggedAtNs = 0;
-  std::string addedBy;                                  // the spec and process that added it
+  std::string addedBy;                                  // the adapter list and process that added it
   std::vector<std::map<uint32_t, ChannelState>> states; // per channel, by client
 
   std::string name() const { return std::to_string(devType) + "/" + std::to_string(index); }

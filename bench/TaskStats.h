@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 // What each thread of this process has cost so far, read from
-// /proc/self/task: the benchmarks that run a server in-process charge its
-// CPU and wake-ups to its threads by name.
+// /proc/self/task: the benchmarks charge CPU and wake-ups to the library's
+// or a server's threads by name or by thread id.
 #pragma once
 
 #include <dirent.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -14,9 +15,11 @@
 namespace wcanbench {
 
 struct TaskStat {
+  int tid = 0;
   std::string name;
   unsigned long long cpuNs = 0;
-  unsigned long long wakeups = 0; // voluntary context switches
+  unsigned long long wakeups = 0;     // voluntary context switches
+  unsigned long long preemptions = 0; // involuntary ones
 };
 
 inline std::string readTaskName(const std::string &task) {
@@ -40,6 +43,7 @@ inline std::vector<TaskStat> taskStats() {
       continue;
     const std::string task = std::string("/proc/self/task/") + entry->d_name;
     TaskStat s;
+    s.tid = std::atoi(entry->d_name);
     s.name = readTaskName(task);
     if (FILE *f = std::fopen((task + "/schedstat").c_str(), "r")) {
       if (std::fscanf(f, "%llu", &s.cpuNs) != 1)
@@ -52,6 +56,8 @@ inline std::vector<TaskStat> taskStats() {
       while (std::fgets(line, sizeof line, f))
         if (std::sscanf(line, "voluntary_ctxt_switches: %llu", &n) == 1)
           s.wakeups += n;
+        else if (std::sscanf(line, "nonvoluntary_ctxt_switches: %llu", &n) == 1)
+          s.preemptions += n;
       std::fclose(f);
     }
     stats.push_back(std::move(s));

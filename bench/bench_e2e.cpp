@@ -8,7 +8,6 @@
 // The simulated USB transfers run inside the library's receive thread, so
 // its CPU figures include the simulation's share of each read.
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -21,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/TaskStats.h"
 #include "sim/wcan_sim.h"
 #include "wcan.h"
 
@@ -33,26 +33,9 @@ pid_t threadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 // Nanoseconds on the CPU of every thread of the process except `excluded`.
 uint64_t cpuNsExcept(const std::set<pid_t> &excluded) {
   uint64_t total = 0;
-  DIR *dir = opendir("/proc/self/task");
-  if (dir == nullptr) {
-    return 0;
-  }
-  while (dirent *entry = readdir(dir)) {
-    const pid_t tid = static_cast<pid_t>(atoi(entry->d_name));
-    if (tid <= 0 || excluded.count(tid) != 0) {
-      continue;
-    }
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/self/task/%d/schedstat", tid);
-    if (FILE *f = std::fopen(path, "r")) {
-      unsigned long long ns = 0;
-      if (std::fscanf(f, "%llu", &ns) == 1) {
-        total += ns;
-      }
-      std::fclose(f);
-    }
-  }
-  closedir(dir);
+  for (const wcanbench::TaskStat &t : wcanbench::taskStats())
+    if (excluded.count(t.tid) == 0)
+      total += t.cpuNs;
   return total;
 }
 
@@ -60,30 +43,9 @@ uint64_t cpuNsExcept(const std::set<pid_t> &excluded) {
 // `excluded`: each one is a wake-up of a sleeping or preempted thread.
 uint64_t contextSwitchesExcept(const std::set<pid_t> &excluded) {
   uint64_t total = 0;
-  DIR *dir = opendir("/proc/self/task");
-  if (dir == nullptr) {
-    return 0;
-  }
-  while (dirent *entry = readdir(dir)) {
-    const pid_t tid = static_cast<pid_t>(atoi(entry->d_name));
-    if (tid <= 0 || excluded.count(tid) != 0) {
-      continue;
-    }
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/self/task/%d/status", tid);
-    if (FILE *f = std::fopen(path, "r")) {
-      char line[128];
-      while (std::fgets(line, sizeof line, f) != nullptr) {
-        unsigned long long n = 0;
-        if (std::sscanf(line, "voluntary_ctxt_switches: %llu", &n) == 1 ||
-            std::sscanf(line, "nonvoluntary_ctxt_switches: %llu", &n) == 1) {
-          total += n;
-        }
-      }
-      std::fclose(f);
-    }
-  }
-  closedir(dir);
+  for (const wcanbench::TaskStat &t : wcanbench::taskStats())
+    if (excluded.count(t.tid) == 0)
+      total += t.wakeups + t.preemptions;
   return total;
 }
 

@@ -24,8 +24,6 @@ IDS=$3
 SECONDS_RUN=${4:-10}
 RUNS=${5:-3}
 WARMUP=3
-PORT=$((30000 + $$ % 5000))
-SERVER=127.0.0.1:$PORT
 RATE=(--bitrate 1000000)
 TMUX_SOCKET=wcan-monitor-bench-$$
 TICKS=$(getconf CLK_TCK)
@@ -58,7 +56,11 @@ process_ticks() {
 }
 
 start_remote() {
-  "$WCAN" --sim 66 serve --port "$PORT" "${RATE[@]}" >/dev/null 2>&1 &
+  # A port and a simulation of the run's own: the last run's may still be
+  # closing.
+  PORT=$((30000 + ($$ * 7 + RUN) % 5000))
+  SERVER=127.0.0.1:$PORT
+  WCAN_SIM_PRIVATE=1 "$WCAN" --sim 66 serve --port "$PORT" "${RATE[@]}" >/dev/null 2>&1 &
   PIDS+=($!)
   sleep 1
   for ch in 0 1 2 3 4 5 6 7; do
@@ -110,9 +112,28 @@ frames_per_second() {
                for (i = k; i > 1 && m < '"$((SECONDS_RUN - 1))"'; --i) { t += s[i]; ++m }
                printf "%.0f", m ? t / m : 0 }' "$RUNTIME/busload.txt"
   else
-    tmux -L "$TMUX_SOCKET" capture-pane -p -t top |
-      awk '{ for (i = 2; i <= NF; ++i) if ($i == "frames/s") s += $(i - 1) } END { printf "%.0f", s }'
+    # The mean of the samples top_sample took.
+    awk '{ s += $1; ++n } END { printf "%.0f", n ? s / n : 0 }' "$RUNTIME/top-rates.txt"
   fi
+}
+
+# top's channel lines once: its frames/s of the last second, summed.
+top_sample() {
+  tmux -L "$TMUX_SOCKET" capture-pane -p -t top |
+    awk '{ for (i = 2; i <= NF; ++i) if ($i == "frames/s") s += $(i - 1) } END { print s + 0 }' \
+      >>"$RUNTIME/top-rates.txt"
+}
+
+# Waits out the measured time; top's rate is sampled once a second on the way.
+measure_wait() {
+  if [[ $TOOL == busload* ]]; then
+    sleep "$SECONDS_RUN"
+    return
+  fi
+  for ((i = 0; i < SECONDS_RUN; ++i)); do
+    sleep 1
+    top_sample
+  done
 }
 
 run_once() {
@@ -121,7 +142,7 @@ run_once() {
   start_tool
   sleep "$WARMUP"
   read -r total0 main0 < <(process_ticks "$TOOL_PID")
-  sleep "$SECONDS_RUN"
+  measure_wait
   read -r total1 main1 < <(process_ticks "$TOOL_PID")
   local fps
   fps=$(frames_per_second)
@@ -140,4 +161,4 @@ run_once() {
   RUNTIME=$(mktemp -d /tmp/wcan-monitor-bench.XXXXXX)
 }
 
-for ((r = 0; r < RUNS; ++r)); do run_once; done
+for ((RUN = 0; RUN < RUNS; ++RUN)); do run_once; done

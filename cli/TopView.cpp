@@ -63,10 +63,11 @@ std::string TopView::columnHeader() const {
   return buf;
 }
 
-std::vector<TopRow> TopView::rows(int64_t nowUs) const {
-  std::vector<TopRow> out;
-  for (const IdEntry *e : table_.rows(filter_, sort))
-    out.push_back({e, table_.faded(*e, nowUs)});
+std::vector<TopRow> TopView::rows(int64_t nowUs, size_t ordered) const {
+  const std::vector<const IdEntry *> entries = table_.rows(filter_, sort, ordered);
+  std::vector<TopRow> out(entries.size());
+  for (size_t i = 0; i < entries.size(); ++i)
+    out[i] = {entries[i], i < ordered && table_.faded(*entries[i], nowUs)};
   return out;
 }
 

@@ -79,7 +79,10 @@ class StuffedBits {
 public:
   explicit StuffedBits(bool withCrc) : withCrc_(withCrc) {}
 
+  // Whole bytes of a field through the tables, the rest bit by bit.
   void put(uint32_t value, unsigned width) {
+    for (; width >= 8; width -= 8)
+      putByte(static_cast<uint8_t>(value >> (width - 8)));
     for (unsigned i = width; i-- > 0;) {
       const bool bit = ((value >> i) & 1u) != 0;
       bits_[phase_] += 1 + stuffBit(state_, bit);

@@ -180,12 +180,55 @@ const char *sortName(SortKey key) {
   return "id";
 }
 
+size_t IdTable::slotOf(uint64_t key) const {
+  // Fibonacci hashing spreads neighbouring identifiers over the index.
+  const unsigned bits = static_cast<unsigned>(__builtin_ctzll(slots_.size()));
+  size_t slot = static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> (64 - bits));
+  const size_t mask = slots_.size() - 1;
+  while (slots_[slot] != 0) {
+    const IdEntry &e = entries_[slots_[slot] - 1];
+    if (entryKey(e.channel, e.id, e.extended) == key)
+      break;
+    slot = (slot + 1) & mask;
+  }
+  return slot;
+}
+
+void IdTable::reindex(size_t slotCount) {
+  slots_.assign(slotCount, 0);
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    const IdEntry &e = entries_[i];
+    slots_[slotOf(entryKey(e.channel, e.id, e.extended))] = static_cast<uint32_t>(i + 1);
+  }
+}
+
+IdEntry &IdTable::entryFor(unsigned channel, const Frame &f) {
+  constexpr size_t kFirstSlots = 256;
+  if (slots_.empty())
+    slots_.assign(kFirstSlots, 0);
+  const uint64_t key = entryKey(channel, f.id, f.extended);
+  size_t slot = slotOf(key);
+  if (slots_[slot] != 0)
+    return entries_[slots_[slot] - 1];
+  // At most half full, so that misses end soon.
+  if (2 * (entries_.size() + 1) > slots_.size()) {
+    reindex(2 * slots_.size());
+    slot = slotOf(key);
+  }
+  entries_.emplace_back();
+  slots_[slot] = static_cast<uint32_t>(entries_.size());
+  IdEntry &e = entries_.back();
+  e.channel = channel;
+  e.id = f.id;
+  e.extended = f.extended;
+  return e;
+}
+
 void IdTable::add(unsigned channel, const Frame &f, int64_t timeUs) {
-  IdEntry &e = entries_[entryKey(channel, f.id, f.extended)];
+  if (entries_.empty())
+    oldestUs_ = timeUs;
+  IdEntry &e = entryFor(channel, f);
   if (e.count == 0) {
-    e.channel = channel;
-    e.id = f.id;
-    e.extended = f.extended;
     e.firstUs = timeUs;
     e.changed = 0;
   } else {
@@ -202,25 +245,41 @@ void IdTable::add(unsigned channel, const Frame &f, int64_t timeUs) {
   std::copy_n(f.data.begin(), busbits::payloadBytes(busbits::shapeOf(f)), e.data.begin());
   e.lastUs = timeUs;
   ++e.count;
+  // Time stamps of several channels need not rise together.
+  oldestUs_ = std::min(oldestUs_, timeUs);
 }
 
 void IdTable::expire(int64_t nowUs) {
-  if (timeoutUs_ <= 0)
+  if (timeoutUs_ <= 0 || entries_.empty() || nowUs - oldestUs_ < timeoutUs_)
     return;
-  for (auto it = entries_.begin(); it != entries_.end();)
-    it = nowUs - it->second.lastUs >= timeoutUs_ ? entries_.erase(it) : std::next(it);
+  const auto gone = std::remove_if(entries_.begin(), entries_.end(), [&](const IdEntry &e) {
+    return nowUs - e.lastUs >= timeoutUs_;
+  });
+  if (gone != entries_.end()) {
+    entries_.erase(gone, entries_.end());
+    reindex(slots_.size());
+  }
+  oldestUs_ = nowUs;
+  for (const IdEntry &e : entries_)
+    oldestUs_ = std::min(oldestUs_, e.lastUs);
+}
+
+void IdTable::clear() {
+  entries_.clear();
+  slots_.clear();
 }
 
 bool IdTable::faded(const IdEntry &e, int64_t nowUs) const {
   return timeoutUs_ > 0 && nowUs - e.lastUs >= timeoutUs_ / 2;
 }
 
-std::vector<const IdEntry *> IdTable::rows(const IdFilter &filter, SortKey key) const {
+std::vector<const IdEntry *> IdTable::rows(const IdFilter &filter, SortKey key,
+                                           size_t ordered) const {
   std::vector<const IdEntry *> rows;
   rows.reserve(entries_.size());
-  for (const auto &kv : entries_)
-    if (filter.passes(kv.second.id))
-      rows.push_back(&kv.second);
+  for (const IdEntry &e : entries_)
+    if (filter.passes(e.id))
+      rows.push_back(&e);
   auto byId = [](const IdEntry *a, const IdEntry *b) {
     return std::tie(a->channel, a->extended, a->id) < std::tie(b->channel, b->extended, b->id);
   };
@@ -243,7 +302,11 @@ std::vector<const IdEntry *> IdTable::rows(const IdFilter &filter, SortKey key) 
     }
     return byId(a, b);
   };
-  std::sort(rows.begin(), rows.end(), order);
+  if (ordered >= rows.size())
+    std::sort(rows.begin(), rows.end(), order);
+  else
+    std::partial_sort(rows.begin(), rows.begin() + static_cast<std::ptrdiff_t>(ordered), rows.end(),
+                      order);
   return rows;
 }
 

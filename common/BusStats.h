@@ -6,10 +6,11 @@
 // clock; nothing here reads a clock or needs the library.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "common/BusBits.h"
@@ -123,25 +124,36 @@ enum class SortKey { Id, Rate, Count, Age };
 const char *sortName(SortKey key);
 
 // The identifiers seen per channel. Entries unseen for half the time-out
-// fade, and leave at the time-out (0: never).
+// fade, and leave at the time-out (0: never). Every frame costs one lookup
+// in a flat open-addressing index; the entries themselves lie in one array.
 class IdTable {
 public:
   explicit IdTable(double timeoutSeconds = 0) : timeoutUs_(toUs(timeoutSeconds)) {}
 
   void add(unsigned channel, const Frame &frame, int64_t timeUs);
-  // Drops the entries timed out by `nowUs`.
+  // Drops the entries timed out by `nowUs`; looks at them only when the
+  // oldest may have.
   void expire(int64_t nowUs);
-  void clear() { entries_.clear(); }
+  void clear();
   size_t size() const { return entries_.size(); }
 
   bool faded(const IdEntry &e, int64_t nowUs) const;
-  // The entries that pass the filter, in this order (ties by channel and
-  // identifier; rate and count highest first, age youngest first).
-  std::vector<const IdEntry *> rows(const IdFilter &filter, SortKey key) const;
+  // The entries that pass the filter, the first `ordered` of them in this
+  // order (ties by channel and identifier; rate and count highest first, age
+  // youngest first) and the rest in none: a screen shows only the first few
+  // of many thousand. Valid until the table changes.
+  std::vector<const IdEntry *> rows(const IdFilter &filter, SortKey key,
+                                    size_t ordered = SIZE_MAX) const;
 
 private:
   static int64_t toUs(double seconds) { return static_cast<int64_t>(seconds * 1e6); }
-  std::unordered_map<uint64_t, IdEntry> entries_;
+  IdEntry &entryFor(unsigned channel, const Frame &frame);
+  size_t slotOf(uint64_t key) const;
+  void reindex(size_t slotCount);
+
+  std::vector<IdEntry> entries_;
+  std::vector<uint32_t> slots_; // index into entries_ + 1; 0: free
+  int64_t oldestUs_ = 0;        // no entry was seen before this
   int64_t timeoutUs_;
 };
 

@@ -63,6 +63,89 @@ void appendHead(std::string &out, const char *verb, LogTime time, const Frame &f
   out += ' ';
 }
 
+// Cuts the words off an element one at a time, without a copy.
+class WordCursor {
+public:
+  explicit WordCursor(std::string_view text) : rest_(text) {}
+
+  bool next(std::string_view &word) {
+    skipBlanks();
+    size_t end = 0;
+    while (end < rest_.size() && !isBlank(rest_[end]))
+      ++end;
+    word = rest_.substr(0, end);
+    rest_.remove_prefix(end);
+    return end > 0;
+  }
+  bool atEnd() {
+    skipBlanks();
+    return rest_.empty();
+  }
+
+private:
+  void skipBlanks() {
+    while (!rest_.empty() && isBlank(rest_.front()))
+      rest_.remove_prefix(1);
+  }
+  std::string_view rest_;
+};
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9')
+    return c - '0';
+  const char lower = static_cast<char>(c | 0x20);
+  return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+// "SECONDS.MICROSECONDS"
+bool parseStamp(std::string_view stamp, LogTime &time) {
+  const size_t dot = stamp.find('.');
+  uint64_t secs = 0, micros = 0;
+  if (dot == std::string_view::npos || !parseDecimal(stamp.substr(0, dot), 20, secs) ||
+      !parseDecimal(stamp.substr(dot + 1), 6, micros))
+    return false;
+  time = {secs, static_cast<uint32_t>(micros)};
+  return true;
+}
+
+// Pairs of hex digits appended to the frame's data.
+bool appendDataWord(std::string_view word, Frame &out, unsigned maxLen) {
+  if (word.size() % 2 != 0 || out.len + word.size() / 2 > maxLen)
+    return false;
+  for (size_t p = 0; p < word.size(); p += 2) {
+    const int high = hexDigit(word[p]);
+    const int low = hexDigit(word[p + 1]);
+    if (high < 0 || low < 0)
+      return false;
+    out.data[out.len++] = static_cast<uint8_t>(high << 4 | low);
+  }
+  return true;
+}
+
+// The data of a frame element: one run of hex digits (raw) or one word per
+// byte (bcm); a raw CAN FD frame may end with its flag digit.
+bool parseFrameData(WordCursor &words, Frame &out) {
+  const unsigned maxLen = out.fd ? kMaxFdLen : kMaxClassicLen;
+  std::string_view first, second;
+  if (!words.next(first))
+    return true;
+  if (!words.next(second))
+    return appendDataWord(first, out, maxLen) && (!out.fd || isFdLength(out.len));
+  if (out.fd && second.size() == 1 && words.atEnd()) {
+    const int flags = hexDigit(second[0]);
+    if (flags < 0 || !appendDataWord(first, out, maxLen))
+      return false;
+    out.brs = (static_cast<unsigned>(flags) & kTextFlagBrs) != 0;
+    return isFdLength(out.len);
+  }
+  if (!appendDataWord(first, out, maxLen))
+    return false;
+  for (std::string_view word = second; !word.empty(); words.next(word))
+    if (!appendDataWord(word, out, maxLen))
+      return false;
+  return !out.fd || isFdLength(out.len);
+}
+
 // Requests with data bytes: the length decides how many words must follow.
 constexpr size_t kAnyWords = kMaxElement;
 
@@ -231,18 +314,23 @@ constexpr Simple kSimpleVerbs[] = {
 } // namespace
 
 void ElementReader::feed(const char *data, size_t size) {
-  if (!broken_)
-    buffer_.append(data, size);
+  if (broken_)
+    return;
+  compact();
+  buffer_.append(data, size);
 }
 
-bool ElementReader::fail(Item &item, std::string why) {
+bool ElementReader::fail(Kind &kind, std::string_view &text, std::string why) {
   broken_ = true;
   buffer_.clear();
   start_ = scanned_ = 0;
-  item = {Kind::Broken, std::move(why)};
+  why_ = std::move(why);
+  kind = Kind::Broken;
+  text = why_;
   return true;
 }
 
+// Only where no view handed out can point: before new bytes or the next item.
 void ElementReader::compact() {
   if (start_ == buffer_.size()) {
     buffer_.clear();
@@ -254,8 +342,17 @@ void ElementReader::compact() {
 }
 
 bool ElementReader::next(Item &item) {
+  std::string_view text;
+  if (!nextView(item.kind, text))
+    return false;
+  item.text.assign(text.data(), text.size());
+  return true;
+}
+
+bool ElementReader::nextView(Kind &kind, std::string_view &text) {
   if (broken_)
     return false;
+  compact();
   while (start_ < buffer_.size() && isBlank(buffer_[start_]))
     ++start_;
   if (start_ == buffer_.size()) {
@@ -263,33 +360,35 @@ bool ElementReader::next(Item &item) {
     scanned_ = 0;
     return false;
   }
-  const size_t end = buffer_.size();
-  if (buffer_[start_] != '<') {
+  const std::string_view all = buffer_;
+  const size_t end = all.size();
+  if (all[start_] != '<') {
     size_t p = start_;
-    while (p < end && buffer_[p] != '<' && !isBlank(buffer_[p])) {
-      if (!isText(buffer_[p]))
-        return fail(item, "bytes that are not protocol text");
+    while (p < end && all[p] != '<' && !isBlank(all[p])) {
+      if (!isText(all[p]))
+        return fail(kind, text, "bytes that are not protocol text");
       ++p;
     }
-    item = {Kind::Stray, buffer_.substr(start_, p - start_)};
+    kind = Kind::Stray;
+    text = all.substr(start_, p - start_);
     start_ = p;
     scanned_ = 0;
     return true;
   }
   for (size_t p = start_ + 1 + scanned_; p < end; ++p) {
-    const char c = buffer_[p];
+    const char c = all[p];
     if (!isText(c))
-      return fail(item, "bytes that are not protocol text");
+      return fail(kind, text, "bytes that are not protocol text");
     if (c == '<' || c == '>') {
       const size_t from = start_ + 1;
-      item = {c == '>' ? Kind::Element : Kind::Stray, buffer_.substr(from, p - from)};
+      kind = c == '>' ? Kind::Element : Kind::Stray;
+      text = all.substr(from, p - from);
       start_ = c == '>' ? p + 1 : p;
       scanned_ = 0;
-      compact();
       return true;
     }
     if (p - start_ >= kMaxElement)
-      return fail(item,
+      return fail(kind, text,
                   "an element without an end within " + std::to_string(kMaxElement) + " bytes");
   }
   scanned_ = end - start_ - 1;
@@ -399,56 +498,27 @@ void appendBcmFrame(std::string &out, LogTime time, const Frame &frame) {
 }
 
 bool parseFrameElement(std::string_view text, Frame &out, LogTime &time) {
-  std::string ignored;
-  Words w{splitWords(text), ignored};
-  if (w.size() < 3)
+  WordCursor words(text);
+  std::string_view verb, id, stamp;
+  if (!words.next(verb) || !words.next(id) || !words.next(stamp))
     return false;
   out = Frame{};
-  const std::string_view verb = w[0];
   if (verb != "frame" && verb != "fdframe" && verb != "rtr")
     return false;
-  if (!parseFrameId(w[1], out))
+  if (!parseFrameId(id, out) || !parseStamp(stamp, time))
     return false;
-  const std::string_view stamp = w[2];
-  const size_t dot = stamp.find('.');
-  uint64_t secs = 0, micros = 0;
-  if (dot == std::string_view::npos || !parseDecimal(stamp.substr(0, dot), 20, secs) ||
-      !parseDecimal(stamp.substr(dot + 1), 6, micros))
-    return false;
-  time = {secs, static_cast<uint32_t>(micros)};
   if (verb == "rtr") {
+    std::string_view lenWord;
     uint64_t len = 0;
-    if (w.size() != 4 || !parseDecimal(w[3], 1, len) || len > kMaxClassicLen)
+    if (!words.next(lenWord) || !words.atEnd() || !parseDecimal(lenWord, 1, len) ||
+        len > kMaxClassicLen)
       return false;
     out.remote = true;
     out.len = static_cast<uint8_t>(len);
     return true;
   }
   out.fd = verb == "fdframe";
-  const unsigned maxLen = out.fd ? kMaxFdLen : kMaxClassicLen;
-  size_t last = w.size();
-  if (out.fd && w.size() == 5 && w[4].size() == 1) {
-    uint32_t flags = 0;
-    if (!parseHex(w[4], 1, flags))
-      return false;
-    out.brs = (flags & kTextFlagBrs) != 0;
-    last = 4;
-  }
-  // Data as one run of hex digits (raw) or one word per byte (bcm).
-  unsigned len = 0;
-  for (size_t i = 3; i < last; ++i) {
-    std::string_view word = w[i];
-    if (word.size() % 2 != 0)
-      return false;
-    for (size_t p = 0; p < word.size(); p += 2) {
-      uint32_t b = 0;
-      if (len == maxLen || !parseHex(word.substr(p, 2), 2, b))
-        return false;
-      out.data[len++] = static_cast<uint8_t>(b);
-    }
-  }
-  out.len = static_cast<uint8_t>(len);
-  return !out.fd || isFdLength(len);
+  return parseFrameData(words, out);
 }
 
 std::string sendRequest(const Frame &frame) {

@@ -4,6 +4,7 @@
 // filters.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -181,6 +182,30 @@ TEST(IdTable, SortsByRateCountAndAge) {
   EXPECT_EQ(order(SortKey::Rate), (std::vector<uint32_t>{0x200, 0x300, 0x100}));
   EXPECT_EQ(order(SortKey::Count), (std::vector<uint32_t>{0x300, 0x200, 0x100}));
   EXPECT_EQ(order(SortKey::Age), (std::vector<uint32_t>{0x300, 0x100, 0x200}));
+}
+
+TEST(IdTable, ManyIdentifiersKeepTheirRowsThroughGrowthAndExpiry) {
+  IdTable table(1.0);
+  // Two channels of every standard identifier; the odd ones go quiet.
+  for (int round = 0; round < 2; ++round)
+    for (unsigned ch = 0; ch < 2; ++ch)
+      for (uint32_t id = 0; id <= kMaxStandardId; ++id)
+        table.add(ch, frame(id, {}), round * 100000 + (id % 2 ? 0 : 900000));
+  ASSERT_EQ(table.size(), 2u * 2048);
+  table.expire(1500000);
+  ASSERT_EQ(table.size(), 2048u);
+  table.add(1, frame(0x7FE, {}), 1600000);
+  table.add(1, frame(0x7FF, {}), 1600000); // back after it left: a new row
+  const std::vector<const IdEntry *> all = table.rows(IdFilter{}, SortKey::Age);
+  ASSERT_EQ(all.size(), 2049u);
+  EXPECT_EQ(all[0]->id, 0x7FEu);
+  EXPECT_EQ(all[0]->count, 3u);
+  EXPECT_EQ(all[1]->id, 0x7FFu);
+  EXPECT_EQ(all[1]->count, 1u);
+  // Only the first rows ordered: the same ones a whole sort puts first.
+  const std::vector<const IdEntry *> some = table.rows(IdFilter{}, SortKey::Age, 40);
+  ASSERT_EQ(some.size(), all.size());
+  EXPECT_TRUE(std::equal(all.begin(), all.begin() + 40, some.begin()));
 }
 
 TEST(IdFilter, RulesInOrderTheLastMatchDecides) {

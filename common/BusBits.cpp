@@ -46,6 +46,11 @@ struct ByteTables {
   uint8_t next[kStates][256];     // state index after the byte
   uint8_t inserted[kStates][256]; // stuff bits inserted before and within it
   uint16_t crc[256];
+  // The same for half a byte: the header's fields and the checksum are
+  // seldom whole bytes.
+  uint8_t nextNibble[kStates][16];
+  uint8_t insertedNibble[kStates][16];
+  uint16_t crcNibble[16];
 
   static unsigned index(StuffState s) { return s.run * 2u + s.last; }
 
@@ -59,12 +64,26 @@ struct ByteTables {
         next[st][byte] = static_cast<uint8_t>(index(s));
         inserted[st][byte] = static_cast<uint8_t>(n);
       }
-    for (unsigned byte = 0; byte < 256; ++byte) {
-      uint16_t c = static_cast<uint16_t>(byte << 7);
-      for (int i = 0; i < 8; ++i)
-        c = crc15Step(c, false);
-      crc[byte] = c;
-    }
+    for (unsigned st = 0; st < kStates; ++st)
+      for (unsigned nibble = 0; nibble < 16; ++nibble) {
+        StuffState s{static_cast<uint8_t>(st / 2), (st & 1u) != 0};
+        unsigned n = 0;
+        for (unsigned i = 4; i-- > 0;)
+          n += stuffBit(s, ((nibble >> i) & 1u) != 0);
+        nextNibble[st][nibble] = static_cast<uint8_t>(index(s));
+        insertedNibble[st][nibble] = static_cast<uint8_t>(n);
+      }
+    for (unsigned byte = 0; byte < 256; ++byte)
+      crc[byte] = crcOfZeros(static_cast<uint16_t>(byte << 7), 8);
+    for (unsigned nibble = 0; nibble < 16; ++nibble)
+      crcNibble[nibble] = crcOfZeros(static_cast<uint16_t>(nibble << 11), 4);
+  }
+
+  // The register after `bits` zero bits: what a table entry adds.
+  static uint16_t crcOfZeros(uint16_t c, int bits) {
+    for (int i = 0; i < bits; ++i)
+      c = crc15Step(c, false);
+    return c;
   }
 };
 
@@ -83,6 +102,10 @@ public:
   void put(uint32_t value, unsigned width) {
     for (; width >= 8; width -= 8)
       putByte(static_cast<uint8_t>(value >> (width - 8)));
+    if (width >= 4) {
+      width -= 4;
+      putNibble((value >> width) & 0xFu);
+    }
     for (unsigned i = width; i-- > 0;) {
       const bool bit = ((value >> i) & 1u) != 0;
       bits_[phase_] += 1 + stuffBit(state_, bit);
@@ -99,6 +122,17 @@ public:
     state_ = StuffState{static_cast<uint8_t>(next / 2), (next & 1u) != 0};
     if (withCrc_)
       crc_ = static_cast<uint16_t>(((crc_ << 8) & 0x7FFF) ^ t.crc[((crc_ >> 7) ^ byte) & 0xFFu]);
+  }
+
+  void putNibble(unsigned nibble) {
+    const ByteTables &t = byteTables();
+    const unsigned st = ByteTables::index(state_);
+    bits_[phase_] += 4u + t.insertedNibble[st][nibble];
+    const uint8_t next = t.nextNibble[st][nibble];
+    state_ = StuffState{static_cast<uint8_t>(next / 2), (next & 1u) != 0};
+    if (withCrc_)
+      crc_ = static_cast<uint16_t>(((crc_ << 4) & 0x7FFF) ^
+                                   t.crcNibble[((crc_ >> 11) ^ nibble) & 0xFu]);
   }
 
   void setPhase(Phase p) { phase_ = p; }
@@ -148,19 +182,17 @@ unsigned fdWireLength(unsigned len) {
 // Start of frame and the identifier up to the bit that ends arbitration's
 // identifier part; the bit after the base identifier is RTR/RRS when
 // standard and SRR (recessive) when extended.
+// (Fields go out together, as few calls as can take them whole.)
 void putIdentifier(StuffedBits &b, const FrameShape &f, bool rtrOrRrs) {
-  b.put(0, 1);
+  const uint32_t base = f.extended ? (f.id >> 18) & 0x7FFu : f.id & 0x7FFu;
   if (!f.extended) {
-    b.put(f.id & 0x7FFu, 11);
-    b.put(rtrOrRrs, 1);
-    b.put(0, 1); // IDE
+    // SOF, identifier, RTR/RRS, IDE (dominant)
+    b.put(base << 2 | uint32_t{rtrOrRrs} << 1, 1 + 11 + 1 + 1);
     return;
   }
-  b.put((f.id >> 18) & 0x7FFu, 11);
-  b.put(1, 1); // SRR
-  b.put(1, 1); // IDE
-  b.put(f.id & 0x3FFFFu, 18);
-  b.put(rtrOrRrs, 1);
+  // SOF, base identifier, SRR and IDE (recessive); extension, RTR/RRS
+  b.put(base << 2 | 3u, 1 + 11 + 1 + 1);
+  b.put((f.id & 0x3FFFFu) << 1 | uint32_t{rtrOrRrs}, 18 + 1);
 }
 
 // Bytes a CAN FD length code rounds up to go out as zeros.
@@ -173,8 +205,8 @@ void putData(StuffedBits &b, const FrameShape &f, unsigned wireLen) {
 FrameBits classicBits(const FrameShape &f) {
   StuffedBits b(true);
   putIdentifier(b, f, f.remote);
-  b.put(0, f.extended ? 2 : 1); // r1 r0, or r0
-  b.put(std::min<unsigned>(f.len, 15), 4);
+  // r1 r0, or r0, and the length code
+  b.put(std::min<unsigned>(f.len, 15), (f.extended ? 2 : 1) + 4);
   putData(b, f, payloadBytes(f));
   b.put(b.crc(), 15);
   b.endDynamicStuffing(true);
@@ -186,14 +218,11 @@ FrameBits fdBits(const FrameShape &f) {
   // The checksum of a CAN FD frame is fixed-stuffed: its value changes
   // nothing.
   StuffedBits b(false);
-  putIdentifier(b, f, false); // RRS
-  b.put(1, 1);                // FDF
-  b.put(0, 1);                // res
-  b.put(f.brs, 1);
+  putIdentifier(b, f, false);         // RRS
+  b.put(0b100u | uint32_t{f.brs}, 3); // FDF, res, BRS
   if (f.brs)
     b.setPhase(kData);
-  b.put(0, 1); // ESI: error active
-  b.put(lengthCode(len), 4);
+  b.put(lengthCode(len), 1 + 4); // ESI (error active) and the length code
   putData(b, f, len);
   b.endDynamicStuffing(false);
   // Stuff count (three bits and parity), the checksum, and a fixed stuff bit

@@ -39,6 +39,15 @@ void TopView::add(const LiveFrame &f) {
   table_.add(f.channel, f.frame, f.timeUs);
 }
 
+void TopView::add(const std::vector<LiveFrame> &frames) {
+  constexpr size_t kAhead = 8;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (i + kAhead < frames.size())
+      table_.prefetch(frames[i + kAhead].channel, frames[i + kAhead].frame);
+    add(frames[i]);
+  }
+}
+
 void TopView::closeInterval(double seconds) {
   for (ChannelLoad &l : loads_)
     l.close(seconds);

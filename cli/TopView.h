@@ -27,6 +27,7 @@ public:
           const dbc::Database *db = nullptr);
 
   void add(const LiveFrame &f);
+  void add(const std::vector<LiveFrame> &frames);
   // Closes the load interval of every channel (about once a second).
   void closeInterval(double seconds);
   void expire(int64_t nowUs) { table_.expire(nowUs); }

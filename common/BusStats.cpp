@@ -15,6 +15,11 @@ uint64_t entryKey(unsigned channel, uint32_t id, bool extended) {
   return uint64_t{channel} << 32 | uint64_t{extended} << 31 | id;
 }
 
+// A standard identifier's place among those of every channel.
+size_t standardPlace(unsigned channel, uint32_t id) {
+  return size_t{channel} * (kMaxStandardId + 1) + (id & kMaxStandardId);
+}
+
 uint64_t changedBytes(const IdEntry &before, const Frame &f) {
   uint64_t mask = 0;
   for (unsigned i = 0; i < f.len; ++i)
@@ -181,47 +186,73 @@ const char *sortName(SortKey key) {
 }
 
 size_t IdTable::slotOf(uint64_t key) const {
-  // Fibonacci hashing spreads neighbouring identifiers over the index.
+  // Fibonacci hashing spreads neighbouring identifiers over the table.
   const unsigned bits = static_cast<unsigned>(__builtin_ctzll(slots_.size()));
   size_t slot = static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> (64 - bits));
   const size_t mask = slots_.size() - 1;
-  while (slots_[slot] != 0) {
-    const IdEntry &e = entries_[slots_[slot] - 1];
-    if (entryKey(e.channel, e.id, e.extended) == key)
-      break;
+  while (slots_[slot].index != 0 && slots_[slot].key != key)
     slot = (slot + 1) & mask;
-  }
   return slot;
 }
 
+uint32_t &IdTable::standardIndex(unsigned channel, uint32_t id) {
+  const size_t at = standardPlace(channel, id);
+  if (at >= standard_.size())
+    standard_.resize(standardPlace(channel + 1, 0), 0);
+  return standard_[at];
+}
+
+uint32_t &IdTable::extendedIndex(uint64_t key) {
+  constexpr size_t kFirstSlots = 256;
+  if (slots_.empty())
+    slots_.resize(kFirstSlots);
+  size_t slot = slotOf(key);
+  // At most half full, so that a miss ends soon.
+  if (slots_[slot].index == 0 && 2 * (extendedCount_ + 1) > slots_.size()) {
+    reindex(2 * slots_.size());
+    slot = slotOf(key);
+  }
+  slots_[slot].key = key;
+  return slots_[slot].index;
+}
+
 void IdTable::reindex(size_t slotCount) {
-  slots_.assign(slotCount, 0);
+  std::fill(standard_.begin(), standard_.end(), 0);
+  slots_.assign(slotCount, Slot{});
+  extendedCount_ = 0;
   for (size_t i = 0; i < entries_.size(); ++i) {
     const IdEntry &e = entries_[i];
-    slots_[slotOf(entryKey(e.channel, e.id, e.extended))] = static_cast<uint32_t>(i + 1);
+    const auto index = static_cast<uint32_t>(i + 1);
+    if (e.extended) {
+      slots_[slotOf(entryKey(e.channel, e.id, true))] = {entryKey(e.channel, e.id, true), index};
+      ++extendedCount_;
+    } else {
+      standardIndex(e.channel, e.id) = index;
+    }
   }
 }
 
 IdEntry &IdTable::entryFor(unsigned channel, const Frame &f) {
-  constexpr size_t kFirstSlots = 256;
-  if (slots_.empty())
-    slots_.assign(kFirstSlots, 0);
-  const uint64_t key = entryKey(channel, f.id, f.extended);
-  size_t slot = slotOf(key);
-  if (slots_[slot] != 0)
-    return entries_[slots_[slot] - 1];
-  // At most half full, so that misses end soon.
-  if (2 * (entries_.size() + 1) > slots_.size()) {
-    reindex(2 * slots_.size());
-    slot = slotOf(key);
-  }
+  uint32_t &index =
+      f.extended ? extendedIndex(entryKey(channel, f.id, true)) : standardIndex(channel, f.id);
+  if (index != 0)
+    return entries_[index - 1];
   entries_.emplace_back();
-  slots_[slot] = static_cast<uint32_t>(entries_.size());
+  index = static_cast<uint32_t>(entries_.size());
+  extendedCount_ += f.extended ? 1 : 0;
   IdEntry &e = entries_.back();
   e.channel = channel;
   e.id = f.id;
   e.extended = f.extended;
   return e;
+}
+
+void IdTable::prefetch(unsigned channel, const Frame &f) const {
+  // Standard identifiers only: theirs is a lookup without a search.
+  const size_t at = standardPlace(channel, f.id);
+  if (f.extended || at >= standard_.size() || standard_[at] == 0)
+    return;
+  __builtin_prefetch(&entries_[standard_[at] - 1], 1);
 }
 
 void IdTable::add(unsigned channel, const Frame &f, int64_t timeUs) {
@@ -266,7 +297,9 @@ void IdTable::expire(int64_t nowUs) {
 
 void IdTable::clear() {
   entries_.clear();
+  standard_.clear();
   slots_.clear();
+  extendedCount_ = 0;
 }
 
 bool IdTable::faded(const IdEntry &e, int64_t nowUs) const {

@@ -72,7 +72,7 @@ private:
   double averages_[3] = {0, 0, 0};
 };
 
-enum class FrameKind { Classic, Remote, Fd, FdBrs };
+enum class FrameKind : uint8_t { Classic, Remote, Fd, FdBrs };
 const char *kindName(FrameKind kind); // "CAN", "RTR", "FD", "FD+BRS"
 FrameKind kindOf(const Frame &frame);
 
@@ -99,22 +99,24 @@ private:
   std::vector<Rule> rules_;
 };
 
-// One identifier on one channel.
-struct IdEntry {
+// One identifier on one channel. Laid out for a table of thousands that
+// every frame updates at random: what a classic frame touches lies in the
+// first cache line.
+struct alignas(64) IdEntry {
   unsigned channel = 0;
   uint32_t id = 0;
-  bool extended = false;
-  FrameKind kind = FrameKind::Classic;
-  uint8_t len = 0;
-  std::array<uint8_t, 64> data{};
-  uint64_t changed = 0; // bytes (bit i: byte i) that differ from the previous frame
-  uint64_t count = 0;
-  int64_t firstUs = 0;
   int64_t lastUs = 0;
+  uint64_t count = 0;
   // Intervals between frames: running mean and the sum of squared
   // deviations (Welford), for the mean period and its jitter.
   double meanPeriodUs = 0;
   double periodM2 = 0;
+  uint64_t changed = 0; // bytes (bit i: byte i) that differ from the previous frame
+  bool extended = false;
+  FrameKind kind = FrameKind::Classic;
+  uint8_t len = 0;
+  std::array<uint8_t, 64> data{};
+  int64_t firstUs = 0;
 
   double jitterUs() const; // standard deviation of the period
   double rate() const;     // frames per second from the mean period
@@ -125,12 +127,16 @@ const char *sortName(SortKey key);
 
 // The identifiers seen per channel. Entries unseen for half the time-out
 // fade, and leave at the time-out (0: never). Every frame costs one lookup
-// in a flat open-addressing index; the entries themselves lie in one array.
+// in a flat index; the entries themselves lie in one array.
 class IdTable {
 public:
   explicit IdTable(double timeoutSeconds = 0) : timeoutUs_(toUs(timeoutSeconds)) {}
 
   void add(unsigned channel, const Frame &frame, int64_t timeUs);
+  // Asks the processor for the entry a frame will update: with thousands of
+  // identifiers on a bus every add() would otherwise wait for memory. Calls
+  // a few frames ahead of add() hide that wait.
+  void prefetch(unsigned channel, const Frame &frame) const;
   // Drops the entries timed out by `nowUs`; looks at them only when the
   // oldest may have.
   void expire(int64_t nowUs);
@@ -148,12 +154,24 @@ public:
 private:
   static int64_t toUs(double seconds) { return static_cast<int64_t>(seconds * 1e6); }
   IdEntry &entryFor(unsigned channel, const Frame &frame);
+  uint32_t &standardIndex(unsigned channel, uint32_t id);
+  uint32_t &extendedIndex(uint64_t key);
   size_t slotOf(uint64_t key) const;
   void reindex(size_t slotCount);
 
   std::vector<IdEntry> entries_;
-  std::vector<uint32_t> slots_; // index into entries_ + 1; 0: free
-  int64_t oldestUs_ = 0;        // no entry was seen before this
+  // Where an entry lies: its index in entries_ + 1, 0 for none. Standard
+  // identifiers have 2048 places per channel (what a bus carries at most);
+  // extended ones an open-addressing table with the keys beside the places,
+  // so that a lookup touches no other entry.
+  std::vector<uint32_t> standard_;
+  struct Slot {
+    uint64_t key = 0;
+    uint32_t index = 0;
+  };
+  std::vector<Slot> slots_;
+  size_t extendedCount_ = 0;
+  int64_t oldestUs_ = 0; // no entry was seen before this
   int64_t timeoutUs_;
 };
 

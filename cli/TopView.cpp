@@ -42,6 +42,8 @@ void TopView::add(const LiveFrame &f) {
 void TopView::add(const std::vector<LiveFrame> &frames) {
   constexpr size_t kAhead = 8;
   for (size_t i = 0; i < frames.size(); ++i) {
+    if (i + 2 * kAhead < frames.size())
+      table_.prefetchPlace(frames[i + 2 * kAhead].channel, frames[i + 2 * kAhead].frame);
     if (i + kAhead < frames.size())
       table_.prefetch(frames[i + kAhead].channel, frames[i + kAhead].frame);
     add(frames[i]);

@@ -247,8 +247,13 @@ IdEntry &IdTable::entryFor(unsigned channel, const Frame &f) {
   return e;
 }
 
+void IdTable::prefetchPlace(unsigned channel, const Frame &f) const {
+  const size_t at = standardPlace(channel, f.id);
+  if (!f.extended && at < standard_.size())
+    __builtin_prefetch(&standard_[at]);
+}
+
 void IdTable::prefetch(unsigned channel, const Frame &f) const {
-  // Standard identifiers only: theirs is a lookup without a search.
   const size_t at = standardPlace(channel, f.id);
   if (f.extended || at >= standard_.size() || standard_[at] == 0)
     return;

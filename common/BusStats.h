@@ -134,8 +134,11 @@ public:
 
   void add(unsigned channel, const Frame &frame, int64_t timeUs);
   // Asks the processor for the entry a frame will update: with thousands of
-  // identifiers on a bus every add() would otherwise wait for memory. Calls
-  // a few frames ahead of add() hide that wait.
+  // identifiers on a bus, and the caches cold after every pause of a
+  // polling tool, every add() would otherwise wait for memory. Called a few
+  // frames ahead of add() (and `place` a few before that) they hide that
+  // wait. Standard identifiers only: theirs is a lookup without a search.
+  void prefetchPlace(unsigned channel, const Frame &frame) const;
   void prefetch(unsigned channel, const Frame &frame) const;
   // Drops the entries timed out by `nowUs`; looks at them only when the
   // oldest may have.

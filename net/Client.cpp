@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "net/Client.h"
 
-#include <poll.h>
+#include <sys/socket.h>
 
 #include <boost/asio.hpp>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -107,12 +108,15 @@ struct Client::Connection {
   // What has arrived, without waiting and without the event loop: a view
   // of several buses polls each connection every few milliseconds.
   bool readWaiting() {
-    pollfd p{socket.native_handle(), POLLIN, 0};
-    if (::poll(&p, 1, 0) <= 0)
+    const ssize_t n = ::recv(socket.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
       return false;
     boost::system::error_code ec;
-    const size_t n = socket.read_some(boost::asio::buffer(buffer), ec);
-    return fed(ec, n);
+    if (n == 0)
+      ec = boost::asio::error::eof;
+    else if (n < 0)
+      ec.assign(errno, boost::system::system_category());
+    return fed(ec, n > 0 ? static_cast<size_t>(n) : 0);
   }
 
   bool fed(const boost::system::error_code &ec, size_t n) {

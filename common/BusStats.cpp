@@ -75,17 +75,19 @@ std::string formatRates(const BusRates &rates) {
 void ChannelLoad::add(const Frame &frame) {
   const busbits::FrameShape shape = busbits::shapeOf(frame);
   const busbits::FrameBits bits = busbits::onWire(shape);
-  const uint32_t dataRate = rates_.data != 0 ? rates_.data : rates_.nominal;
   ++current_.frames;
   current_.bits += bits.total();
   current_.payloadBits += 8u * busbits::payloadBytes(shape);
   current_.dataPhaseBits += bits.data;
-  current_.busSeconds += static_cast<double>(bits.nominal) / rates_.nominal +
-                         static_cast<double>(bits.data) / dataRate;
   ++totalFrames_;
 }
 
 LoadInterval ChannelLoad::close(double seconds) {
+  // The bits' time once per interval rather than two divisions a frame.
+  const uint32_t dataRate = rates_.data != 0 ? rates_.data : rates_.nominal;
+  current_.busSeconds =
+      static_cast<double>(current_.bits - current_.dataPhaseBits) / rates_.nominal +
+      static_cast<double>(current_.dataPhaseBits) / dataRate;
   current_.seconds = seconds;
   last_ = current_;
   current_ = LoadInterval{};

@@ -35,7 +35,7 @@ struct LoadInterval {
   uint64_t bits = 0;        // on the wire, stuff bits and interframe space included
   uint64_t payloadBits = 0; // data bytes only
   uint64_t dataPhaseBits = 0;
-  double busSeconds = 0; // the time those bits held the bus
+  double busSeconds = 0; // the time those bits held the bus (set at the close)
   double seconds = 0;    // the interval's length
   double percent() const { return seconds > 0 ? 100.0 * busSeconds / seconds : 0.0; }
   double framesPerSecond() const { return seconds > 0 ? frames / seconds : 0.0; }

@@ -39,57 +39,45 @@ uint16_t crc15Step(uint16_t crc, bool bit) {
   return feedback ? crc ^ 0x4599 : crc;
 }
 
-// Whole data bytes go through tables: a full CAN FD bus carries 56,000
+constexpr unsigned kStuffStates = 2 * (kStuffRun + 1);
+unsigned stateIndex(StuffState s) { return s.run * 2u + s.last; }
+
+// What `kWidth` bits of every value do from every stuffing state, for whole
+// data bytes and the header's fields: a full CAN FD bus carries 56,000
 // frames a second, and the live views count every one.
-struct ByteTables {
-  static constexpr unsigned kStates = 2 * (kStuffRun + 1);
-  uint8_t next[kStates][256];     // state index after the byte
-  uint8_t inserted[kStates][256]; // stuff bits inserted before and within it
-  uint16_t crc[256];
-  // The same for half a byte: the header's fields and the checksum are
-  // seldom whole bytes.
-  uint8_t nextNibble[kStates][16];
-  uint8_t insertedNibble[kStates][16];
-  uint16_t crcNibble[16];
+template <unsigned kWidth> struct ChunkTables {
+  static constexpr unsigned kValues = 1u << kWidth;
+  uint8_t next[kStuffStates][kValues];     // state index after the bits
+  uint8_t inserted[kStuffStates][kValues]; // stuff bits inserted before and among them
+  uint16_t crc[kValues];                   // what they add to the checksum register
 
-  static unsigned index(StuffState s) { return s.run * 2u + s.last; }
-
-  ByteTables() {
-    for (unsigned st = 0; st < kStates; ++st)
-      for (unsigned byte = 0; byte < 256; ++byte) {
+  ChunkTables() {
+    for (unsigned st = 0; st < kStuffStates; ++st)
+      for (unsigned value = 0; value < kValues; ++value) {
         StuffState s{static_cast<uint8_t>(st / 2), (st & 1u) != 0};
         unsigned n = 0;
-        for (unsigned i = 8; i-- > 0;)
-          n += stuffBit(s, ((byte >> i) & 1u) != 0);
-        next[st][byte] = static_cast<uint8_t>(index(s));
-        inserted[st][byte] = static_cast<uint8_t>(n);
+        for (unsigned i = kWidth; i-- > 0;)
+          n += stuffBit(s, ((value >> i) & 1u) != 0);
+        next[st][value] = static_cast<uint8_t>(stateIndex(s));
+        inserted[st][value] = static_cast<uint8_t>(n);
       }
-    for (unsigned st = 0; st < kStates; ++st)
-      for (unsigned nibble = 0; nibble < 16; ++nibble) {
-        StuffState s{static_cast<uint8_t>(st / 2), (st & 1u) != 0};
-        unsigned n = 0;
-        for (unsigned i = 4; i-- > 0;)
-          n += stuffBit(s, ((nibble >> i) & 1u) != 0);
-        nextNibble[st][nibble] = static_cast<uint8_t>(index(s));
-        insertedNibble[st][nibble] = static_cast<uint8_t>(n);
-      }
-    for (unsigned byte = 0; byte < 256; ++byte)
-      crc[byte] = crcOfZeros(static_cast<uint16_t>(byte << 7), 8);
-    for (unsigned nibble = 0; nibble < 16; ++nibble)
-      crcNibble[nibble] = crcOfZeros(static_cast<uint16_t>(nibble << 11), 4);
-  }
-
-  // The register after `bits` zero bits: what a table entry adds.
-  static uint16_t crcOfZeros(uint16_t c, int bits) {
-    for (int i = 0; i < bits; ++i)
-      c = crc15Step(c, false);
-    return c;
+    for (unsigned value = 0; value < kValues; ++value) {
+      auto c = static_cast<uint16_t>(value << (15 - kWidth));
+      for (unsigned i = 0; i < kWidth; ++i)
+        c = crc15Step(c, false);
+      crc[value] = c;
+    }
   }
 };
 
-const ByteTables &byteTables() {
-  static const ByteTables tables;
-  return tables;
+struct Tables {
+  ChunkTables<8> bytes;
+  ChunkTables<4> nibbles;
+};
+
+const Tables &tables() {
+  static const Tables t;
+  return t;
 }
 
 // Feeds the frame's bits in order and counts them per phase with the stuff
@@ -98,13 +86,14 @@ class StuffedBits {
 public:
   explicit StuffedBits(bool withCrc) : withCrc_(withCrc) {}
 
-  // Whole bytes of a field through the tables, the rest bit by bit.
+  // Whole bytes and nibbles of a field through the tables, the rest bit by
+  // bit.
   void put(uint32_t value, unsigned width) {
     for (; width >= 8; width -= 8)
-      putByte(static_cast<uint8_t>(value >> (width - 8)));
+      putChunk(tables().bytes, (value >> (width - 8)) & 0xFFu);
     if (width >= 4) {
       width -= 4;
-      putNibble((value >> width) & 0xFu);
+      putChunk(tables().nibbles, (value >> width) & 0xFu);
     }
     for (unsigned i = width; i-- > 0;) {
       const bool bit = ((value >> i) & 1u) != 0;
@@ -114,26 +103,7 @@ public:
     }
   }
 
-  void putByte(uint8_t byte) {
-    const ByteTables &t = byteTables();
-    const unsigned st = ByteTables::index(state_);
-    bits_[phase_] += 8u + t.inserted[st][byte];
-    const uint8_t next = t.next[st][byte];
-    state_ = StuffState{static_cast<uint8_t>(next / 2), (next & 1u) != 0};
-    if (withCrc_)
-      crc_ = static_cast<uint16_t>(((crc_ << 8) & 0x7FFF) ^ t.crc[((crc_ >> 7) ^ byte) & 0xFFu]);
-  }
-
-  void putNibble(unsigned nibble) {
-    const ByteTables &t = byteTables();
-    const unsigned st = ByteTables::index(state_);
-    bits_[phase_] += 4u + t.insertedNibble[st][nibble];
-    const uint8_t next = t.nextNibble[st][nibble];
-    state_ = StuffState{static_cast<uint8_t>(next / 2), (next & 1u) != 0};
-    if (withCrc_)
-      crc_ = static_cast<uint16_t>(((crc_ << 4) & 0x7FFF) ^
-                                   t.crcNibble[((crc_ >> 11) ^ nibble) & 0xFu]);
-  }
+  void putByte(uint8_t byte) { putChunk(tables().bytes, byte); }
 
   void setPhase(Phase p) { phase_ = p; }
   uint16_t crc() const { return crc_; }
@@ -149,6 +119,16 @@ public:
   }
 
 private:
+  template <unsigned kWidth> void putChunk(const ChunkTables<kWidth> &t, unsigned value) {
+    const unsigned st = stateIndex(state_);
+    bits_[phase_] += kWidth + t.inserted[st][value];
+    const uint8_t next = t.next[st][value];
+    state_ = StuffState{static_cast<uint8_t>(next / 2), (next & 1u) != 0};
+    if (withCrc_)
+      crc_ = static_cast<uint16_t>(((crc_ << kWidth) & 0x7FFF) ^
+                                   t.crc[((crc_ >> (15 - kWidth)) ^ value) & (t.kValues - 1)]);
+  }
+
   bool withCrc_;
   unsigned bits_[2] = {0, 0};
   Phase phase_ = kNominal;

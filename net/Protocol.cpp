@@ -39,6 +39,19 @@ constexpr CharTables makeCharTables() {
 constexpr CharTables kChars = makeCharTables();
 
 CharClass classOf(char c) { return kChars.kind[static_cast<unsigned char>(c)]; }
+
+// Whether any of 8 bytes needs a closer look: a bracket, or one outside
+// the printable range (the blanks other than space among them).
+bool plainText8(const char *p) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull;
+  constexpr uint64_t kHigh = 0x8080808080808080ull;
+  uint64_t w;
+  std::memcpy(&w, p, sizeof w);
+  auto hasZero = [](uint64_t v) { return ((v - kOnes) & ~v & kHigh) != 0; };
+  const bool low = ((w - kOnes * 0x20) & ~w & kHigh) != 0;            // a byte below 0x20
+  const bool high = (((w + kOnes * (0x7F - 0x7E)) | w) & kHigh) != 0; // above 0x7E
+  return !low && !high && !hasZero(w ^ (kOnes * '<')) && !hasZero(w ^ (kOnes * '>'));
+}
 int hexDigit(char c) { return kChars.hex[static_cast<unsigned char>(c)]; }
 
 bool parseHex(std::string_view text, size_t maxDigits, uint32_t &out) {
@@ -395,7 +408,12 @@ bool ElementReader::nextView(Kind &kind, std::string_view &text) {
     scanned_ = 0;
     return true;
   }
-  for (size_t p = start_ + 1 + scanned_; p < end; ++p) {
+  size_t p = start_ + 1 + scanned_;
+  // Eight at a time through the plain text, never past the longest element.
+  const size_t plainEnd = std::min(end, start_ + kMaxElement);
+  while (p + 8 <= plainEnd && plainText8(all.data() + p))
+    p += 8;
+  for (; p < end; ++p) {
     const char c = all[p];
     const CharClass k = classOf(c);
     if (k == CharClass::NotText)

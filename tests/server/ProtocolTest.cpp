@@ -77,7 +77,10 @@ TEST(ElementReader, ReportsStrayTextAndCutElementsAndGoesOn) {
 TEST(ElementReader, StopsAtBytesThatAreNotText) {
   for (const std::string &stream :
        {std::string("< echo >< ec\x01ho >< echo >"), std::string("\xff< echo >"),
-        std::string("< echo >\0< echo >", 17)}) {
+        std::string("< echo >\0< echo >", 17),
+        // deep in a long element, among the plain text read eight at a time
+        std::string("< frame 123 1.000001 0011223344\x7f >"),
+        std::string("< frame 123 1.000001 0011223344556677\x80 >")}) {
     ElementReader reader;
     reader.feed(stream.data(), stream.size());
     std::vector<Got> items = readAll(reader);

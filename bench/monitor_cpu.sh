@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: MIT
 # CPU of the whole `wcan busload` or `wcan top` on simulated type 66 buses at
 # full load (1 Mbit/s, one sender per bus sending 8-byte frames as fast as
-# the paced bus takes them), from the tool's utime+stime in /proc.
+# the paced bus takes them), from the tool's CPU time in /proc.
 #
 #   bench/monitor_cpu.sh WCAN TOOL IDS [SECONDS] [RUNS]
 #     TOOL  busload | top | busload-local | top-local
@@ -26,7 +26,6 @@ RUNS=${5:-3}
 WARMUP=3
 RATE=(--bitrate 1000000)
 TMUX_SOCKET=wcan-monitor-bench-$$
-TICKS=$(getconf CLK_TCK)
 case $IDS in
 one) ID=(--id 123) ;;
 random) ID=(--id r) ;;
@@ -44,15 +43,15 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# utime+stime in clock ticks of one task's stat file (the name may hold
-# blanks: fields count from after its closing parenthesis).
-ticks_of() { sed 's/.*) //' "$1" | awk '{ print $12 + $13 }'; }
+# A task's time on a CPU in nanoseconds (user and system, as utime+stime in
+# its stat file, but not rounded to clock ticks: 10 s of 3 % are only 30).
+ns_of() { cut -d' ' -f1 "$1" 2>/dev/null || echo 0; }
 
-# "total main" ticks of a process.
-process_ticks() {
+# "total main" nanoseconds of a process: all its threads, and the main one.
+process_ns() {
   local total=0 t
-  for t in /proc/"$1"/task/*/stat; do total=$((total + $(ticks_of "$t" 2>/dev/null || echo 0))); done
-  echo "$total $(ticks_of /proc/"$1"/task/"$1"/stat)"
+  for t in /proc/"$1"/task/*/schedstat; do total=$((total + $(ns_of "$t"))); done
+  echo "$total $(ns_of /proc/"$1"/task/"$1"/schedstat)"
 }
 
 start_remote() {
@@ -141,19 +140,19 @@ run_once() {
   if [[ $TOOL == *-local ]]; then start_local; else start_remote; fi
   start_tool
   sleep "$WARMUP"
-  read -r total0 main0 < <(process_ticks "$TOOL_PID")
+  read -r total0 main0 < <(process_ns "$TOOL_PID")
   measure_wait
-  read -r total1 main1 < <(process_ticks "$TOOL_PID")
+  read -r total1 main1 < <(process_ns "$TOOL_PID")
   local fps
   fps=$(frames_per_second)
-  awk -v t="$((total1 - total0))" -v m="$((main1 - main0))" -v hz="$TICKS" -v s="$SECONDS_RUN" \
+  awk -v t="$((total1 - total0))" -v m="$((main1 - main0))" -v ns=1e9 -v s="$SECONDS_RUN" \
     -v fps="$fps" -v tool="$TOOL" -v ids="$IDS" -v local="${TOOL#*-}" -v load="$(cut -d' ' -f1-3 /proc/loadavg)" '
     BEGIN {
-      cpu = 100 * t / hz / s
-      us = fps > 0 ? 1e6 * t / hz / (fps * s) : 0
+      cpu = 100 * t / ns / s
+      us = fps > 0 ? 1e6 * t / ns / (fps * s) : 0
       printf "%-13s %-6s %5.2f %% %5.2f us/frame %6d frames/s", tool, ids, cpu, us, fps
       if (local == "local")
-        printf "  tool %5.2f %% library %5.2f %%", 100 * m / hz / s, 100 * (t - m) / hz / s
+        printf "  tool %5.2f %% library %5.2f %%", 100 * m / ns / s, 100 * (t - m) / ns / s
       printf "  load %s\n", load
     }'
   cleanup

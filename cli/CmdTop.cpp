@@ -59,8 +59,7 @@ void collect(LiveFeed &feed, TopView &view, Clock::time_point until) {
   while (!stopRequested() && Clock::now() < until) {
     frames.clear();
     feed.poll(frames, 20);
-    for (const LiveFrame &f : frames)
-      view.add(f);
+    view.add(frames);
     if (Clock::now() - lastCheck >= kLoadInterval) {
       feed.checkLink();
       lastCheck = Clock::now();
@@ -190,8 +189,7 @@ int runScreen(LiveFeed &feed, TopView &view) {
   while (!stopRequested()) {
     frames.clear();
     feed.poll(frames, 20);
-    for (const LiveFrame &f : frames)
-      view.add(f);
+    view.add(frames);
     for (int k = screen.key(); k != -1; k = screen.key()) {
       if (!screen.isResize(k) && !keys.handle(k))
         return kExitOk;

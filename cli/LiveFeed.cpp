@@ -136,25 +136,33 @@ public:
     const auto start = Clock::now();
     bool full = false;
     for (size_t i = 0; i < clients_.size(); ++i) {
-      batch_.clear();
       // One server: wait on its only connection instead of sleeping.
-      receiveRemote(*clients_[i], batch_, clients_.size() == 1 ? waitMs : 0);
-      received_[i] += batch_.size();
-      full = batch_.size() >= kFullBatch || full;
-      for (const RxFrame &rx : batch_)
-        out.push_back({static_cast<unsigned>(i), rx.frame, rx.epochUs});
+      const size_t got = receive(i, out, clients_.size() == 1 ? waitMs : 0);
+      received_[i] += got;
+      full = got >= kFullBatch || full;
     }
     if (!full && clients_.size() > 1)
       sleepRest(start, waitMs);
   }
 
 private:
+  // Up to a full batch of bus i's frames straight into `out`, with the
+  // server's time stamps.
+  size_t receive(size_t i, std::vector<LiveFrame> &out, int waitMs) {
+    size_t got = 0;
+    for (std::optional<net::ReceivedFrame> rx = clients_[i]->nextFrame(waitMs); rx;
+         rx = got < kFullBatch ? clients_[i]->nextFrame(0) : std::nullopt) {
+      out.push_back({static_cast<unsigned>(i), rx->frame, epochUsOf(rx->time)});
+      ++got;
+    }
+    return got;
+  }
+
   static constexpr unsigned kStatisticsMs = 1000;
   std::vector<std::unique_ptr<net::Client>> clients_;
   std::vector<std::unique_ptr<net::Client>> counters_; // control mode
   std::vector<uint64_t> received_;
   std::vector<LossEstimate> losses_;
-  std::vector<RxFrame> batch_;
 };
 
 std::vector<unsigned> channelNumbers(const Args &args, const DeviceType &type,

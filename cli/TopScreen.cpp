@@ -157,7 +157,8 @@ size_t TopScreen::draw(const TopView &view, const std::vector<LiveChannel> &chan
   for (size_t i = 0; i < channels.size(); ++i)
     drawLine(static_cast<int>(i) + 1, view.channelLine(i, channels[i]));
   drawLine(headerRows - 1, view.columnHeader(), A_REVERSE);
-  const std::vector<TopRow> rows = view.rows(nowUs);
+  // No more rows than lines can show.
+  const std::vector<TopRow> rows = view.rows(nowUs, static_cast<size_t>(std::max(LINES, 0)));
   const int room = LINES - headerRows - 1 - drawSignals(view, rows);
   for (int i = 0; i < room && i < static_cast<int>(rows.size()); ++i) {
     const TopRow &r = rows[static_cast<size_t>(i)];

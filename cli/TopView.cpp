@@ -39,6 +39,17 @@ void TopView::add(const LiveFrame &f) {
   table_.add(f.channel, f.frame, f.timeUs);
 }
 
+void TopView::add(const std::vector<LiveFrame> &frames) {
+  constexpr size_t kAhead = 8;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    if (i + 2 * kAhead < frames.size())
+      table_.prefetchPlace(frames[i + 2 * kAhead].channel, frames[i + 2 * kAhead].frame);
+    if (i + kAhead < frames.size())
+      table_.prefetch(frames[i + kAhead].channel, frames[i + kAhead].frame);
+    add(frames[i]);
+  }
+}
+
 void TopView::closeInterval(double seconds) {
   for (ChannelLoad &l : loads_)
     l.close(seconds);
@@ -63,10 +74,11 @@ std::string TopView::columnHeader() const {
   return buf;
 }
 
-std::vector<TopRow> TopView::rows(int64_t nowUs) const {
-  std::vector<TopRow> out;
-  for (const IdEntry *e : table_.rows(filter_, sort))
-    out.push_back({e, table_.faded(*e, nowUs)});
+std::vector<TopRow> TopView::rows(int64_t nowUs, size_t ordered) const {
+  const std::vector<const IdEntry *> entries = table_.rows(filter_, sort, ordered);
+  std::vector<TopRow> out(entries.size());
+  for (size_t i = 0; i < entries.size(); ++i)
+    out[i] = {entries[i], i < ordered && table_.faded(*entries[i], nowUs)};
   return out;
 }
 

@@ -4,6 +4,7 @@
 // `--once` both print.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ public:
           const dbc::Database *db = nullptr);
 
   void add(const LiveFrame &f);
+  void add(const std::vector<LiveFrame> &frames);
   // Closes the load interval of every channel (about once a second).
   void closeInterval(double seconds);
   void expire(int64_t nowUs) { table_.expire(nowUs); }
@@ -44,9 +46,10 @@ public:
   // link state.
   std::string channelLine(size_t channel, const LiveChannel &ch) const;
   std::string columnHeader() const;
-  // Sorted and filtered; cheap enough for a table of thousands 10 times a
-  // second, as long as only the rows shown are formatted.
-  std::vector<TopRow> rows(int64_t nowUs) const;
+  // Filtered, the first `ordered` sorted (a screen's worth: the rest are
+  // only counted); cheap enough for a table of thousands 10 times a second,
+  // as long as only the rows shown are formatted.
+  std::vector<TopRow> rows(int64_t nowUs, size_t ordered = SIZE_MAX) const;
   // A row's columns from channel to age, fixed widths.
   std::string columns(const IdEntry &e, int64_t nowUs) const;
   // The data bytes of a row in hex ("DE AD BE EF"), and as ASCII.

@@ -39,38 +39,45 @@ uint16_t crc15Step(uint16_t crc, bool bit) {
   return feedback ? crc ^ 0x4599 : crc;
 }
 
-// Whole data bytes go through tables: a full CAN FD bus carries 56,000
+constexpr unsigned kStuffStates = 2 * (kStuffRun + 1);
+unsigned stateIndex(StuffState s) { return s.run * 2u + s.last; }
+
+// What `kWidth` bits of every value do from every stuffing state, for whole
+// data bytes and the header's fields: a full CAN FD bus carries 56,000
 // frames a second, and the live views count every one.
-struct ByteTables {
-  static constexpr unsigned kStates = 2 * (kStuffRun + 1);
-  uint8_t next[kStates][256];     // state index after the byte
-  uint8_t inserted[kStates][256]; // stuff bits inserted before and within it
-  uint16_t crc[256];
+template <unsigned kWidth> struct ChunkTables {
+  static constexpr unsigned kValues = 1u << kWidth;
+  uint8_t next[kStuffStates][kValues];     // state index after the bits
+  uint8_t inserted[kStuffStates][kValues]; // stuff bits inserted before and among them
+  uint16_t crc[kValues];                   // what they add to the checksum register
 
-  static unsigned index(StuffState s) { return s.run * 2u + s.last; }
-
-  ByteTables() {
-    for (unsigned st = 0; st < kStates; ++st)
-      for (unsigned byte = 0; byte < 256; ++byte) {
+  ChunkTables() {
+    for (unsigned st = 0; st < kStuffStates; ++st)
+      for (unsigned value = 0; value < kValues; ++value) {
         StuffState s{static_cast<uint8_t>(st / 2), (st & 1u) != 0};
         unsigned n = 0;
-        for (unsigned i = 8; i-- > 0;)
-          n += stuffBit(s, ((byte >> i) & 1u) != 0);
-        next[st][byte] = static_cast<uint8_t>(index(s));
-        inserted[st][byte] = static_cast<uint8_t>(n);
+        for (unsigned i = kWidth; i-- > 0;)
+          n += stuffBit(s, ((value >> i) & 1u) != 0);
+        next[st][value] = static_cast<uint8_t>(stateIndex(s));
+        inserted[st][value] = static_cast<uint8_t>(n);
       }
-    for (unsigned byte = 0; byte < 256; ++byte) {
-      uint16_t c = static_cast<uint16_t>(byte << 7);
-      for (int i = 0; i < 8; ++i)
+    for (unsigned value = 0; value < kValues; ++value) {
+      auto c = static_cast<uint16_t>(value << (15 - kWidth));
+      for (unsigned i = 0; i < kWidth; ++i)
         c = crc15Step(c, false);
-      crc[byte] = c;
+      crc[value] = c;
     }
   }
 };
 
-const ByteTables &byteTables() {
-  static const ByteTables tables;
-  return tables;
+struct Tables {
+  ChunkTables<8> bytes;
+  ChunkTables<4> nibbles;
+};
+
+const Tables &tables() {
+  static const Tables t;
+  return t;
 }
 
 // Feeds the frame's bits in order and counts them per phase with the stuff
@@ -79,7 +86,15 @@ class StuffedBits {
 public:
   explicit StuffedBits(bool withCrc) : withCrc_(withCrc) {}
 
+  // Whole bytes and nibbles of a field through the tables, the rest bit by
+  // bit.
   void put(uint32_t value, unsigned width) {
+    for (; width >= 8; width -= 8)
+      putChunk(tables().bytes, (value >> (width - 8)) & 0xFFu);
+    if (width >= 4) {
+      width -= 4;
+      putChunk(tables().nibbles, (value >> width) & 0xFu);
+    }
     for (unsigned i = width; i-- > 0;) {
       const bool bit = ((value >> i) & 1u) != 0;
       bits_[phase_] += 1 + stuffBit(state_, bit);
@@ -88,15 +103,7 @@ public:
     }
   }
 
-  void putByte(uint8_t byte) {
-    const ByteTables &t = byteTables();
-    const unsigned st = ByteTables::index(state_);
-    bits_[phase_] += 8u + t.inserted[st][byte];
-    const uint8_t next = t.next[st][byte];
-    state_ = StuffState{static_cast<uint8_t>(next / 2), (next & 1u) != 0};
-    if (withCrc_)
-      crc_ = static_cast<uint16_t>(((crc_ << 8) & 0x7FFF) ^ t.crc[((crc_ >> 7) ^ byte) & 0xFFu]);
-  }
+  void putByte(uint8_t byte) { putChunk(tables().bytes, byte); }
 
   void setPhase(Phase p) { phase_ = p; }
   uint16_t crc() const { return crc_; }
@@ -112,6 +119,16 @@ public:
   }
 
 private:
+  template <unsigned kWidth> void putChunk(const ChunkTables<kWidth> &t, unsigned value) {
+    const unsigned st = stateIndex(state_);
+    bits_[phase_] += kWidth + t.inserted[st][value];
+    const uint8_t next = t.next[st][value];
+    state_ = StuffState{static_cast<uint8_t>(next / 2), (next & 1u) != 0};
+    if (withCrc_)
+      crc_ = static_cast<uint16_t>(((crc_ << kWidth) & 0x7FFF) ^
+                                   t.crc[((crc_ >> (15 - kWidth)) ^ value) & (t.kValues - 1)]);
+  }
+
   bool withCrc_;
   unsigned bits_[2] = {0, 0};
   Phase phase_ = kNominal;
@@ -145,19 +162,17 @@ unsigned fdWireLength(unsigned len) {
 // Start of frame and the identifier up to the bit that ends arbitration's
 // identifier part; the bit after the base identifier is RTR/RRS when
 // standard and SRR (recessive) when extended.
+// (Fields go out together, as few calls as can take them whole.)
 void putIdentifier(StuffedBits &b, const FrameShape &f, bool rtrOrRrs) {
-  b.put(0, 1);
+  const uint32_t base = f.extended ? (f.id >> 18) & 0x7FFu : f.id & 0x7FFu;
   if (!f.extended) {
-    b.put(f.id & 0x7FFu, 11);
-    b.put(rtrOrRrs, 1);
-    b.put(0, 1); // IDE
+    // SOF, identifier, RTR/RRS, IDE (dominant)
+    b.put(base << 2 | uint32_t{rtrOrRrs} << 1, 1 + 11 + 1 + 1);
     return;
   }
-  b.put((f.id >> 18) & 0x7FFu, 11);
-  b.put(1, 1); // SRR
-  b.put(1, 1); // IDE
-  b.put(f.id & 0x3FFFFu, 18);
-  b.put(rtrOrRrs, 1);
+  // SOF, base identifier, SRR and IDE (recessive); extension, RTR/RRS
+  b.put(base << 2 | 3u, 1 + 11 + 1 + 1);
+  b.put((f.id & 0x3FFFFu) << 1 | uint32_t{rtrOrRrs}, 18 + 1);
 }
 
 // Bytes a CAN FD length code rounds up to go out as zeros.
@@ -170,8 +185,8 @@ void putData(StuffedBits &b, const FrameShape &f, unsigned wireLen) {
 FrameBits classicBits(const FrameShape &f) {
   StuffedBits b(true);
   putIdentifier(b, f, f.remote);
-  b.put(0, f.extended ? 2 : 1); // r1 r0, or r0
-  b.put(std::min<unsigned>(f.len, 15), 4);
+  // r1 r0, or r0, and the length code
+  b.put(std::min<unsigned>(f.len, 15), (f.extended ? 2 : 1) + 4);
   putData(b, f, payloadBytes(f));
   b.put(b.crc(), 15);
   b.endDynamicStuffing(true);
@@ -183,14 +198,11 @@ FrameBits fdBits(const FrameShape &f) {
   // The checksum of a CAN FD frame is fixed-stuffed: its value changes
   // nothing.
   StuffedBits b(false);
-  putIdentifier(b, f, false); // RRS
-  b.put(1, 1);                // FDF
-  b.put(0, 1);                // res
-  b.put(f.brs, 1);
+  putIdentifier(b, f, false);         // RRS
+  b.put(0b100u | uint32_t{f.brs}, 3); // FDF, res, BRS
   if (f.brs)
     b.setPhase(kData);
-  b.put(0, 1); // ESI: error active
-  b.put(lengthCode(len), 4);
+  b.put(lengthCode(len), 1 + 4); // ESI (error active) and the length code
   putData(b, f, len);
   b.endDynamicStuffing(false);
   // Stuff count (three bits and parity), the checksum, and a fixed stuff bit

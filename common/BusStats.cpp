@@ -15,6 +15,11 @@ uint64_t entryKey(unsigned channel, uint32_t id, bool extended) {
   return uint64_t{channel} << 32 | uint64_t{extended} << 31 | id;
 }
 
+// A standard identifier's place among those of every channel.
+size_t standardPlace(unsigned channel, uint32_t id) {
+  return size_t{channel} * (kMaxStandardId + 1) + (id & kMaxStandardId);
+}
+
 uint64_t changedBytes(const IdEntry &before, const Frame &f) {
   uint64_t mask = 0;
   for (unsigned i = 0; i < f.len; ++i)
@@ -70,17 +75,19 @@ std::string formatRates(const BusRates &rates) {
 void ChannelLoad::add(const Frame &frame) {
   const busbits::FrameShape shape = busbits::shapeOf(frame);
   const busbits::FrameBits bits = busbits::onWire(shape);
-  const uint32_t dataRate = rates_.data != 0 ? rates_.data : rates_.nominal;
   ++current_.frames;
   current_.bits += bits.total();
   current_.payloadBits += 8u * busbits::payloadBytes(shape);
   current_.dataPhaseBits += bits.data;
-  current_.busSeconds += static_cast<double>(bits.nominal) / rates_.nominal +
-                         static_cast<double>(bits.data) / dataRate;
   ++totalFrames_;
 }
 
 LoadInterval ChannelLoad::close(double seconds) {
+  // The bits' time once per interval rather than two divisions a frame.
+  const uint32_t dataRate = rates_.data != 0 ? rates_.data : rates_.nominal;
+  current_.busSeconds =
+      static_cast<double>(current_.bits - current_.dataPhaseBits) / rates_.nominal +
+      static_cast<double>(current_.dataPhaseBits) / dataRate;
   current_.seconds = seconds;
   last_ = current_;
   current_ = LoadInterval{};
@@ -180,12 +187,86 @@ const char *sortName(SortKey key) {
   return "id";
 }
 
+size_t IdTable::slotOf(uint64_t key) const {
+  // Fibonacci hashing spreads neighbouring identifiers over the table.
+  const unsigned bits = static_cast<unsigned>(__builtin_ctzll(slots_.size()));
+  size_t slot = static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> (64 - bits));
+  const size_t mask = slots_.size() - 1;
+  while (slots_[slot].index != 0 && slots_[slot].key != key)
+    slot = (slot + 1) & mask;
+  return slot;
+}
+
+uint32_t &IdTable::standardIndex(unsigned channel, uint32_t id) {
+  const size_t at = standardPlace(channel, id);
+  if (at >= standard_.size())
+    standard_.resize(standardPlace(channel + 1, 0), 0);
+  return standard_[at];
+}
+
+uint32_t &IdTable::extendedIndex(uint64_t key) {
+  constexpr size_t kFirstSlots = 256;
+  if (slots_.empty())
+    slots_.resize(kFirstSlots);
+  size_t slot = slotOf(key);
+  // At most half full, so that a miss ends soon.
+  if (slots_[slot].index == 0 && 2 * (extendedCount_ + 1) > slots_.size()) {
+    reindex(2 * slots_.size());
+    slot = slotOf(key);
+  }
+  slots_[slot].key = key;
+  return slots_[slot].index;
+}
+
+void IdTable::reindex(size_t slotCount) {
+  std::fill(standard_.begin(), standard_.end(), 0);
+  slots_.assign(slotCount, Slot{});
+  extendedCount_ = 0;
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    const IdEntry &e = entries_[i];
+    const auto index = static_cast<uint32_t>(i + 1);
+    if (e.extended) {
+      slots_[slotOf(entryKey(e.channel, e.id, true))] = {entryKey(e.channel, e.id, true), index};
+      ++extendedCount_;
+    } else {
+      standardIndex(e.channel, e.id) = index;
+    }
+  }
+}
+
+IdEntry &IdTable::entryFor(unsigned channel, const Frame &f) {
+  uint32_t &index =
+      f.extended ? extendedIndex(entryKey(channel, f.id, true)) : standardIndex(channel, f.id);
+  if (index != 0)
+    return entries_[index - 1];
+  entries_.emplace_back();
+  index = static_cast<uint32_t>(entries_.size());
+  extendedCount_ += f.extended ? 1 : 0;
+  IdEntry &e = entries_.back();
+  e.channel = channel;
+  e.id = f.id;
+  e.extended = f.extended;
+  return e;
+}
+
+void IdTable::prefetchPlace(unsigned channel, const Frame &f) const {
+  const size_t at = standardPlace(channel, f.id);
+  if (!f.extended && at < standard_.size())
+    __builtin_prefetch(&standard_[at]);
+}
+
+void IdTable::prefetch(unsigned channel, const Frame &f) const {
+  const size_t at = standardPlace(channel, f.id);
+  if (f.extended || at >= standard_.size() || standard_[at] == 0)
+    return;
+  __builtin_prefetch(&entries_[standard_[at] - 1], 1);
+}
+
 void IdTable::add(unsigned channel, const Frame &f, int64_t timeUs) {
-  IdEntry &e = entries_[entryKey(channel, f.id, f.extended)];
+  if (entries_.empty())
+    oldestUs_ = timeUs;
+  IdEntry &e = entryFor(channel, f);
   if (e.count == 0) {
-    e.channel = channel;
-    e.id = f.id;
-    e.extended = f.extended;
     e.firstUs = timeUs;
     e.changed = 0;
   } else {
@@ -202,25 +283,43 @@ void IdTable::add(unsigned channel, const Frame &f, int64_t timeUs) {
   std::copy_n(f.data.begin(), busbits::payloadBytes(busbits::shapeOf(f)), e.data.begin());
   e.lastUs = timeUs;
   ++e.count;
+  // Time stamps of several channels need not rise together.
+  oldestUs_ = std::min(oldestUs_, timeUs);
 }
 
 void IdTable::expire(int64_t nowUs) {
-  if (timeoutUs_ <= 0)
+  if (timeoutUs_ <= 0 || entries_.empty() || nowUs - oldestUs_ < timeoutUs_)
     return;
-  for (auto it = entries_.begin(); it != entries_.end();)
-    it = nowUs - it->second.lastUs >= timeoutUs_ ? entries_.erase(it) : std::next(it);
+  const auto gone = std::remove_if(entries_.begin(), entries_.end(), [&](const IdEntry &e) {
+    return nowUs - e.lastUs >= timeoutUs_;
+  });
+  if (gone != entries_.end()) {
+    entries_.erase(gone, entries_.end());
+    reindex(slots_.size());
+  }
+  oldestUs_ = nowUs;
+  for (const IdEntry &e : entries_)
+    oldestUs_ = std::min(oldestUs_, e.lastUs);
+}
+
+void IdTable::clear() {
+  entries_.clear();
+  standard_.clear();
+  slots_.clear();
+  extendedCount_ = 0;
 }
 
 bool IdTable::faded(const IdEntry &e, int64_t nowUs) const {
   return timeoutUs_ > 0 && nowUs - e.lastUs >= timeoutUs_ / 2;
 }
 
-std::vector<const IdEntry *> IdTable::rows(const IdFilter &filter, SortKey key) const {
+std::vector<const IdEntry *> IdTable::rows(const IdFilter &filter, SortKey key,
+                                           size_t ordered) const {
   std::vector<const IdEntry *> rows;
   rows.reserve(entries_.size());
-  for (const auto &kv : entries_)
-    if (filter.passes(kv.second.id))
-      rows.push_back(&kv.second);
+  for (const IdEntry &e : entries_)
+    if (filter.passes(e.id))
+      rows.push_back(&e);
   auto byId = [](const IdEntry *a, const IdEntry *b) {
     return std::tie(a->channel, a->extended, a->id) < std::tie(b->channel, b->extended, b->id);
   };
@@ -243,7 +342,11 @@ std::vector<const IdEntry *> IdTable::rows(const IdFilter &filter, SortKey key) 
     }
     return byId(a, b);
   };
-  std::sort(rows.begin(), rows.end(), order);
+  if (ordered >= rows.size())
+    std::sort(rows.begin(), rows.end(), order);
+  else
+    std::partial_sort(rows.begin(), rows.begin() + static_cast<std::ptrdiff_t>(ordered), rows.end(),
+                      order);
   return rows;
 }
 

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "net/Client.h"
 
+#include <sys/socket.h>
+
 #include <boost/asio.hpp>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -58,7 +61,8 @@ struct Client::Connection {
   boost::asio::io_context io;
   boost::asio::ip::tcp::socket socket{io};
   ElementReader reader;
-  std::array<char, 16384> buffer;
+  // Large reads: a server with 8 busy buses writes megabytes a second.
+  std::array<char, 65536> buffer;
   std::vector<std::string> errors;
   std::string name;
 
@@ -84,6 +88,8 @@ struct Client::Connection {
 
   // Reads once, waiting until `deadline` (none: no limit); false on time-out.
   bool readSome(std::optional<Clock::time_point> deadline) {
+    if (deadline && *deadline <= Clock::now())
+      return readWaiting();
     size_t n = 0;
     const boost::system::error_code ec = await(
         [&](boost::system::error_code &result) {
@@ -96,6 +102,24 @@ struct Client::Connection {
         deadline);
     if (ec == boost::asio::error::operation_aborted)
       return false;
+    return fed(ec, n);
+  }
+
+  // What has arrived, without waiting and without the event loop: a view
+  // of several buses polls each connection every few milliseconds.
+  bool readWaiting() {
+    const ssize_t n = ::recv(socket.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+      return false;
+    boost::system::error_code ec;
+    if (n == 0)
+      ec = boost::asio::error::eof;
+    else if (n < 0)
+      ec.assign(errno, boost::system::system_category());
+    return fed(ec, n > 0 ? static_cast<size_t>(n) : 0);
+  }
+
+  bool fed(const boost::system::error_code &ec, size_t n) {
     if (ec == boost::asio::error::eof)
       throw ToolError{"the server closed the connection to " + name};
     if (ec)
@@ -126,23 +150,31 @@ struct Client::Connection {
 
   // The next element; nothing when none came within waitMs (-1: no limit).
   std::optional<std::string> nextElement(int waitMs) {
+    std::string_view text;
+    if (!nextElementView(waitMs, text))
+      return std::nullopt;
+    return std::string(text);
+  }
+
+  // The same as a view into the reader, valid until the next read.
+  bool nextElementView(int waitMs, std::string_view &text) {
     // The clock only once the buffered elements are used up: a busy bus
     // delivers many per read.
     std::optional<Clock::time_point> deadline;
     bool timed = false;
-    ElementReader::Item item;
+    ElementReader::Kind kind;
     for (;;) {
-      while (reader.next(item)) {
-        if (item.kind == ElementReader::Kind::Broken)
-          throw ToolError{name + " sent " + item.text};
-        if (item.kind == ElementReader::Kind::Element)
-          return item.text;
+      while (reader.nextView(kind, text)) {
+        if (kind == ElementReader::Kind::Broken)
+          throw ToolError{name + " sent " + std::string(text)};
+        if (kind == ElementReader::Kind::Element)
+          return true;
       }
       if (!timed && waitMs >= 0)
         deadline = Clock::now() + std::chrono::milliseconds(waitMs);
       timed = true;
       if (!readSome(deadline))
-        return std::nullopt;
+        return false;
     }
   }
 
@@ -170,7 +202,7 @@ struct Client::Connection {
   }
 
   // Keeps the reason of an error reply.
-  void keepIfError(const std::string &text) {
+  void keepIfError(std::string_view text) {
     const std::vector<std::string_view> words = splitWords(text);
     if (words.empty() || words[0] != "error")
       return;
@@ -224,13 +256,13 @@ std::optional<Client::Statistics> Client::latestStatistics() {
 std::optional<ReceivedFrame> Client::nextFrame(int waitMs) {
   std::optional<Clock::time_point> deadline; // from the first element that is no frame
   for (int wait = waitMs;;) {
-    std::optional<std::string> text = c_->nextElement(wait);
-    if (!text)
+    std::string_view text;
+    if (!c_->nextElementView(wait, text))
       return std::nullopt;
     ReceivedFrame rx;
-    if (parseFrameElement(*text, rx.frame, rx.time))
+    if (parseFrameElement(text, rx.frame, rx.time))
       return rx;
-    c_->keepIfError(*text);
+    c_->keepIfError(text);
     if (!deadline)
       deadline = Clock::now() + std::chrono::milliseconds(waitMs);
     const auto left =

@@ -9,10 +9,50 @@ namespace {
 
 constexpr char kHex[] = "0123456789ABCDEF";
 
-bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+constexpr bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
 // Printable ASCII and the blanks; anything else is not protocol text.
-bool isText(char c) { return (c >= 0x20 && c <= 0x7E) || isBlank(c); }
+constexpr bool isText(char c) { return (c >= 0x20 && c <= 0x7E) || isBlank(c); }
+
+// What the readers look up per character: a client with several busy buses
+// reads a few megabytes of elements a second.
+enum class CharClass : uint8_t { Text, Bracket, NotText };
+struct CharTables {
+  CharClass kind[256];
+  int8_t hex[256]; // -1: no hex digit
+};
+
+constexpr CharTables makeCharTables() {
+  CharTables t{};
+  for (int i = 0; i < 256; ++i) {
+    const char c = static_cast<char>(i);
+    t.kind[i] = c == '<' || c == '>' ? CharClass::Bracket
+                : isText(c)          ? CharClass::Text
+                                     : CharClass::NotText;
+    t.hex[i] = static_cast<int8_t>(i >= '0' && i <= '9'   ? i - '0'
+                                   : i >= 'a' && i <= 'f' ? i - 'a' + 10
+                                   : i >= 'A' && i <= 'F' ? i - 'A' + 10
+                                                          : -1);
+  }
+  return t;
+}
+constexpr CharTables kChars = makeCharTables();
+
+CharClass classOf(char c) { return kChars.kind[static_cast<unsigned char>(c)]; }
+
+// Whether any of 8 bytes needs a closer look: a bracket, or one outside
+// the printable range (the blanks other than space among them).
+bool plainText8(const char *p) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull;
+  constexpr uint64_t kHigh = 0x8080808080808080ull;
+  uint64_t w;
+  std::memcpy(&w, p, sizeof w);
+  auto hasZero = [](uint64_t v) { return ((v - kOnes) & ~v & kHigh) != 0; };
+  const bool low = ((w - kOnes * 0x20) & ~w & kHigh) != 0;            // a byte below 0x20
+  const bool high = (((w + kOnes * (0x7F - 0x7E)) | w) & kHigh) != 0; // above 0x7E
+  return !low && !high && !hasZero(w ^ (kOnes * '<')) && !hasZero(w ^ (kOnes * '>'));
+}
+int hexDigit(char c) { return kChars.hex[static_cast<unsigned char>(c)]; }
 
 bool parseHex(std::string_view text, size_t maxDigits, uint32_t &out) {
   return parseHexNumber(text, maxDigits, out);
@@ -61,6 +101,82 @@ void appendHead(std::string &out, const char *verb, LogTime time, const Frame &f
   out += ' ';
   appendTime(out, time);
   out += ' ';
+}
+
+// Cuts the words off an element one at a time, without a copy.
+class WordCursor {
+public:
+  explicit WordCursor(std::string_view text) : rest_(text) {}
+
+  bool next(std::string_view &word) {
+    skipBlanks();
+    size_t end = 0;
+    while (end < rest_.size() && !isBlank(rest_[end]))
+      ++end;
+    word = rest_.substr(0, end);
+    rest_.remove_prefix(end);
+    return end > 0;
+  }
+  bool atEnd() {
+    skipBlanks();
+    return rest_.empty();
+  }
+
+private:
+  void skipBlanks() {
+    while (!rest_.empty() && isBlank(rest_.front()))
+      rest_.remove_prefix(1);
+  }
+  std::string_view rest_;
+};
+
+// "SECONDS.MICROSECONDS"
+bool parseStamp(std::string_view stamp, LogTime &time) {
+  const size_t dot = stamp.find('.');
+  uint64_t secs = 0, micros = 0;
+  if (dot == std::string_view::npos || !parseDecimal(stamp.substr(0, dot), 20, secs) ||
+      !parseDecimal(stamp.substr(dot + 1), 6, micros))
+    return false;
+  time = {secs, static_cast<uint32_t>(micros)};
+  return true;
+}
+
+// Pairs of hex digits appended to the frame's data.
+bool appendDataWord(std::string_view word, Frame &out, unsigned maxLen) {
+  if (word.size() % 2 != 0 || out.len + word.size() / 2 > maxLen)
+    return false;
+  for (size_t p = 0; p < word.size(); p += 2) {
+    const int high = hexDigit(word[p]);
+    const int low = hexDigit(word[p + 1]);
+    if (high < 0 || low < 0)
+      return false;
+    out.data[out.len++] = static_cast<uint8_t>(high << 4 | low);
+  }
+  return true;
+}
+
+// The data of a frame element: one run of hex digits (raw) or one word per
+// byte (bcm); a raw CAN FD frame may end with its flag digit.
+bool parseFrameData(WordCursor &words, Frame &out) {
+  const unsigned maxLen = out.fd ? kMaxFdLen : kMaxClassicLen;
+  std::string_view first, second;
+  if (!words.next(first))
+    return true;
+  if (!words.next(second))
+    return appendDataWord(first, out, maxLen) && (!out.fd || isFdLength(out.len));
+  if (out.fd && second.size() == 1 && words.atEnd()) {
+    const int flags = hexDigit(second[0]);
+    if (flags < 0 || !appendDataWord(first, out, maxLen))
+      return false;
+    out.brs = (static_cast<unsigned>(flags) & kTextFlagBrs) != 0;
+    return isFdLength(out.len);
+  }
+  if (!appendDataWord(first, out, maxLen))
+    return false;
+  for (std::string_view word = second; !word.empty(); words.next(word))
+    if (!appendDataWord(word, out, maxLen))
+      return false;
+  return !out.fd || isFdLength(out.len);
 }
 
 // Requests with data bytes: the length decides how many words must follow.
@@ -231,18 +347,23 @@ constexpr Simple kSimpleVerbs[] = {
 } // namespace
 
 void ElementReader::feed(const char *data, size_t size) {
-  if (!broken_)
-    buffer_.append(data, size);
+  if (broken_)
+    return;
+  compact();
+  buffer_.append(data, size);
 }
 
-bool ElementReader::fail(Item &item, std::string why) {
+bool ElementReader::fail(Kind &kind, std::string_view &text, std::string why) {
   broken_ = true;
   buffer_.clear();
   start_ = scanned_ = 0;
-  item = {Kind::Broken, std::move(why)};
+  why_ = std::move(why);
+  kind = Kind::Broken;
+  text = why_;
   return true;
 }
 
+// Only where no view handed out can point: before new bytes or the next item.
 void ElementReader::compact() {
   if (start_ == buffer_.size()) {
     buffer_.clear();
@@ -254,8 +375,17 @@ void ElementReader::compact() {
 }
 
 bool ElementReader::next(Item &item) {
+  std::string_view text;
+  if (!nextView(item.kind, text))
+    return false;
+  item.text.assign(text.data(), text.size());
+  return true;
+}
+
+bool ElementReader::nextView(Kind &kind, std::string_view &text) {
   if (broken_)
     return false;
+  compact();
   while (start_ < buffer_.size() && isBlank(buffer_[start_]))
     ++start_;
   if (start_ == buffer_.size()) {
@@ -263,33 +393,41 @@ bool ElementReader::next(Item &item) {
     scanned_ = 0;
     return false;
   }
-  const size_t end = buffer_.size();
-  if (buffer_[start_] != '<') {
+  const std::string_view all = buffer_;
+  const size_t end = all.size();
+  if (all[start_] != '<') {
     size_t p = start_;
-    while (p < end && buffer_[p] != '<' && !isBlank(buffer_[p])) {
-      if (!isText(buffer_[p]))
-        return fail(item, "bytes that are not protocol text");
+    while (p < end && all[p] != '<' && !isBlank(all[p])) {
+      if (!isText(all[p]))
+        return fail(kind, text, "bytes that are not protocol text");
       ++p;
     }
-    item = {Kind::Stray, buffer_.substr(start_, p - start_)};
+    kind = Kind::Stray;
+    text = all.substr(start_, p - start_);
     start_ = p;
     scanned_ = 0;
     return true;
   }
-  for (size_t p = start_ + 1 + scanned_; p < end; ++p) {
-    const char c = buffer_[p];
-    if (!isText(c))
-      return fail(item, "bytes that are not protocol text");
-    if (c == '<' || c == '>') {
+  size_t p = start_ + 1 + scanned_;
+  // Eight at a time through the plain text, never past the longest element.
+  const size_t plainEnd = std::min(end, start_ + kMaxElement);
+  while (p + 8 <= plainEnd && plainText8(all.data() + p))
+    p += 8;
+  for (; p < end; ++p) {
+    const char c = all[p];
+    const CharClass k = classOf(c);
+    if (k == CharClass::NotText)
+      return fail(kind, text, "bytes that are not protocol text");
+    if (k == CharClass::Bracket) {
       const size_t from = start_ + 1;
-      item = {c == '>' ? Kind::Element : Kind::Stray, buffer_.substr(from, p - from)};
+      kind = c == '>' ? Kind::Element : Kind::Stray;
+      text = all.substr(from, p - from);
       start_ = c == '>' ? p + 1 : p;
       scanned_ = 0;
-      compact();
       return true;
     }
     if (p - start_ >= kMaxElement)
-      return fail(item,
+      return fail(kind, text,
                   "an element without an end within " + std::to_string(kMaxElement) + " bytes");
   }
   scanned_ = end - start_ - 1;
@@ -399,56 +537,27 @@ void appendBcmFrame(std::string &out, LogTime time, const Frame &frame) {
 }
 
 bool parseFrameElement(std::string_view text, Frame &out, LogTime &time) {
-  std::string ignored;
-  Words w{splitWords(text), ignored};
-  if (w.size() < 3)
+  WordCursor words(text);
+  std::string_view verb, id, stamp;
+  if (!words.next(verb) || !words.next(id) || !words.next(stamp))
     return false;
   out = Frame{};
-  const std::string_view verb = w[0];
   if (verb != "frame" && verb != "fdframe" && verb != "rtr")
     return false;
-  if (!parseFrameId(w[1], out))
+  if (!parseFrameId(id, out) || !parseStamp(stamp, time))
     return false;
-  const std::string_view stamp = w[2];
-  const size_t dot = stamp.find('.');
-  uint64_t secs = 0, micros = 0;
-  if (dot == std::string_view::npos || !parseDecimal(stamp.substr(0, dot), 20, secs) ||
-      !parseDecimal(stamp.substr(dot + 1), 6, micros))
-    return false;
-  time = {secs, static_cast<uint32_t>(micros)};
   if (verb == "rtr") {
+    std::string_view lenWord;
     uint64_t len = 0;
-    if (w.size() != 4 || !parseDecimal(w[3], 1, len) || len > kMaxClassicLen)
+    if (!words.next(lenWord) || !words.atEnd() || !parseDecimal(lenWord, 1, len) ||
+        len > kMaxClassicLen)
       return false;
     out.remote = true;
     out.len = static_cast<uint8_t>(len);
     return true;
   }
   out.fd = verb == "fdframe";
-  const unsigned maxLen = out.fd ? kMaxFdLen : kMaxClassicLen;
-  size_t last = w.size();
-  if (out.fd && w.size() == 5 && w[4].size() == 1) {
-    uint32_t flags = 0;
-    if (!parseHex(w[4], 1, flags))
-      return false;
-    out.brs = (flags & kTextFlagBrs) != 0;
-    last = 4;
-  }
-  // Data as one run of hex digits (raw) or one word per byte (bcm).
-  unsigned len = 0;
-  for (size_t i = 3; i < last; ++i) {
-    std::string_view word = w[i];
-    if (word.size() % 2 != 0)
-      return false;
-    for (size_t p = 0; p < word.size(); p += 2) {
-      uint32_t b = 0;
-      if (len == maxLen || !parseHex(word.substr(p, 2), 2, b))
-        return false;
-      out.data[len++] = static_cast<uint8_t>(b);
-    }
-  }
-  out.len = static_cast<uint8_t>(len);
-  return !out.fd || isFdLength(len);
+  return parseFrameData(words, out);
 }
 
 std::string sendRequest(const Frame &frame) {

@@ -4,6 +4,7 @@
 // filters.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -181,6 +182,39 @@ TEST(IdTable, SortsByRateCountAndAge) {
   EXPECT_EQ(order(SortKey::Rate), (std::vector<uint32_t>{0x200, 0x300, 0x100}));
   EXPECT_EQ(order(SortKey::Count), (std::vector<uint32_t>{0x300, 0x200, 0x100}));
   EXPECT_EQ(order(SortKey::Age), (std::vector<uint32_t>{0x300, 0x100, 0x200}));
+}
+
+TEST(IdTable, ManyIdentifiersKeepTheirRowsThroughGrowthAndExpiry) {
+  IdTable table(1.0);
+  // Every standard identifier on channel 0, as many extended ones on
+  // channel 1; the odd ones go quiet.
+  auto onChannel = [](unsigned ch, uint32_t id) {
+    return ch == 0 ? frame(id, {}) : frame(id * 0x1001, {}, true);
+  };
+  for (int round = 0; round < 2; ++round)
+    for (unsigned ch = 0; ch < 2; ++ch)
+      for (uint32_t id = 0; id <= kMaxStandardId; ++id)
+        table.add(ch, onChannel(ch, id), round * 100000 + (id % 2 ? 0 : 900000));
+  ASSERT_EQ(table.size(), 2u * 2048);
+  table.expire(1500000);
+  ASSERT_EQ(table.size(), 2048u);
+  table.add(1, onChannel(1, 0x7FE), 1600000);
+  table.add(1, onChannel(1, 0x7FF), 1600000); // back after it left: a new row
+  table.add(0, onChannel(0, 0x7FF), 1700000);
+  const std::vector<const IdEntry *> all = table.rows(IdFilter{}, SortKey::Age);
+  ASSERT_EQ(all.size(), 2050u);
+  const struct {
+    uint32_t id;
+    uint64_t count;
+  } youngest[] = {{0x7FF, 1}, {0x7FE * 0x1001, 3}, {0x7FF * 0x1001, 1}};
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(all[i]->id, youngest[i].id) << i;
+    EXPECT_EQ(all[i]->count, youngest[i].count) << i;
+  }
+  // Only the first rows ordered: the same ones a whole sort puts first.
+  const std::vector<const IdEntry *> some = table.rows(IdFilter{}, SortKey::Age, 40);
+  ASSERT_EQ(some.size(), all.size());
+  EXPECT_TRUE(std::equal(all.begin(), all.begin() + 40, some.begin()));
 }
 
 TEST(IdFilter, RulesInOrderTheLastMatchDecides) {

@@ -77,7 +77,10 @@ TEST(ElementReader, ReportsStrayTextAndCutElementsAndGoesOn) {
 TEST(ElementReader, StopsAtBytesThatAreNotText) {
   for (const std::string &stream :
        {std::string("< echo >< ec\x01ho >< echo >"), std::string("\xff< echo >"),
-        std::string("< echo >\0< echo >", 17)}) {
+        std::string("< echo >\0< echo >", 17),
+        // deep in a long element, among the plain text read eight at a time
+        std::string("< frame 123 1.000001 0011223344\x7f >"),
+        std::string("< frame 123 1.000001 0011223344556677\x80 >")}) {
     ElementReader reader;
     reader.feed(stream.data(), stream.size());
     std::vector<Got> items = readAll(reader);
@@ -271,10 +274,31 @@ TEST(FrameElements, SendRequestsReadBackAsTheFrame) {
   }
 }
 
+TEST(FrameElements, ReadWhateverBlanksAndDigitCaseAServerUses) {
+  const struct {
+    const char *text;
+    Frame frame;
+  } cases[] = {
+      {"frame  123\t1.000001   deadBEEF ", frame(0x123, false, {0xDE, 0xAD, 0xBE, 0xEF})},
+      {"frame 123 1.000001 de ad", frame(0x123, false, {0xDE, 0xAD})},
+      {"fdframe 123 1.000001 0011 1", frame(0x123, false, {0x00, 0x11}, true, true)},
+      {"fdframe 123 1.000001 00 11", frame(0x123, false, {0x00, 0x11}, true, false)},
+      {"rtr 12345678 1.000001 8", remote(0x12345678, true, 8)},
+  };
+  for (const auto &c : cases) {
+    Frame f;
+    LogTime t;
+    ASSERT_TRUE(net::parseFrameElement(c.text, f, t)) << c.text;
+    EXPECT_EQ(f, c.frame) << c.text;
+  }
+}
+
 TEST(FrameElements, OthersAreNotFrames) {
-  for (const char *text : {"ok", "frame 123", "frame 123 17.5 ABC", "frame 123 x.1 AA",
-                           "fdframe 123 1.000001 00112233445566778899", "rtr 123 1.000001 9",
-                           "frame 123 1.000001 001122334455667788", "stat 1 2 3 4 0"}) {
+  for (const char *text :
+       {"ok", "frame 123", "frame 123 17.5 ABC", "frame 123 x.1 AA",
+        "fdframe 123 1.000001 00112233445566778899", "rtr 123 1.000001 9",
+        "frame 123 1.000001 001122334455667788", "stat 1 2 3 4 0", "frame 123 1.000001 0G",
+        "fdframe 123 1.000001 001 1", "fdframe 123 1.000001 0011 x", "rtr 123 1.000001 4 00"}) {
     Frame f;
     LogTime t;
     EXPECT_FALSE(net::parseFrameElement(text, f, t)) << text;

@@ -35,6 +35,18 @@ void appendHexByte(std::string &out, uint8_t b) {
   out += kHex[b & 0xF];
 }
 
+// The two hex digits of every byte value, looked up as one.
+struct HexPairs {
+  char digits[256][2];
+  constexpr HexPairs() : digits() {
+    for (int b = 0; b < 256; ++b) {
+      digits[b][0] = kHex[b >> 4];
+      digits[b][1] = kHex[b & 0xF];
+    }
+  }
+};
+constexpr HexPairs kHexPairs;
+
 // A frame element is put together on the stack and appended in one piece:
 // the server writes tens of thousands a second.
 class ElementText {
@@ -45,8 +57,8 @@ public:
       text_[size_++] = *s++;
   }
   void putHexByte(uint8_t b) {
-    text_[size_++] = kHex[b >> 4];
-    text_[size_++] = kHex[b & 0xF];
+    std::memcpy(text_ + size_, kHexPairs.digits[b], 2);
+    size_ += 2;
   }
   void putId(const Frame &frame) {
     const int digits = frame.extended ? 8 : 3;

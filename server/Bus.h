@@ -108,7 +108,10 @@ private:
   };
 
   void awaitFrames();
-  void takeQueued();
+  void awaitNextSlot();
+  static void takeAndWaitAgain(const std::weak_ptr<Channel> &weak,
+                               const boost::system::error_code &error);
+  size_t takeQueued();
   int receive(bool fdQueue);
   void stampAndFormat(size_t first);
   void transmitLoop();
@@ -136,6 +139,7 @@ private:
   // of the descriptor, so it never goes while frames are being taken.
   std::mutex rxMutex_;
   std::unique_ptr<boost::asio::posix::stream_descriptor, ReleaseDescriptor> rxEvent_;
+  std::unique_ptr<boost::asio::steady_timer> rxSlot_;
   // The adapter's time stamps as host time, one time line for both receive
   // queues.
   DeviceClock clock_;

@@ -117,3 +117,19 @@ def test_sigterm_closes_every_session_and_adapter(serve):
     log = server.log()
     assert "terminated: closing every session and adapter" in log
     assert "closed adapter 41/0" in log and "closed adapter 4/0" in log
+
+
+def test_a_channel_stops_mid_stream_and_starts_again(serve):
+    # A busy bus is read on a timer rather than on its receive event: the
+    # stop must end that wait as well, and a fresh start must read again.
+    server = serve("41")
+    sender = server.connect("wcan41-0-0")
+    reader = server.connect("wcan41-0-1", "rawmode")
+    send_numbered(sender, 0, 3000)
+    reader.frames(100)
+    reader.close()
+    server.wait_for_log(r"stopped wcan41-0-1")
+    again = server.connect("wcan41-0-1", "rawmode")
+    send_numbered(sender, 5000, 10)
+    assert len(again.frames(10)) == 10
+    assert server.stop() == 0

@@ -93,7 +93,7 @@ void Channel::start() {
   {
     std::lock_guard<std::mutex> lock(rxMutex_);
     clock_.restart();
-    rxEvent_.reset(new boost::asio::posix::stream_descriptor(loop_, event));
+    rxEventFd_ = event;
     rxSlot_ = std::make_unique<boost::asio::steady_timer>(loop_);
     awaitFrames();
   }
@@ -104,6 +104,8 @@ void Channel::start() {
 // the descriptor and the slot timer go, which ends their waits without a call
 // here. Both are called with rxMutex_ held.
 void Channel::awaitFrames() {
+  if (!rxEvent_)
+    rxEvent_.reset(new boost::asio::posix::stream_descriptor(loop_, rxEventFd_));
   rxEvent_->async_wait(boost::asio::posix::stream_descriptor::wait_read,
                        [weak = weak_from_this()](const boost::system::error_code &error) {
                          takeAndWaitAgain(weak, error);
@@ -113,6 +115,9 @@ void Channel::awaitFrames() {
 // Slots start at multiples of their length, the same instants for every
 // channel, so busy channels are served in one wake-up of the loop.
 void Channel::awaitNextSlot() {
+  // Out of the loop's epoll set meanwhile: every time the library signals
+  // the event again it would wake the loop for nothing.
+  rxEvent_.reset();
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
   rxSlot_->expires_at(std::chrono::steady_clock::time_point((now / kGatherSlot + 1) * kGatherSlot));
   rxSlot_->async_wait([weak = weak_from_this()](const boost::system::error_code &error) {
@@ -130,7 +135,7 @@ void Channel::takeAndWaitAgain(const std::weak_ptr<Channel> &weak,
   if (error || !self)
     return;
   std::lock_guard<std::mutex> lock(self->rxMutex_);
-  if (!self->rxEvent_)
+  if (!self->rxSlot_)
     return;
   if (self->takeQueued() > 1)
     self->awaitNextSlot();

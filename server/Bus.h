@@ -138,6 +138,9 @@ private:
   // thread that starts and stops the channel takes it to create and let go
   // of the descriptor, so it never goes while frames are being taken.
   std::mutex rxMutex_;
+  // The receive event, watched while the bus is quiet; the slot timer while
+  // it is busy (see Bus.cpp). The timer lives from start to stop.
+  int rxEventFd_ = -1;
   std::unique_ptr<boost::asio::posix::stream_descriptor, ReleaseDescriptor> rxEvent_;
   std::unique_ptr<boost::asio::steady_timer> rxSlot_;
   // The adapter's time stamps as host time, one time line for both receive

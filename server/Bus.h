@@ -135,8 +135,8 @@ private:
   std::vector<std::thread> threads_;
 
   // The receive side, used on the event loop while it holds rxMutex_; the
-  // thread that starts and stops the channel takes it to create and let go
-  // of the descriptor, so it never goes while frames are being taken.
+  // thread that starts and stops the channel takes it to begin and end the
+  // waits, so the descriptor never goes while frames are being taken.
   std::mutex rxMutex_;
   // The receive event, watched while the bus is quiet; the slot timer while
   // it is busy (see Bus.cpp). The timer lives from start to stop.

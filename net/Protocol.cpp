@@ -35,18 +35,6 @@ void appendHexByte(std::string &out, uint8_t b) {
   out += kHex[b & 0xF];
 }
 
-// The two hex digits of every byte value, looked up as one.
-struct HexPairs {
-  char digits[256][2];
-  constexpr HexPairs() : digits() {
-    for (int b = 0; b < 256; ++b) {
-      digits[b][0] = kHex[b >> 4];
-      digits[b][1] = kHex[b & 0xF];
-    }
-  }
-};
-constexpr HexPairs kHexPairs;
-
 // A frame element is put together on the stack and appended in one piece:
 // the server writes tens of thousands a second.
 class ElementText {
@@ -57,8 +45,8 @@ public:
       text_[size_++] = *s++;
   }
   void putHexByte(uint8_t b) {
-    std::memcpy(text_ + size_, kHexPairs.digits[b], 2);
-    size_ += 2;
+    text_[size_++] = kHex[b >> 4];
+    text_[size_++] = kHex[b & 0xF];
   }
   void putId(const Frame &frame) {
     const int digits = frame.extended ? 8 : 3;

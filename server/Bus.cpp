@@ -17,15 +17,6 @@ namespace {
 
 // Records taken from a receive queue per call.
 constexpr unsigned kRxBatch = 256;
-// After a take of several frames, a channel takes the next ones when the next
-// slot of this length starts: on a busy bus every session then gets one write
-// per slot with all its channel's frames of that time, instead of one per
-// adapter transfer, and the busy channels of a server are served in one
-// wake-up. A write is a system call through the whole TCP stack, dearer than
-// formatting the frames it carries. The bound: a frame on a busy bus waits at
-// most one slot, two of the adapter's own 1 ms hand-overs; a frame on a quiet
-// bus is not held at all.
-constexpr std::chrono::milliseconds kGatherSlot{2};
 // Frames of one session handed to the library in one call.
 constexpr size_t kTxBatch = 64;
 bool takeNumber(std::string_view &text, unsigned &out) {
@@ -93,59 +84,32 @@ void Channel::start() {
   {
     std::lock_guard<std::mutex> lock(rxMutex_);
     clock_.restart();
-    rxEventFd_ = event;
-    rxSlot_ = std::make_unique<boost::asio::steady_timer>(loop_);
+    rxEvent_.reset(new boost::asio::posix::stream_descriptor(loop_, event));
     awaitFrames();
   }
   threads_.emplace_back([this] { transmitLoop(); });
 }
 
-// The event is readable while frames are queued. Stopping the channel lets
-// the descriptor and the slot timer go, which ends their waits without a call
-// here. Both are called with rxMutex_ held.
+// The event is readable while frames are queued; once they are taken it is
+// waited on again. Stopping the channel lets the descriptor go, which ends
+// the wait without a call here. Called with rxMutex_ held.
 void Channel::awaitFrames() {
-  if (!rxEvent_)
-    rxEvent_.reset(new boost::asio::posix::stream_descriptor(loop_, rxEventFd_));
   rxEvent_->async_wait(boost::asio::posix::stream_descriptor::wait_read,
                        [weak = weak_from_this()](const boost::system::error_code &error) {
-                         takeAndWaitAgain(weak, error);
+                         const std::shared_ptr<Channel> self = weak.lock();
+                         if (error || !self)
+                           return;
+                         std::lock_guard<std::mutex> lock(self->rxMutex_);
+                         if (!self->rxEvent_)
+                           return;
+                         self->takeQueued();
+                         self->awaitFrames();
                        });
-}
-
-// Slots start at multiples of their length, the same instants for every
-// channel, so busy channels are served in one wake-up of the loop.
-void Channel::awaitNextSlot() {
-  // Out of the loop's epoll set meanwhile: every time the library signals
-  // the event again it would wake the loop for nothing.
-  rxEvent_.reset();
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  rxSlot_->expires_at(std::chrono::steady_clock::time_point((now / kGatherSlot + 1) * kGatherSlot));
-  rxSlot_->async_wait([weak = weak_from_this()](const boost::system::error_code &error) {
-    takeAndWaitAgain(weak, error);
-  });
-}
-
-// A take of several frames says the bus is busy: the next frames are taken
-// when the next slot starts, without waiting on the event (each wait costs
-// the loop a system call to re-arm it). A take of one frame or none goes back
-// to waiting on the event, so a frame on a quiet bus is taken at once.
-void Channel::takeAndWaitAgain(const std::weak_ptr<Channel> &weak,
-                               const boost::system::error_code &error) {
-  const std::shared_ptr<Channel> self = weak.lock();
-  if (error || !self)
-    return;
-  std::lock_guard<std::mutex> lock(self->rxMutex_);
-  if (!self->rxSlot_)
-    return;
-  if (self->takeQueued() > 1)
-    self->awaitNextSlot();
-  else
-    self->awaitFrames();
 }
 
 // Everything queued, both queues, goes to the sessions as one delivery: one
 // write per session for each wake-up.
-size_t Channel::takeQueued() {
+void Channel::takeQueued() {
   rxDelivery_.frames.clear();
   rxDelivery_.rawText.clear();
   const bool fdAdapter = device_.type().family == Family::CanFd;
@@ -155,13 +119,11 @@ size_t Channel::takeQueued() {
     while (receive(fdQueue) == static_cast<int>(kRxBatch)) {
     }
   }
-  const size_t taken = rxDelivery_.frames.size();
-  if (taken == 0)
-    return 0;
+  if (rxDelivery_.frames.empty())
+    return;
   rxDelivery_.channel = shared_from_this();
   received_(rxDelivery_);
   rxDelivery_.channel.reset();
-  return taken;
 }
 
 void Channel::askToStop() {
@@ -188,7 +150,6 @@ void Channel::stop() {
   {
     std::lock_guard<std::mutex> lock(rxMutex_);
     rxEvent_.reset();
-    rxSlot_.reset();
   }
   if (threads_.empty())
     return;

@@ -108,10 +108,7 @@ private:
   };
 
   void awaitFrames();
-  void awaitNextSlot();
-  static void takeAndWaitAgain(const std::weak_ptr<Channel> &weak,
-                               const boost::system::error_code &error);
-  size_t takeQueued();
+  void takeQueued();
   int receive(bool fdQueue);
   void stampAndFormat(size_t first);
   void transmitLoop();
@@ -135,14 +132,10 @@ private:
   std::vector<std::thread> threads_;
 
   // The receive side, used on the event loop while it holds rxMutex_; the
-  // thread that starts and stops the channel takes it to begin and end the
-  // waits, so the descriptor never goes while frames are being taken.
+  // thread that starts and stops the channel takes it to create and let go
+  // of the descriptor, so it never goes while frames are being taken.
   std::mutex rxMutex_;
-  // The receive event, watched while the bus is quiet; the slot timer while
-  // it is busy (see Bus.cpp). The timer lives from start to stop.
-  int rxEventFd_ = -1;
   std::unique_ptr<boost::asio::posix::stream_descriptor, ReleaseDescriptor> rxEvent_;
-  std::unique_ptr<boost::asio::steady_timer> rxSlot_;
   // The adapter's time stamps as host time, one time line for both receive
   // queues.
   DeviceClock clock_;

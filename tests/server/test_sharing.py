@@ -120,8 +120,9 @@ def test_sigterm_closes_every_session_and_adapter(serve):
 
 
 def test_a_channel_stops_mid_stream_and_starts_again(serve):
-    # A busy bus is read on a timer rather than on its receive event: the
-    # stop must end that wait as well, and a fresh start must read again.
+    # The stop comes while the loop waits on the busy channel's receive
+    # event or is taking its frames: it must end that wait without reading a
+    # let-go descriptor, and a fresh start must wait on the new event.
     server = serve("41")
     sender = server.connect("wcan41-0-0")
     reader = server.connect("wcan41-0-1", "rawmode")

@@ -516,8 +516,26 @@ bool Session::writeBounded(std::string_view text, size_t frames) {
     missedInRun_ = 0;
   }
   pending_.append(text);
-  startWrite();
+  flushAtEndOfRound();
   return true;
+}
+
+// Bus output is sent once the loop has handled every event of this round:
+// frames of several channels, echoes and errors that reach the session in
+// one round go in one send, and nothing waits for a later round.
+void Session::flushAtEndOfRound() {
+  if (flushPosted_ || writeInFlight_ || closed_)
+    return;
+  flushPosted_ = true;
+  boost::asio::post(socket_.get_executor(), [self = shared_from_this()] {
+    self->flushPosted_ = false;
+    self->startWrite();
+    if (self->closed_ || self->writeInFlight_)
+      return;
+    if (self->closing_ && self->pending_.empty())
+      return self->close();
+    self->processInput();
+  });
 }
 
 // What the kernel takes at once needs no completion handler, a second run

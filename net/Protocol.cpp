@@ -75,32 +75,64 @@ void appendHexByte(std::string &out, uint8_t b) {
   out += kHex[b & 0xF];
 }
 
+// A frame element is put together on the stack and appended in one piece:
+// the server writes tens of thousands a second.
+class ElementText {
+public:
+  void put(char c) { text_[size_++] = c; }
+  void put(const char *s) {
+    while (*s)
+      text_[size_++] = *s++;
+  }
+  void putHexByte(uint8_t b) {
+    text_[size_++] = kHex[b >> 4];
+    text_[size_++] = kHex[b & 0xF];
+  }
+  void putId(const Frame &frame) {
+    const int digits = frame.extended ? 8 : 3;
+    const uint32_t id = frame.id & (frame.extended ? kMaxExtendedId : kMaxStandardId);
+    for (int shift = (digits - 1) * 4; shift >= 0; shift -= 4)
+      text_[size_++] = kHex[(id >> shift) & 0xF];
+  }
+  // "SECONDS.MICROS", the micros always with 6 digits.
+  void putTime(LogTime time) {
+    char digits[20];
+    int n = 0;
+    uint64_t secs = time.seconds;
+    do {
+      digits[n++] = static_cast<char>('0' + secs % 10);
+      secs /= 10;
+    } while (secs > 0);
+    while (n > 0)
+      text_[size_++] = digits[--n];
+    text_[size_++] = '.';
+    uint32_t us = time.micros % 1000000u;
+    for (int i = 5; i >= 0; --i, us /= 10)
+      text_[size_ + static_cast<size_t>(i)] = static_cast<char>('0' + us % 10);
+    size_ += 6;
+  }
+  // "< VERB ID TIME " in front of every frame element.
+  void putHead(const char *verb, LogTime time, const Frame &frame) {
+    put("< ");
+    put(verb);
+    put(' ');
+    putId(frame);
+    put(' ');
+    putTime(time);
+    put(' ');
+  }
+  void appendTo(std::string &out) const { out.append(text_, size_); }
+
+private:
+  // The longest: "< fdframe " ID(8) " " TIME(20 + 1 + 6) " " DATA(128) " 1 >".
+  char text_[192];
+  size_t size_ = 0;
+};
+
 void appendId(std::string &out, const Frame &frame) {
-  const int digits = frame.extended ? 8 : 3;
-  const uint32_t id = frame.id & (frame.extended ? kMaxExtendedId : kMaxStandardId);
-  for (int shift = (digits - 1) * 4; shift >= 0; shift -= 4)
-    out += kHex[(id >> shift) & 0xF];
-}
-
-void appendTime(std::string &out, LogTime time) {
-  out += std::to_string(time.seconds);
-  out += '.';
-  char micros[8];
-  uint32_t us = time.micros % 1000000u;
-  for (int i = 5; i >= 0; --i, us /= 10)
-    micros[i] = static_cast<char>('0' + us % 10);
-  out.append(micros, 6);
-}
-
-// "< VERB ID TIME " in front of every frame element.
-void appendHead(std::string &out, const char *verb, LogTime time, const Frame &frame) {
-  out += "< ";
-  out += verb;
-  out += ' ';
-  appendId(out, frame);
-  out += ' ';
-  appendTime(out, time);
-  out += ' ';
+  ElementText e;
+  e.putId(frame);
+  e.appendTo(out);
 }
 
 // Cuts the words off an element one at a time, without a copy.
@@ -509,31 +541,34 @@ bool parseRequest(std::string_view element, Request &out, std::string &error) {
 }
 
 void appendRawFrame(std::string &out, LogTime time, const Frame &frame) {
+  ElementText e;
   if (frame.remote) {
-    appendHead(out, "rtr", time, frame);
-    out += static_cast<char>('0' + std::min<unsigned>(frame.len, kMaxClassicLen));
-    out += " >";
-    return;
+    e.putHead("rtr", time, frame);
+    e.put(static_cast<char>('0' + std::min<unsigned>(frame.len, kMaxClassicLen)));
+  } else {
+    e.putHead(frame.fd ? "fdframe" : "frame", time, frame);
+    const unsigned len = std::min<unsigned>(frame.len, frame.fd ? kMaxFdLen : kMaxClassicLen);
+    for (unsigned i = 0; i < len; ++i)
+      e.putHexByte(frame.data[i]);
+    if (frame.fd && frame.brs) {
+      e.put(' ');
+      e.put(kHex[kTextFlagBrs]);
+    }
   }
-  appendHead(out, frame.fd ? "fdframe" : "frame", time, frame);
-  const unsigned len = std::min<unsigned>(frame.len, frame.fd ? kMaxFdLen : kMaxClassicLen);
-  for (unsigned i = 0; i < len; ++i)
-    appendHexByte(out, frame.data[i]);
-  if (frame.fd && frame.brs) {
-    out += ' ';
-    out += kHex[kTextFlagBrs];
-  }
-  out += " >";
+  e.put(" >");
+  e.appendTo(out);
 }
 
 void appendBcmFrame(std::string &out, LogTime time, const Frame &frame) {
-  appendHead(out, "frame", time, frame);
+  ElementText e;
+  e.putHead("frame", time, frame);
   const unsigned len = std::min<unsigned>(frame.len, kMaxClassicLen);
   for (unsigned i = 0; i < len; ++i) {
-    appendHexByte(out, frame.data[i]);
-    out += ' ';
+    e.putHexByte(frame.data[i]);
+    e.put(' ');
   }
-  out += '>';
+  e.put('>');
+  e.appendTo(out);
 }
 
 bool parseFrameElement(std::string_view text, Frame &out, LogTime &time) {

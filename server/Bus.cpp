@@ -59,9 +59,12 @@ std::optional<BusAddress> parseBusName(std::string_view name) {
 }
 
 Channel::Channel(const Runtime &runtime, boost::asio::io_context &loop, DeviceSession &device,
-                 unsigned channel, std::string name, ChannelSettings settings, DeliverySink sink)
+                 unsigned channel, std::string name, ChannelSettings settings, DeliverySink sink,
+                 ReceivedSink received)
     : runtime_(runtime), loop_(loop), device_(device), channel_(channel), name_(std::move(name)),
-      settings_(settings), sink_(std::move(sink)), clock_(device.type().counterBits) {}
+      settings_(settings), sink_(std::move(sink)), received_(std::move(received)),
+      clock_(device.type().counterBits), rxObjs_(kRxBatch), rxFdObjs_(kRxBatch),
+      rxCounters_(kRxBatch), rxTimes_(kRxBatch) {}
 
 Channel::~Channel() { join(); }
 
@@ -73,45 +76,54 @@ void Channel::ReleaseDescriptor::operator()(boost::asio::posix::stream_descripto
 }
 
 void Channel::start() {
-  clock_.restart();
   device_.startChannel(channel_, settings_);
   const int event =
       runtime_.wcan().WCAN_GetReceiveEvent(device_.type().type, device_.index(), channel_);
   if (event < 0)
     throw ToolError{"the receive event of " + name_ + " is not available: " + runtime_.lastError()};
-  rxEvent_.reset(new boost::asio::posix::stream_descriptor(loop_, event));
-  awaitFrames();
+  {
+    std::lock_guard<std::mutex> lock(rxMutex_);
+    clock_.restart();
+    rxEvent_.reset(new boost::asio::posix::stream_descriptor(loop_, event));
+    awaitFrames();
+  }
   threads_.emplace_back([this] { transmitLoop(); });
 }
 
 // The event is readable while frames are queued; once they are taken it is
 // waited on again. Stopping the channel lets the descriptor go, which ends
-// the wait without a call here.
+// the wait without a call here. Called with rxMutex_ held.
 void Channel::awaitFrames() {
   rxEvent_->async_wait(boost::asio::posix::stream_descriptor::wait_read,
                        [weak = weak_from_this()](const boost::system::error_code &error) {
                          const std::shared_ptr<Channel> self = weak.lock();
-                         if (error || !self || !self->rxEvent_)
+                         if (error || !self)
+                           return;
+                         std::lock_guard<std::mutex> lock(self->rxMutex_);
+                         if (!self->rxEvent_)
                            return;
                          self->takeQueued();
                          self->awaitFrames();
                        });
 }
 
+// Everything queued, both queues, goes to the sessions as one delivery: one
+// write per session for each wake-up.
 void Channel::takeQueued() {
+  rxDelivery_.frames.clear();
+  rxDelivery_.rawText.clear();
   const bool fdAdapter = device_.type().family == Family::CanFd;
   for (const bool fdQueue : {false, true}) {
     if (fdQueue && !fdAdapter)
       break;
-    for (;;) {
-      std::vector<TimedFrame> frames;
-      const int n = receive(fdQueue, frames);
-      if (n > 0)
-        deliver(0, false, std::move(frames), 0, {});
-      if (n < static_cast<int>(kRxBatch))
-        break;
+    while (receive(fdQueue) == static_cast<int>(kRxBatch)) {
     }
   }
+  if (rxDelivery_.frames.empty())
+    return;
+  rxDelivery_.channel = shared_from_this();
+  received_(rxDelivery_);
+  rxDelivery_.channel.reset();
 }
 
 void Channel::askToStop() {
@@ -135,7 +147,10 @@ void Channel::join() {
 // Stopping the channel in the library ends its readers' waits at once; the
 // bounded wait only covers a reader that was between two waits then.
 void Channel::stop() {
-  rxEvent_.reset();
+  {
+    std::lock_guard<std::mutex> lock(rxMutex_);
+    rxEvent_.reset();
+  }
   if (threads_.empty())
     return;
   askToStop();
@@ -152,39 +167,42 @@ void Channel::transmit(uint64_t origin, bool cyclic, const std::vector<Frame> &f
   wake_.notify_all();
 }
 
-// What is queued, without waiting.
-int Channel::receive(bool fdQueue, std::vector<TimedFrame> &out) {
+// What is queued, without waiting, added to the delivery being gathered.
+int Channel::receive(bool fdQueue) {
   const WcanApi &api = runtime_.wcan();
   const unsigned type = device_.type().type;
-  std::vector<uint32_t> counters;
-  counters.reserve(kRxBatch);
+  const size_t first = rxDelivery_.frames.size();
   int n = 0;
   if (fdQueue) {
-    _WCAN_CANFD_OBJ buf[kRxBatch];
-    n = api.WCAN_ReceiveFD(type, device_.index(), channel_, buf, kRxBatch, 0);
+    n = api.WCAN_ReceiveFD(type, device_.index(), channel_, rxFdObjs_.data(), kRxBatch, 0);
     for (int i = 0; i < n; ++i) {
-      out.push_back({fromCanFdObj(buf[i]), {}});
-      counters.push_back(buf[i].timeStamp);
+      rxDelivery_.frames.push_back({fromCanFdObj(rxFdObjs_[i]), {}});
+      rxCounters_[i] = rxFdObjs_[i].timeStamp;
     }
   } else {
-    _WCAN_CAN_OBJ buf[kRxBatch];
-    n = api.WCAN_Receive(type, device_.index(), channel_, buf, kRxBatch, 0);
+    n = api.WCAN_Receive(type, device_.index(), channel_, rxObjs_.data(), kRxBatch, 0);
     for (int i = 0; i < n; ++i) {
-      out.push_back({fromCanObj(buf[i]), {}});
-      counters.push_back(buf[i].timeStamp);
+      rxDelivery_.frames.push_back({fromCanObj(rxObjs_[i]), {}});
+      rxCounters_[i] = rxObjs_[i].timeStamp;
     }
   }
-  stampBatch(counters, out);
+  if (n > 0)
+    stampAndFormat(first);
   return n;
 }
 
 // The adapter's time stamps, not the time the loop woke: a batch keeps the
-// spacing the frames had on the bus (see DeviceClock).
-void Channel::stampBatch(const std::vector<uint32_t> &counters, std::vector<TimedFrame> &frames) {
-  std::vector<int64_t> times(counters.size());
-  clock_.toEpochUs(counters.data(), counters.size(), hostEpochUs(), times.data());
-  for (size_t i = 0; i < times.size(); ++i)
-    frames[frames.size() - times.size() + i].time = logTimeOf(times[i]);
+// spacing the frames had on the bus (see DeviceClock). The raw-mode text is
+// written once here for every session on the bus.
+void Channel::stampAndFormat(size_t first) {
+  std::vector<TimedFrame> &frames = rxDelivery_.frames;
+  const size_t n = frames.size() - first;
+  clock_.toEpochUs(rxCounters_.data(), n, hostEpochUs(), rxTimes_.data());
+  for (size_t i = 0; i < n; ++i) {
+    TimedFrame &f = frames[first + i];
+    f.time = logTimeOf(rxTimes_[i]);
+    net::appendRawFrame(rxDelivery_.rawText, f.time, f.frame);
+  }
 }
 
 std::vector<Channel::TxItem> Channel::nextTransmitRun() {
@@ -256,8 +274,9 @@ bool BusHub::AdapterKey::operator<(const AdapterKey &o) const {
 }
 
 BusHub::BusHub(const Runtime &runtime, boost::asio::io_context &loop, ChannelSettings settings,
-               DeliverySink sink)
-    : runtime_(runtime), loop_(loop), settings_(settings), sink_(std::move(sink)) {}
+               DeliverySink sink, ReceivedSink received)
+    : runtime_(runtime), loop_(loop), settings_(settings), sink_(std::move(sink)),
+      received_(std::move(received)) {}
 
 BusHub::~BusHub() { closeAll(); }
 
@@ -348,7 +367,7 @@ std::shared_ptr<Channel> BusHub::startChannel(OpenAdapter &adapter, const BusAdd
     settings.fd = false;
   checkChannelUse(adapter.device->type(), bus.channel, settings);
   auto channel = std::make_shared<Channel>(runtime_, loop_, *adapter.device, bus.channel, busName,
-                                           settings, sink_);
+                                           settings, sink_, received_);
   channel->start();
   std::fprintf(stderr, "wcan serve: started %s\n", busName.c_str());
   return channel;

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
 // The adapter side of `wcan serve`: every channel a client opened runs here,
-// once for all the clients on it. The device thread's event loop waits on
+// once for all the clients on it. The network side's event loop waits on
 // each open channel's receive event and takes what is queued when it becomes
-// readable; each channel has a transmit thread, so a slow USB transfer never
-// holds up the network side. Frames go to the network side through a sink as
-// Deliveries, stamped with the adapter's time.
+// readable (taking frames never waits on USB), so received frames reach the
+// sessions without a hand-over between threads; each channel has a transmit
+// thread, so a slow USB transfer never holds up the network side. Frames go
+// to the network side as Deliveries, stamped with the adapter's time.
 #pragma once
 
 #include <boost/asio.hpp>
@@ -53,7 +54,10 @@ struct Delivery {
   size_t failed = 0;   // frames of `origin` the adapter did not take
   std::string failure; // why
 };
+// The outcome of transmissions, from a channel's transmit thread.
 using DeliverySink = std::function<void(std::unique_ptr<Delivery>)>;
+// Received frames, on the event loop; the delivery is only lent.
+using ReceivedSink = std::function<void(const Delivery &)>;
 
 struct BusCounters {
   uint64_t rxFrames = 0, rxBytes = 0, txFrames = 0, txBytes = 0;
@@ -62,10 +66,11 @@ struct BusCounters {
 // One started channel of an open adapter.
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
-  // `loop` waits on the channel's receive event; it runs on the thread that
-  // starts and stops the channel.
+  // `loop` waits on the channel's receive event and hands the frames to
+  // `received`; the channel is started and stopped on another thread.
   Channel(const Runtime &runtime, boost::asio::io_context &loop, DeviceSession &device,
-          unsigned channel, std::string name, ChannelSettings settings, DeliverySink sink);
+          unsigned channel, std::string name, ChannelSettings settings, DeliverySink sink,
+          ReceivedSink received);
   ~Channel();
   Channel(const Channel &) = delete;
   Channel &operator=(const Channel &) = delete;
@@ -104,8 +109,8 @@ private:
 
   void awaitFrames();
   void takeQueued();
-  int receive(bool fdQueue, std::vector<TimedFrame> &out);
-  void stampBatch(const std::vector<uint32_t> &counters, std::vector<TimedFrame> &frames);
+  int receive(bool fdQueue);
+  void stampAndFormat(size_t first);
   void transmitLoop();
   std::vector<TxItem> nextTransmitRun();
   void deliver(uint64_t origin, bool cyclic, std::vector<TimedFrame> frames, size_t failed,
@@ -118,24 +123,38 @@ private:
   const std::string name_;
   const ChannelSettings settings_;
   DeliverySink sink_;
+  ReceivedSink received_;
 
   std::mutex mutex_;
   std::condition_variable wake_;
   bool stopping_ = false;
   std::deque<TxItem> txQueue_;
   std::vector<std::thread> threads_;
+
+  // The receive side, used on the event loop while it holds rxMutex_; the
+  // thread that starts and stops the channel takes it to create and let go
+  // of the descriptor, so it never goes while frames are being taken.
+  std::mutex rxMutex_;
   std::unique_ptr<boost::asio::posix::stream_descriptor, ReleaseDescriptor> rxEvent_;
   // The adapter's time stamps as host time, one time line for both receive
-  // queues; used on the event loop only.
+  // queues.
   DeviceClock clock_;
+  // Reused from one wake-up to the next: taking frames allocates nothing
+  // once they have grown.
+  Delivery rxDelivery_;
+  std::vector<_WCAN_CAN_OBJ> rxObjs_;
+  std::vector<_WCAN_CANFD_OBJ> rxFdObjs_;
+  std::vector<uint32_t> rxCounters_;
+  std::vector<int64_t> rxTimes_;
 };
 
 // The open adapters and their started channels. All calls come from one
-// thread (the server's device thread), which runs `loop`.
+// thread (the server's device thread).
 class BusHub {
 public:
+  // `loop` is where the channels' frames are received (see Channel).
   BusHub(const Runtime &runtime, boost::asio::io_context &loop, ChannelSettings settings,
-         DeliverySink sink);
+         DeliverySink sink, ReceivedSink received);
   ~BusHub();
   BusHub(const BusHub &) = delete;
   BusHub &operator=(const BusHub &) = delete;
@@ -180,6 +199,7 @@ private:
   boost::asio::io_context &loop_;
   const ChannelSettings settings_;
   DeliverySink sink_;
+  ReceivedSink received_;
   std::map<AdapterKey, OpenAdapter> adapters_;
 };
 

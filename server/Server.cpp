@@ -26,9 +26,12 @@ boost::asio::ip::tcp::endpoint listenEndpoint(const ServeOptions &options) {
 Server::Server(const Runtime &runtime, const ServeOptions &options)
     : options_(options), acceptor_(io_), signals_(io_), acceptRetry_(io_),
       deviceWork_(boost::asio::make_work_guard(deviceIo_)),
-      hub_(runtime, deviceIo_, options.settings, [this](std::unique_ptr<Delivery> d) {
-        boost::asio::post(io_, [this, d = std::move(d)]() mutable { deliver(std::move(d)); });
-      }) {
+      hub_(
+          runtime, io_, options.settings,
+          [this](std::unique_ptr<Delivery> d) {
+            boost::asio::post(io_, [this, d = std::move(d)] { deliver(*d); });
+          },
+          [this](const Delivery &d) { deliver(d); }) {
   const boost::asio::ip::tcp::endpoint endpoint = listenEndpoint(options);
   boost::system::error_code ec;
   acceptor_.open(endpoint.protocol(), ec);
@@ -71,8 +74,9 @@ void Server::run(bool handleSignals) {
   }
   accept();
   io_.run();
-  // Every session has gone; stop the channels and close the adapters on the
-  // device thread, after whatever it still had to do.
+  // Every session has gone; stop what an open request still in progress at
+  // the end started and close the adapters on the device thread, after
+  // whatever it still had to do.
   boost::asio::post(deviceIo_, [this] { hub_.closeAll(); });
   deviceWork_.reset();
   if (deviceThread_.joinable())
@@ -97,6 +101,9 @@ void Server::shutdown() {
     s.second->close();
   for (auto &hook : shutdownHooks_)
     hook();
+  // The channels' receive waits keep the event loop running until the
+  // channels stop.
+  boost::asio::post(deviceIo_, [this] { hub_.closeAll(); });
 }
 
 void Server::accept() {
@@ -202,27 +209,27 @@ const BusCounters &Server::counters(const Channel *channel) const {
   return it == buses_.end() ? none : it->second.counters;
 }
 
-void Server::deliver(std::unique_ptr<Delivery> d) {
+void Server::deliver(const Delivery &d) {
   if (watcher_)
-    watcher_(*d);
-  auto bus = buses_.find(d->channel.get());
+    watcher_(d);
+  auto bus = buses_.find(d.channel.get());
   if (bus == buses_.end())
     return;
   BusCounters &c = bus->second.counters;
   uint64_t bytes = 0;
-  for (const TimedFrame &f : d->frames)
+  for (const TimedFrame &f : d.frames)
     bytes += f.frame.remote ? 0 : f.frame.len;
-  (d->origin == 0 ? c.rxFrames : c.txFrames) += d->frames.size();
-  (d->origin == 0 ? c.rxBytes : c.txBytes) += bytes;
+  (d.origin == 0 ? c.rxFrames : c.txFrames) += d.frames.size();
+  (d.origin == 0 ? c.rxBytes : c.txBytes) += bytes;
   // By index: a session may leave the bus while frames are handed out.
   const auto &members = bus->second.sessions;
   for (size_t i = 0; i < members.size(); ++i)
-    if (members[i]->id() != d->origin)
-      members[i]->receive(*d);
-  if (d->origin != 0) {
-    auto origin = sessions_.find(d->origin);
+    if (members[i]->id() != d.origin)
+      members[i]->receive(d);
+  if (d.origin != 0) {
+    auto origin = sessions_.find(d.origin);
     if (origin != sessions_.end())
-      origin->second->transmitted(*d);
+      origin->second->transmitted(d);
   }
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // `wcan serve`: the network side. One thread runs the event loop (accepting,
-// reading requests, writing frames to every session); a device thread opens,
+// reading requests, taking received frames from the library and writing them
+// to every session); a device thread opens,
 // starts, stops and closes adapters, so that no library call that may wait
 // on USB holds up the sessions.
 #pragma once
@@ -75,7 +76,7 @@ private:
 
   void accept();
   void shutdown();
-  void deliver(std::unique_ptr<Delivery> delivery);
+  void deliver(const Delivery &delivery);
   void releaseOnDeviceThread(std::shared_ptr<Channel> channel);
 
   const ServeOptions options_;

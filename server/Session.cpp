@@ -48,6 +48,9 @@ Session::Session(Server &server, boost::asio::ip::tcp::socket socket, uint64_t i
   peer_ = ec ? "?" : remote.address().to_string() + ":" + std::to_string(remote.port());
   socket_.set_option(boost::asio::ip::tcp::no_delay(true), ec);
   socket_.set_option(boost::asio::socket_base::send_buffer_size(kKernelSendBuffer), ec);
+  // Output is first sent at once (see startWrite); the loop waits only on
+  // what the kernel would not take.
+  socket_.non_blocking(true, ec);
 }
 
 Session::~Session() = default;
@@ -513,14 +516,42 @@ bool Session::writeBounded(std::string_view text, size_t frames) {
     missedInRun_ = 0;
   }
   pending_.append(text);
-  startWrite();
+  flushAtEndOfRound();
   return true;
 }
 
+// Bus output is sent once the loop has handled every event of this round:
+// frames of several channels, echoes and errors that reach the session in
+// one round go in one send, and nothing waits for a later round.
+void Session::flushAtEndOfRound() {
+  if (flushPosted_ || writeInFlight_ || closed_)
+    return;
+  flushPosted_ = true;
+  boost::asio::post(socket_.get_executor(), [self = shared_from_this()] {
+    self->flushPosted_ = false;
+    self->startWrite();
+    if (self->closed_ || self->writeInFlight_)
+      return;
+    if (self->closing_ && self->pending_.empty())
+      return self->close();
+    self->processInput();
+  });
+}
+
+// What the kernel takes at once needs no completion handler, a second run
+// of the loop per send; only the rest is left to an asynchronous write.
 void Session::startWrite() {
   if (writeInFlight_ || pending_.empty() || closed_)
     return;
-  writing_.swap(pending_);
+  boost::system::error_code error;
+  const size_t sent = socket_.write_some(boost::asio::buffer(pending_), error);
+  if (!error && sent == pending_.size()) {
+    pending_.clear();
+    return;
+  }
+  // A failure other than a full send buffer shows again in the asynchronous
+  // write, which closes the session.
+  writing_.assign(pending_, error ? 0 : sent, std::string::npos);
   pending_.clear();
   writeInFlight_ = true;
   boost::asio::async_write(socket_, boost::asio::buffer(writing_),

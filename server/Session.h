@@ -92,6 +92,7 @@ private:
   void reply(std::string_view text);
   void replyError(std::string_view reason);
   bool writeBounded(std::string_view text, size_t frames);
+  void flushAtEndOfRound();
   void startWrite();
   size_t queuedOutput() const { return pending_.size() + writing_.size(); }
   void closeAfterWrite();
@@ -123,6 +124,7 @@ private:
   std::string pending_;
   std::string writing_;
   bool writeInFlight_ = false;
+  bool flushPosted_ = false;
   boost::asio::steady_timer lingerTimer_;
 
   uint64_t missed_ = 0;      // frames dropped because the client did not read

@@ -234,11 +234,11 @@ TEST(FrameElements, ComeBackAsTheFramesTheyCarryInBothForms) {
 }
 
 TEST(FrameElements, AreWrittenAsClientsOfTheProtocolReadThem) {
-  const LogTime time{1700000000, 424242};
   struct Case {
     Frame frame;
     bool bcm;
-    const char *text;
+    std::string text;
+    LogTime time = {1700000000, 424242};
   } cases[] = {
       {frame(0x123, false, {0x1A, 0x22, 0x03, 0x44}), false,
        "< frame 123 1700000000.424242 1A220344 >"},
@@ -249,10 +249,18 @@ TEST(FrameElements, AreWrittenAsClientsOfTheProtocolReadThem) {
       {frame(0x123, false, {1, 2}, true, true), false, "< fdframe 123 1700000000.424242 0102 1 >"},
       {frame(0x123, false, {1, 2}, true, false), false, "< fdframe 123 1700000000.424242 0102 >"},
       {frame(0x123, false, {0x11, 0x22}), true, "< frame 123 1700000000.424242 11 22 >"},
+      // Microseconds keep their leading zeros; seconds have none.
+      {frame(0x5, false, {0xAB}), false, "< frame 005 0.000007 AB >", {0, 7}},
+      {frame(0x5, false, {0xAB}),
+       true,
+       "< frame 005 18446744073709551615.999999 AB >",
+       {UINT64_MAX, 999999}},
+      {frame(0x1FFFFFFF, true, std::vector<uint8_t>(64, 0), true, true), false,
+       "< fdframe 1FFFFFFF 1700000000.424242 " + std::string(128, '0') + " 1 >"},
   };
   for (const Case &c : cases) {
     std::string text;
-    (c.bcm ? net::appendBcmFrame : net::appendRawFrame)(text, time, c.frame);
+    (c.bcm ? net::appendBcmFrame : net::appendRawFrame)(text, c.time, c.frame);
     EXPECT_EQ(text, c.text);
   }
 }

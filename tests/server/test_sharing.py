@@ -117,3 +117,20 @@ def test_sigterm_closes_every_session_and_adapter(serve):
     log = server.log()
     assert "terminated: closing every session and adapter" in log
     assert "closed adapter 41/0" in log and "closed adapter 4/0" in log
+
+
+def test_a_channel_stops_mid_stream_and_starts_again(serve):
+    # The stop comes while the loop waits on the busy channel's receive
+    # event or is taking its frames: it must end that wait without reading a
+    # let-go descriptor, and a fresh start must wait on the new event.
+    server = serve("41")
+    sender = server.connect("wcan41-0-0")
+    reader = server.connect("wcan41-0-1", "rawmode")
+    send_numbered(sender, 0, 3000)
+    reader.frames(100)
+    reader.close()
+    server.wait_for_log(r"stopped wcan41-0-1")
+    again = server.connect("wcan41-0-1", "rawmode")
+    send_numbered(sender, 5000, 10)
+    assert len(again.frames(10)) == 10
+    assert server.stop() == 0

@@ -121,6 +121,7 @@ public:
   void setSilent(bool silent);
   void injectReplyFault(ReplyFault fault, uint8_t value, int count);
   void pushIn(uint8_t ep, const Bytes &bytes);
+  bool streamBacklog(const std::vector<ChannelFrame> &frames, uint64_t times);
   std::vector<Bytes> written(uint8_t ep) const;
   void clearWritten();
   DeviceModel *model() { return model_.get(); }

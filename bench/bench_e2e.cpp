@@ -277,7 +277,7 @@ void BM_ReceiveOnly8Channels(benchmark::State &state) {
   };
   const uint64_t device = wcansim::deviceServiceNs() - deviceBefore;
   state.counters["library_ns_per_record"] =
-      perRecord(cpuNsExcept(host) - libraryCpuBefore - device);
+      perRecord(std::max(cpuNsExcept(host) - libraryCpuBefore, device) - device);
   state.counters["sim_device_ns_per_record"] = perRecord(device);
   state.counters["host_ns_per_record"] = perRecord(threadCpuNs() - hostCpuBefore);
 }
@@ -318,7 +318,7 @@ void BM_LibraryCpuAtFullBusRate(benchmark::State &state) {
   state.counters["frames_per_s"] = static_cast<double>(frames) / seconds;
   // The library's threads, less the simulated adapter's work that runs on
   // its event thread (given apart: a real adapter does it on its own).
-  state.counters["library_cpu_pct"] = percent(cpu - device);
+  state.counters["library_cpu_pct"] = percent(cpu > device ? cpu - device : 0);
   state.counters["sim_device_cpu_pct"] = percent(device);
   state.counters["library_threads_cpu_pct"] = percent(cpu);
 }

@@ -250,16 +250,20 @@ int Adapter::resetDevice(uint32_t generation) {
   return 0;
 }
 
+// The readers are woken once the lock is released: woken under it, they
+// would only sleep again on it. The event handler is the caller's to wake,
+// once for all the adapters a frame reached.
 bool Adapter::deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus,
                       std::chrono::steady_clock::time_point at) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!isPlugged() || channel >= channelCount_ || !model_->channelStarted(channel))
-    return false;
-  model_->onBusFrame(*this, channel, frame, deviceTimeAt(at));
-  delivered_[channel].fetch_add(1, std::memory_order_relaxed);
-  collectOutbox(toBus);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!isPlugged() || channel >= channelCount_ || !model_->channelStarted(channel))
+      return false;
+    model_->onBusFrame(*this, channel, frame, deviceTimeAt(at));
+    delivered_[channel].fetch_add(1, std::memory_order_relaxed);
+    collectOutbox(toBus);
+  }
   wakeAllReaders();
-  usbEventHappened();
   return true;
 }
 

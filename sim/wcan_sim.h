@@ -95,6 +95,9 @@ int64_t lastReadEndNs(AdapterId adapter, uint8_t ep);
 // library's own; a real adapter does it on its own hardware, so benchmarks
 // take it off that thread's CPU.
 uint64_t deviceServiceNs();
+// Nanoseconds the asynchronous transfers' callbacks took (the host library's
+// own code run by the event handling), on the same clock.
+uint64_t transferCallbackNs();
 
 // How a read that finds nothing to hand over waits, for harnesses that run
 // the library on virtual time. The policy is asked before every wait of a

@@ -16,7 +16,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <type_traits>
 #include <vector>

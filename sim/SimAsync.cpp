@@ -87,7 +87,10 @@ public:
     }
     sequence_.fetch_add(1);
     if (waiting_.load()) {
-      std::lock_guard<std::mutex> lock(mutex_);
+      // Taken and released before the notify: the sleeper has either not
+      // yet looked at the sequence under the lock, or sleeps and is woken,
+      // and then finds the lock free instead of sleeping again on it.
+      { std::lock_guard<std::mutex> lock(mutex_); }
       changed_.notify_all();
     }
   }

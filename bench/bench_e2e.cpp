@@ -220,9 +220,10 @@ private:
 // Receive-only: the type-66 adapter streams a backlog of 64-byte CAN FD
 // frames on all 8 channels as fast as the library reads it (one block of
 // records encoded once, handed out in whole 4096-byte transfers), and the
-// host sweeps the channels until it has every record of the round, waiting
-// in a receive on channel 0 when a sweep finds nothing (a host that spins
-// would take the core the library decodes on). The adapter side costs
+// host sweeps the channels until it has every record of the round,
+// yielding the processor when a sweep finds nothing (a host that spins
+// would take the core the library decodes on; one that sleeps in a receive
+// would be woken for every transfer). The adapter side costs
 // a copy per transfer, so the figure is the library's.
 void BM_ReceiveOnly8Channels(benchmark::State &state) {
   FdAdapter dev(66, 8);
@@ -256,12 +257,7 @@ void BM_ReceiveOnly8Channels(benchmark::State &state) {
         swept += std::max(0, WCAN_ReceiveFD(dev.type(), 0, ch, in, 512, 0));
       }
       if (swept == 0) {
-        // Every block reaches channel 0: wait there for the next one.
-        swept = std::max(0, WCAN_ReceiveFD(dev.type(), 0, 0, in, 512, 1000));
-        if (swept == 0) {
-          state.SkipWithError("records lost");
-          return;
-        }
+        std::this_thread::yield();
       }
       got += swept;
     }

@@ -113,49 +113,49 @@ FrameQueues::FrameQueues(unsigned channels)
 
 FrameQueues::~FrameQueues() { pthread_mutex_destroy(&mutex_); }
 
-void FrameQueues::Producer::lock() {
-  if (!locked_) {
-    pthread_mutex_lock(&queues_.mutex_);
-    locked_ = true;
-  }
-}
-
 FrameQueues::Producer::~Producer() {
-  if (!locked_) {
-    return;
-  }
-  const uint32_t sleeping = publishLocked();
-  pthread_mutex_unlock(&queues_.mutex_);
+  moveIn();
   // Woken after the unlock, so a reader does not wake only to wait for the
   // lock; queues nobody sleeps on are not signalled at all.
   for (unsigned q = 0; q < queues_.count_; ++q) {
     Channel &channel = queues_.channels_[q];
-    if (sleeping & 1u << (2 * q)) {
+    if (sleeping_ & 1u << (2 * q)) {
       pthread_cond_broadcast(&channel.can.arrived);
     }
-    if (sleeping & 1u << (2 * q + 1)) {
+    if (sleeping_ & 1u << (2 * q + 1)) {
       pthread_cond_broadcast(&channel.canFd.arrived);
     }
   }
 }
 
-uint32_t FrameQueues::Producer::publishLocked() {
-  uint32_t sleeping = 0;
-  for (unsigned q = 0; q < queues_.count_; ++q) {
-    Channel &channel = queues_.channels_[q];
-    if (filled_ & 1u << (2 * q)) {
-      channel.can.publishSize();
-      sleeping |= channel.can.sleepers > 0 ? 1u << (2 * q) : 0;
-    }
-    if (filled_ & 1u << (2 * q + 1)) {
-      channel.canFd.publishSize();
-      sleeping |= channel.canFd.sleepers > 0 ? 1u << (2 * q + 1) : 0;
-    }
-    if (filled_ & 3u << (2 * q)) {
-      channel.signalEvent();
-    }
+void FrameQueues::Producer::moveIn() {
+  if (can_.count == 0 && canFd_.count == 0) {
+    return;
   }
-  return sleeping;
+  QUserMutex guard(queues_.mutex_);
+  moveInLocked(can_, &Channel::can, 0);
+  moveInLocked(canFd_, &Channel::canFd, 1);
+}
+
+template <class Obj>
+void FrameQueues::Producer::moveInLocked(Gathered<Obj> &gathered, Queue<Obj> Channel::*which,
+                                         unsigned kindBit) {
+  uint32_t filled = 0;
+  for (size_t i = 0; i < gathered.count; ++i) {
+    (queues_.channels_[gathered.queues[i]].*which).frames.push(gathered.records[i]);
+    filled |= 1u << (2 * gathered.queues[i] + kindBit);
+  }
+  gathered.count = 0;
+  for (unsigned q = 0; q < queues_.count_; ++q) {
+    if ((filled & 1u << (2 * q + kindBit)) == 0) {
+      continue;
+    }
+    Channel &channel = queues_.channels_[q];
+    Queue<Obj> &queue = channel.*which;
+    queue.publishSize();
+    sleeping_ |= queue.sleepers > 0 ? 1u << (2 * q + kindBit) : 0;
+    channel.signalEvent();
+  }
 }
 
 template <class Obj>

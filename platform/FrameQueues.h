@@ -23,6 +23,9 @@
 #include "wcan.h"
 
 class FrameQueues {
+  template <class Obj> struct Queue;
+  struct Channel;
+
 public:
   // At most 16 channels.
   explicit FrameQueues(unsigned channels);
@@ -30,9 +33,11 @@ public:
   FrameQueues(const FrameQueues &) = delete;
   FrameQueues &operator=(const FrameQueues &) = delete;
 
-  // The writing side for one batch of records: takes the lock at the first
-  // record and keeps it until destroyed, then wakes the readers of the
-  // queues it filled, once each.
+  // The writing side for one batch of records: gathers them outside the
+  // lock and moves them into the queues under it, a few dozen at a time and
+  // at the latest when destroyed, so that readers are not kept waiting while
+  // records are decoded. Then it wakes the readers that sleep on the queues
+  // it filled, once each, after the lock is released.
   class Producer {
   public:
     explicit Producer(FrameQueues &queues) : queues_(queues) {}
@@ -40,27 +45,34 @@ public:
     Producer(const Producer &) = delete;
     Producer &operator=(const Producer &) = delete;
 
-    void can(unsigned queue, const _WCAN_CAN_OBJ &obj) {
-      lock();
-      const unsigned q = queues_.index(queue);
-      queues_.channels_[q].can.frames.push(obj);
-      filled_ |= 1u << (2 * q);
-    }
-    void canFd(unsigned queue, const _WCAN_CANFD_OBJ &obj) {
-      lock();
-      const unsigned q = queues_.index(queue);
-      queues_.channels_[q].canFd.frames.push(obj);
-      filled_ |= 1u << (2 * q + 1);
-    }
+    void can(unsigned queue, const _WCAN_CAN_OBJ &obj) { can_.add(queue, obj, *this); }
+    void canFd(unsigned queue, const _WCAN_CANFD_OBJ &obj) { canFd_.add(queue, obj, *this); }
 
   private:
-    void lock();
-    // Publishes the batch under the lock; returns the queues whose readers
-    // sleep, to be woken once the lock is released.
-    uint32_t publishLocked();
+    static constexpr size_t kGathered = 64;
+    template <class Obj> struct Gathered {
+      Obj records[kGathered];
+      uint8_t queues[kGathered];
+      size_t count = 0;
+      void add(unsigned queue, const Obj &obj, Producer &producer) {
+        if (count == kGathered) {
+          producer.moveIn();
+        }
+        records[count] = obj;
+        queues[count] = static_cast<uint8_t>(producer.queues_.index(queue));
+        ++count;
+      }
+    };
+    // Moves what is gathered into the queues, under the lock.
+    void moveIn();
+    template <class Obj>
+    void moveInLocked(Gathered<Obj> &gathered, Queue<Obj> Channel::*which, unsigned kindBit);
+
     FrameQueues &queues_;
-    bool locked_ = false;
-    uint32_t filled_ = 0; // bit 2q: classic queue q, bit 2q+1: CAN FD queue q
+    Gathered<_WCAN_CAN_OBJ> can_;
+    Gathered<_WCAN_CANFD_OBJ> canFd_;
+    // Queues with a reader asleep: bit 2q classic queue q, 2q+1 CAN FD.
+    uint32_t sleeping_ = 0;
   };
 
   // Moves up to maxCount records of a queue into `out`, sleeping until at
@@ -124,7 +136,9 @@ private:
     unsigned sleepers = 0;
     // frames.size() as of the last change under the lock: a reader that
     // does not wait looks at it first and takes no lock for an empty queue.
-    std::atomic<size_t> published{0};
+    // On a cache line of its own, so that a reader polling it does not take
+    // the line the decoder writes every record to away from it.
+    alignas(64) std::atomic<size_t> published{0};
     void publishSize() { published.store(frames.size(), std::memory_order_release); }
   };
 

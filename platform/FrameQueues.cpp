@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "platform/QUserUtils.h"
 
@@ -14,6 +15,10 @@ namespace {
 
 constexpr uint32_t kWaitForever = 0xFFFFFFFF;
 constexpr unsigned kMaxChannels = 16;
+// Slots a queue starts with, and at most keeps once drained: a burst's
+// memory goes back, a steady stream's stays.
+constexpr size_t kFirstSlots = 64;
+constexpr size_t kSlotsKept = 65536;
 
 timespec deadlineAfter(std::chrono::microseconds wait) {
   timespec now{};
@@ -36,16 +41,42 @@ void initMonotonicCond(pthread_cond_t *cond) {
 
 } // namespace
 
-FrameQueues::Channel::Channel() {
-  initMonotonicCond(&canArrived);
-  initMonotonicCond(&canFdArrived);
+template <class Obj> void FrameQueues::Ring<Obj>::popInto(Obj *out, size_t n) {
+  n = std::min(n, count_);
+  if (n == 0) {
+    return;
+  }
+  const size_t first = std::min(n, slots_.size() - head_);
+  std::memcpy(out, slots_.data() + head_, first * sizeof(Obj));
+  std::memcpy(out + first, slots_.data(), (n - first) * sizeof(Obj));
+  head_ = (head_ + n) & (slots_.size() - 1);
+  count_ -= n;
+  if (count_ == 0) {
+    clear();
+  }
 }
 
-FrameQueues::Channel::~Channel() {
-  closeEvent();
-  pthread_cond_destroy(&canFdArrived);
-  pthread_cond_destroy(&canArrived);
+template <class Obj> void FrameQueues::Ring<Obj>::clear() {
+  head_ = 0;
+  count_ = 0;
+  if (slots_.size() > kSlotsKept) {
+    std::vector<Obj>().swap(slots_);
+  }
 }
+
+template <class Obj> void FrameQueues::Ring<Obj>::grow() {
+  std::vector<Obj> bigger(std::max(kFirstSlots, 2 * slots_.size()));
+  const size_t n = count_;
+  popInto(bigger.data(), n);
+  slots_.swap(bigger);
+  count_ = n;
+}
+
+template <class Obj> FrameQueues::Queue<Obj>::Queue() { initMonotonicCond(&arrived); }
+
+template <class Obj> FrameQueues::Queue<Obj>::~Queue() { pthread_cond_destroy(&arrived); }
+
+FrameQueues::Channel::~Channel() { closeEvent(); }
 
 void FrameQueues::Channel::signalEvent() {
   if (event >= 0 && !signalled) {
@@ -82,73 +113,97 @@ FrameQueues::FrameQueues(unsigned channels)
 
 FrameQueues::~FrameQueues() { pthread_mutex_destroy(&mutex_); }
 
-void FrameQueues::Producer::lock() {
-  if (!locked_) {
-    pthread_mutex_lock(&queues_.mutex_);
-    locked_ = true;
+FrameQueues::Producer::~Producer() {
+  moveIn();
+  // Woken after the unlock, so a reader does not wake only to wait for the
+  // lock; queues nobody sleeps on are not signalled at all.
+  for (unsigned q = 0; q < queues_.count_; ++q) {
+    Channel &channel = queues_.channels_[q];
+    if (sleeping_ & 1u << (2 * q)) {
+      pthread_cond_broadcast(&channel.can.arrived);
+    }
+    if (sleeping_ & 1u << (2 * q + 1)) {
+      pthread_cond_broadcast(&channel.canFd.arrived);
+    }
   }
 }
 
-FrameQueues::Producer::~Producer() {
-  if (!locked_) {
+void FrameQueues::Producer::moveIn() {
+  if (can_.count == 0 && canFd_.count == 0) {
     return;
   }
-  for (unsigned q = 0; q < queues_.count_; ++q) {
-    Channel &channel = queues_.channels_[q];
-    if (filled_ & 1u << (2 * q)) {
-      pthread_cond_broadcast(&channel.canArrived);
-    }
-    if (filled_ & 1u << (2 * q + 1)) {
-      pthread_cond_broadcast(&channel.canFdArrived);
-    }
-    if (filled_ & 3u << (2 * q)) {
-      channel.signalEvent();
-    }
-  }
-  pthread_mutex_unlock(&queues_.mutex_);
+  QUserMutex guard(queues_.mutex_);
+  moveInLocked(can_, &Channel::can, 0);
+  moveInLocked(canFd_, &Channel::canFd, 1);
 }
 
 template <class Obj>
-int FrameQueues::takeFrom(std::deque<Obj> Channel::*frames, pthread_cond_t Channel::*arrived,
-                          unsigned queue, Obj *out, unsigned maxCount, int waitMs) {
+void FrameQueues::Producer::moveInLocked(Gathered<Obj> &gathered, Queue<Obj> Channel::*which,
+                                         unsigned kindBit) {
+  uint32_t filled = 0;
+  for (size_t i = 0; i < gathered.count; ++i) {
+    (queues_.channels_[gathered.queues[i]].*which).frames.push(gathered.records[i]);
+    filled |= 1u << (2 * gathered.queues[i] + kindBit);
+  }
+  gathered.count = 0;
+  for (unsigned q = 0; q < queues_.count_; ++q) {
+    if ((filled & 1u << (2 * q + kindBit)) == 0) {
+      continue;
+    }
+    Channel &channel = queues_.channels_[q];
+    Queue<Obj> &queue = channel.*which;
+    queue.publishSize();
+    sleeping_ |= queue.sleepers > 0 ? 1u << (2 * q + kindBit) : 0;
+    channel.signalEvent();
+  }
+}
+
+template <class Obj>
+int FrameQueues::takeFrom(Queue<Obj> Channel::*which, unsigned queue, Obj *out, unsigned maxCount,
+                          int waitMs) {
   if (maxCount == 0) {
     return 0;
   }
   const uint32_t limit = static_cast<uint32_t>(waitMs);
-  const timespec deadline =
-      deadlineAfter(limit == kWaitForever || limit == 0
-                        ? std::chrono::microseconds(0)
-                        : virtualtime::sleepInstead(std::chrono::milliseconds(limit)));
-  QUserMutex guard(mutex_);
   Channel &channel = channels_[index(queue)];
-  std::deque<Obj> &waiting = channel.*frames;
+  Queue<Obj> &waiting = channel.*which;
+  // A look that may not wait needs no lock while nothing is queued.
+  if (limit == 0 && waiting.published.load(std::memory_order_acquire) == 0) {
+    return 0;
+  }
+  const bool timed = limit != kWaitForever && limit != 0;
+  const timespec deadline =
+      timed ? deadlineAfter(virtualtime::sleepInstead(std::chrono::milliseconds(limit)))
+            : timespec{};
+  QUserMutex guard(mutex_);
   const uint64_t interruptsAtStart = channel.interrupts;
   for (;;) {
-    const size_t n = std::min<size_t>(maxCount, waiting.size());
+    const size_t n = std::min<size_t>(maxCount, waiting.frames.size());
     if (n > 0) {
-      std::copy(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(n), out);
-      waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(n));
+      waiting.frames.popInto(out, n);
+      waiting.publishSize();
       channel.clearEventIfDrained();
       return static_cast<int>(n);
     }
     if (closed_ || limit == 0 || channel.interrupts != interruptsAtStart) {
       return 0;
     }
-    if (limit == kWaitForever) {
-      pthread_cond_wait(&(channel.*arrived), &mutex_);
-    } else if (pthread_cond_timedwait(&(channel.*arrived), &mutex_, &deadline) == ETIMEDOUT &&
-               waiting.empty()) {
+    ++waiting.sleepers;
+    const int rc = timed ? pthread_cond_timedwait(&waiting.arrived, &mutex_, &deadline)
+                         : pthread_cond_wait(&waiting.arrived, &mutex_);
+    --waiting.sleepers;
+    if (rc == ETIMEDOUT && waiting.frames.empty()) {
       return 0;
     }
   }
 }
 
 int FrameQueues::take(unsigned queue, _WCAN_CAN_OBJ *out, unsigned maxCount, int waitMs) {
-  return takeFrom(&Channel::can, &Channel::canArrived, queue, out, maxCount, waitMs);
+  return takeFrom(&Channel::can, queue, out, maxCount, waitMs);
 }
 
 int FrameQueues::take(unsigned queue, _WCAN_CANFD_OBJ *out, unsigned maxCount, int waitMs) {
-  return takeFrom(&Channel::canFd, &Channel::canFdArrived, queue, out, maxCount, waitMs);
+  return takeFrom(&Channel::canFd, queue, out, maxCount, waitMs);
 }
 
 unsigned FrameQueues::count(unsigned queue, unsigned char kind) {
@@ -157,16 +212,18 @@ unsigned FrameQueues::count(unsigned queue, unsigned char kind) {
   }
   QUserMutex guard(mutex_);
   const Channel &channel = channels_[index(queue)];
-  const size_t classic = channel.can.size();
-  const size_t fd = channel.canFd.size();
+  const size_t classic = channel.can.frames.size();
+  const size_t fd = channel.canFd.frames.size();
   return static_cast<unsigned>(kind == 0 ? classic : kind == 1 ? fd : classic + fd);
 }
 
 void FrameQueues::clear(unsigned queue) {
   QUserMutex guard(mutex_);
   Channel &channel = channels_[index(queue)];
-  channel.can.clear();
-  channel.canFd.clear();
+  channel.can.frames.clear();
+  channel.can.publishSize();
+  channel.canFd.frames.clear();
+  channel.canFd.publishSize();
   channel.clearEventIfDrained();
 }
 
@@ -186,8 +243,8 @@ int FrameQueues::receiveEvent(unsigned queue) {
 }
 
 void FrameQueues::wakeAll(Channel &channel) {
-  pthread_cond_broadcast(&channel.canArrived);
-  pthread_cond_broadcast(&channel.canFdArrived);
+  pthread_cond_broadcast(&channel.can.arrived);
+  pthread_cond_broadcast(&channel.canFd.arrived);
 }
 
 void FrameQueues::interrupt(unsigned queue) {
@@ -210,3 +267,7 @@ void FrameQueues::open() {
   QUserMutex guard(mutex_);
   closed_ = false;
 }
+
+// The producers in the drivers push inline and grow here.
+template class FrameQueues::Ring<_WCAN_CAN_OBJ>;
+template class FrameQueues::Ring<_WCAN_CANFD_OBJ>;

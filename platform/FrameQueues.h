@@ -14,13 +14,18 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
+#include <type_traits>
+#include <vector>
 
 #include "wcan.h"
 
 class FrameQueues {
+  template <class Obj> struct Queue;
+  struct Channel;
+
 public:
   // At most 16 channels.
   explicit FrameQueues(unsigned channels);
@@ -28,9 +33,11 @@ public:
   FrameQueues(const FrameQueues &) = delete;
   FrameQueues &operator=(const FrameQueues &) = delete;
 
-  // The writing side for one batch of records: takes the lock at the first
-  // record and keeps it until destroyed, then wakes the readers of the
-  // queues it filled, once each.
+  // The writing side for one batch of records: gathers them outside the
+  // lock and moves them into the queues under it, a few dozen at a time and
+  // at the latest when destroyed, so that readers are not kept waiting while
+  // records are decoded. Then it wakes the readers that sleep on the queues
+  // it filled, once each, after the lock is released.
   class Producer {
   public:
     explicit Producer(FrameQueues &queues) : queues_(queues) {}
@@ -38,24 +45,34 @@ public:
     Producer(const Producer &) = delete;
     Producer &operator=(const Producer &) = delete;
 
-    void can(unsigned queue, const _WCAN_CAN_OBJ &obj) {
-      lock();
-      const unsigned q = queues_.index(queue);
-      queues_.channels_[q].can.push_back(obj);
-      filled_ |= 1u << (2 * q);
-    }
-    void canFd(unsigned queue, const _WCAN_CANFD_OBJ &obj) {
-      lock();
-      const unsigned q = queues_.index(queue);
-      queues_.channels_[q].canFd.push_back(obj);
-      filled_ |= 1u << (2 * q + 1);
-    }
+    void can(unsigned queue, const _WCAN_CAN_OBJ &obj) { can_.add(queue, obj, *this); }
+    void canFd(unsigned queue, const _WCAN_CANFD_OBJ &obj) { canFd_.add(queue, obj, *this); }
 
   private:
-    void lock();
+    static constexpr size_t kGathered = 64;
+    template <class Obj> struct Gathered {
+      Obj records[kGathered];
+      uint8_t queues[kGathered];
+      size_t count = 0;
+      void add(unsigned queue, const Obj &obj, Producer &producer) {
+        if (count == kGathered) {
+          producer.moveIn();
+        }
+        records[count] = obj;
+        queues[count] = static_cast<uint8_t>(producer.queues_.index(queue));
+        ++count;
+      }
+    };
+    // Moves what is gathered into the queues, under the lock.
+    void moveIn();
+    template <class Obj>
+    void moveInLocked(Gathered<Obj> &gathered, Queue<Obj> Channel::*which, unsigned kindBit);
+
     FrameQueues &queues_;
-    bool locked_ = false;
-    uint32_t filled_ = 0; // bit 2q: classic queue q, bit 2q+1: CAN FD queue q
+    Gathered<_WCAN_CAN_OBJ> can_;
+    Gathered<_WCAN_CANFD_OBJ> canFd_;
+    // Queues with a reader asleep: bit 2q classic queue q, 2q+1 CAN FD.
+    uint32_t sleeping_ = 0;
   };
 
   // Moves up to maxCount records of a queue into `out`, sleeping until at
@@ -82,19 +99,60 @@ public:
   void open();
 
 private:
+  // Records in arrival order in a ring of slots that grows when full: once
+  // large enough, a batch goes in and out without allocating.
+  template <class Obj> class Ring {
+    static_assert(std::is_trivially_copyable_v<Obj>, "records are copied as bytes");
+
+  public:
+    size_t size() const { return count_; }
+    bool empty() const { return count_ == 0; }
+    void push(const Obj &obj) {
+      if (count_ == slots_.size()) {
+        grow();
+      }
+      slots_[(head_ + count_) & (slots_.size() - 1)] = obj;
+      ++count_;
+    }
+    // Copies the oldest n (at most size()) records out and drops them.
+    void popInto(Obj *out, size_t n);
+    // Drops every record; a ring grown by a burst gives its memory back.
+    void clear();
+
+  private:
+    void grow();
+    std::vector<Obj> slots_; // a power of two of them, or none
+    size_t head_ = 0;
+    size_t count_ = 0;
+  };
+
+  template <class Obj> struct Queue {
+    Queue();
+    ~Queue();
+    Queue(const Queue &) = delete;
+    Queue &operator=(const Queue &) = delete;
+    Ring<Obj> frames;
+    pthread_cond_t arrived;
+    unsigned sleepers = 0;
+    // frames.size() as of the last change under the lock: a reader that
+    // does not wait looks at it first and takes no lock for an empty queue.
+    // On a cache line of its own, so that a reader polling it does not take
+    // the line the decoder writes every record to away from it.
+    alignas(64) std::atomic<size_t> published{0};
+    void publishSize() { published.store(frames.size(), std::memory_order_release); }
+  };
+
   struct Channel {
-    Channel();
+    Channel() = default;
     ~Channel();
     Channel(const Channel &) = delete;
     Channel &operator=(const Channel &) = delete;
-    std::deque<_WCAN_CAN_OBJ> can;
-    std::deque<_WCAN_CANFD_OBJ> canFd;
-    pthread_cond_t canArrived;
-    pthread_cond_t canFdArrived;
+    Queue<_WCAN_CAN_OBJ> can;
+    Queue<_WCAN_CANFD_OBJ> canFd;
     uint64_t interrupts = 0;
     int event = -1;
     bool signalled = false;
-    bool empty() const { return can.empty() && canFd.empty(); }
+    bool empty() const { return can.frames.empty() && canFd.frames.empty(); }
     // The event follows the queues: readable once frames came, cleared
     // once both queues are drained.
     void signalEvent();
@@ -103,8 +161,7 @@ private:
   };
   unsigned index(unsigned queue) const { return queue < count_ ? queue : count_ - 1; }
   template <class Obj>
-  int takeFrom(std::deque<Obj> Channel::*frames, pthread_cond_t Channel::*arrived, unsigned queue,
-               Obj *out, unsigned maxCount, int waitMs);
+  int takeFrom(Queue<Obj> Channel::*which, unsigned queue, Obj *out, unsigned maxCount, int waitMs);
   void wakeAll(Channel &channel);
 
   pthread_mutex_t mutex_;

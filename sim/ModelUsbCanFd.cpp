@@ -189,6 +189,22 @@ void encodeRecord(Bytes &out, unsigned channel, const CanFrame &f, uint32_t time
 
 bool inRange(const FdFilterRange &r, uint32_t id) { return id >= r.first && id <= r.last; }
 
+size_t recordSize(const CanFrame &f) { return f.fd ? kFdRecord : kClassicRecord; }
+
+// One data frame carrying `count` encoded records, appended to `out`.
+void appendDataFrame(Bytes &out, const Bytes &records, size_t count) {
+  const size_t payload = records.size();
+  const uint8_t header[kHeaderSize] = {kStart,
+                                       kDataCode,
+                                       0,
+                                       0,
+                                       static_cast<uint8_t>(payload),
+                                       static_cast<uint8_t>(payload >> 8),
+                                       static_cast<uint8_t>(count)};
+  out.insert(out.end(), header, header + kHeaderSize);
+  out.insert(out.end(), records.begin(), records.end());
+}
+
 } // namespace
 
 uint32_t FdPhaseTiming::bitRate() const {
@@ -419,8 +435,7 @@ void UsbCanFdModel::onBusFrame(ModelHost &host, unsigned channel, const CanFrame
   if (!accepts(state, frame))
     return;
   ++state.rxFrames;
-  const size_t recordSize = frame.fd ? kFdRecord : kClassicRecord;
-  if (kHeaderSize + pending_.size() + recordSize > kMaxStreamFrame)
+  if (kHeaderSize + pending_.size() + recordSize(frame) > kMaxStreamFrame)
     flushPending(host);
   encodeRecord(pending_, channel, frame, timeUs);
   ++pendingCount_;
@@ -434,18 +449,31 @@ void UsbCanFdModel::onReadEmpty(ModelHost &host, uint8_t ep) {
 void UsbCanFdModel::flushPending(ModelHost &host) {
   if (pendingCount_ == 0)
     return;
-  const size_t payload = pending_.size();
-  Bytes frame{kStart,
-              kDataCode,
-              0,
-              0,
-              static_cast<uint8_t>(payload),
-              static_cast<uint8_t>(payload >> 8),
-              static_cast<uint8_t>(pendingCount_)};
-  frame.insert(frame.end(), pending_.begin(), pending_.end());
+  Bytes frame;
+  appendDataFrame(frame, pending_, pendingCount_);
   host.queueIn(kStreamIn, std::move(frame));
   pending_.clear();
   pendingCount_ = 0;
+}
+
+Bytes UsbCanFdModel::encodeBacklog(const std::vector<ChannelFrame> &frames, uint32_t timeUs) const {
+  Bytes stream;
+  Bytes records;
+  size_t count = 0;
+  for (const ChannelFrame &f : frames) {
+    if (!channelStarted(f.channel) || !accepts(channels_[f.channel], f.frame))
+      continue;
+    if (kHeaderSize + records.size() + recordSize(f.frame) > kMaxStreamFrame) {
+      appendDataFrame(stream, records, count);
+      records.clear();
+      count = 0;
+    }
+    encodeRecord(records, f.channel, f.frame, timeUs);
+    ++count;
+  }
+  if (count > 0)
+    appendDataFrame(stream, records, count);
+  return stream;
 }
 
 std::unique_ptr<DeviceModel> makeUsbCanFdModel(unsigned devType) {

@@ -69,6 +69,7 @@ public:
   void onBusFrame(ModelHost &host, unsigned channel, const CanFrame &frame,
                   uint32_t timeUs) override;
   void onReadEmpty(ModelHost &host, uint8_t ep) override;
+  Bytes encodeBacklog(const std::vector<ChannelFrame> &frames, uint32_t timeUs) const override;
   void onReset() override;
 
   bool channelStarted(unsigned channel) const override;

@@ -208,9 +208,9 @@ int Adapter::read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *t
     if (len == 0)
       return 0;
     InQueue &q = in_[epSlot(ep)];
-    if (q.transfers.empty() && !silent_)
+    if (q.empty() && !silent_)
       model_->onReadEmpty(*this, ep);
-    if (!q.transfers.empty())
+    if (!q.empty())
       return serve(ep, buf, len, transferred);
     if (waitCutShort(ep, timeoutMs))
       return LIBUSB_ERROR_TIMEOUT;
@@ -218,7 +218,7 @@ int Adapter::read(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *t
       dataOrGone_[epSlot(ep)].wait(lock);
     } else if (dataOrGone_[epSlot(ep)].wait_until(lock, deadline) == std::cv_status::timeout) {
       // One last look: data may have come with the time-out.
-      if (isCurrent(generation) && !q.transfers.empty())
+      if (isCurrent(generation) && !q.empty())
         return serve(ep, buf, len, transferred);
       return isCurrent(generation) ? LIBUSB_ERROR_TIMEOUT : LIBUSB_ERROR_NO_DEVICE;
     }
@@ -233,9 +233,9 @@ int Adapter::poll(uint32_t generation, uint8_t ep, uint8_t *buf, int len, int *t
   if (!isCurrent(generation))
     return LIBUSB_ERROR_NO_DEVICE;
   InQueue &q = in_[epSlot(ep)];
-  if (q.transfers.empty() && !silent_)
+  if (q.empty() && !silent_)
     model_->onReadEmpty(*this, ep);
-  if (q.transfers.empty())
+  if (q.empty())
     return LIBUSB_ERROR_TIMEOUT;
   return serve(ep, buf, len, transferred);
 }
@@ -250,16 +250,20 @@ int Adapter::resetDevice(uint32_t generation) {
   return 0;
 }
 
+// The readers are woken once the lock is released: woken under it, they
+// would only sleep again on it. The event handler is the caller's to wake,
+// once for all the adapters a frame reached.
 bool Adapter::deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus,
                       std::chrono::steady_clock::time_point at) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!isPlugged() || channel >= channelCount_ || !model_->channelStarted(channel))
-    return false;
-  model_->onBusFrame(*this, channel, frame, deviceTimeAt(at));
-  delivered_[channel].fetch_add(1, std::memory_order_relaxed);
-  collectOutbox(toBus);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!isPlugged() || channel >= channelCount_ || !model_->channelStarted(channel))
+      return false;
+    model_->onBusFrame(*this, channel, frame, deviceTimeAt(at));
+    delivered_[channel].fetch_add(1, std::memory_order_relaxed);
+    collectOutbox(toBus);
+  }
   wakeAllReaders();
-  usbEventHappened();
   return true;
 }
 
@@ -355,6 +359,22 @@ void Adapter::pushIn(uint8_t ep, const Bytes &bytes) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (isPlugged())
     enqueue(ep | LIBUSB_ENDPOINT_IN, bytes);
+}
+
+// The block is encoded once and served from where it is: a producer that
+// can offer the host more than any bus would, for measuring the host side.
+bool Adapter::streamBacklog(const std::vector<ChannelFrame> &frames, uint64_t times) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const uint8_t ep = streamEndpoint();
+  if (!isPlugged() || silent_ || model_->endpointShape(ep).kind != EndpointShape::Stream)
+    return false;
+  auto block = std::make_shared<const Bytes>(model_->encodeBacklog(frames, deviceTimeUs()));
+  if (block->empty() || times == 0)
+    return false;
+  in_[epSlot(ep)].setBacklog(std::move(block), times);
+  dataOrGone_[epSlot(ep)].notify_all();
+  usbEventHappened();
+  return true;
 }
 
 std::vector<Bytes> Adapter::written(uint8_t ep) const {

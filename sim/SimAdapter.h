@@ -98,7 +98,8 @@ public:
   int checkAlive(uint32_t generation) const;
 
   // A frame whose last bit passed at `at` reached `channel`; returns whether
-  // the channel took it.
+  // the channel took it. The caller then tells the event handling
+  // (usbEventHappened), once per frame.
   bool deliver(unsigned channel, const CanFrame &frame, BusFrames &toBus,
                std::chrono::steady_clock::time_point at);
   // The channel put a frame on the bus.
@@ -121,6 +122,7 @@ public:
   void setSilent(bool silent);
   void injectReplyFault(ReplyFault fault, uint8_t value, int count);
   void pushIn(uint8_t ep, const Bytes &bytes);
+  bool streamBacklog(const std::vector<ChannelFrame> &frames, uint64_t times);
   std::vector<Bytes> written(uint8_t ep) const;
   void clearWritten();
   DeviceModel *model() { return model_.get(); }
@@ -144,7 +146,7 @@ private:
   int takeFromQueue(uint8_t ep, uint8_t *buf, int len);
   int serve(uint8_t ep, uint8_t *buf, int len, int *transferred);
   void clearQueues();
-  void wakeAllReaders(); // with the lock held
+  void wakeAllReaders();
   void collectOutbox(BusFrames &toBus);
   void trace(const char *dir, uint8_t ep, const uint8_t *data, size_t len) const;
 

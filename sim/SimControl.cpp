@@ -39,6 +39,11 @@ void pushIn(AdapterId adapter, uint8_t ep, const Bytes &bytes) {
   withAdapter(adapter, [&](Adapter &a) { a.pushIn(ep, bytes); });
 }
 
+bool streamBacklog(AdapterId adapter, const std::vector<ChannelFrame> &frames, uint64_t times) {
+  auto a = bed().adapter(adapter);
+  return a && a->streamBacklog(frames, times);
+}
+
 std::vector<Bytes> written(AdapterId adapter, uint8_t ep) {
   auto a = bed().adapter(adapter);
   return a ? a->written(ep) : std::vector<Bytes>{};

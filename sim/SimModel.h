@@ -27,6 +27,12 @@ struct CanFrame {
 
 using Bytes = std::vector<uint8_t>;
 
+// A frame as one of an adapter's channels received it.
+struct ChannelFrame {
+  unsigned channel = 0;
+  CanFrame frame;
+};
+
 // A channel's bit rates in bit/s: the nominal (arbitration) rate and the
 // CAN FD data-phase rate; 0 where the host has not set one.
 struct BitRates {
@@ -85,6 +91,12 @@ public:
   // A read found IN endpoint `ep` empty: a model that batches records (the
   // CAN FD stream) packs what is waiting now.
   virtual void onReadEmpty(ModelHost &, uint8_t) {}
+
+  // The bytes a streaming model would send on its stream endpoint for these
+  // received frames, stamped `timeUs`, with frames of stopped channels and
+  // those a filter rejects left out, as they would be on the bus. Empty for
+  // a model without a stream.
+  virtual Bytes encodeBacklog(const std::vector<ChannelFrame> &, uint32_t) const { return {}; }
 
   // Power cycle: a replugged or USB-reset adapter starts from its reset state
   // (channels stopped) but keeps persistent settings (recorder settings).

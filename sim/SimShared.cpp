@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "PacedBus.h"
+#include "SimEvents.h"
 #include "SimTestbed.h"
 
 extern char **environ;
@@ -275,12 +276,15 @@ std::vector<std::shared_ptr<Adapter>> SharedBus::holding(int slot) const {
 }
 
 void SharedBus::deliver(int slot, unsigned channel, int64_t endNs, const CanFrame &frame) {
+  bool taken = false;
   for (const auto &adapter : holding(slot)) {
     BusFrames answers;
-    adapter->deliver(channel, frame, answers, timeOf(endNs));
+    taken = adapter->deliver(channel, frame, answers, timeOf(endNs)) || taken;
     if (!answers.empty())
       send(adapter, answers);
   }
+  if (taken)
+    usbEventHappened();
 }
 
 void SharedBus::dispatch(const uint8_t *data, size_t len) {

@@ -224,11 +224,14 @@ void Testbed::carry(const Transmission &t, std::chrono::steady_clock::time_point
   }
   if (t.sender)
     t.sender->noteSent(t.from.channel);
+  bool taken = false;
   for (const Destination &d : to) {
     BusFrames answers;
-    d.adapter->deliver(d.channel, t.frame, answers, end);
+    taken = d.adapter->deliver(d.channel, t.frame, answers, end) || taken;
     route(d.adapter, answers);
   }
+  if (taken)
+    usbEventHappened();
 }
 
 void Testbed::route(const std::shared_ptr<Adapter> &from, const BusFrames &frames) {

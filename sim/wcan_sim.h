@@ -53,6 +53,15 @@ void injectReplyFault(AdapterId adapter, ReplyFault fault, uint8_t value, int co
 // Push raw bytes into an IN endpoint as if the device had sent them.
 void pushIn(AdapterId adapter, uint8_t ep, const Bytes &bytes);
 
+// A backlog on the stream endpoint of a streaming adapter (the CAN FD
+// family): `frames`, as its channels would have received them now, are
+// encoded once into the adapter's stream and handed to the host's reads
+// `times` times over, as fast as it reads, after what is already queued; it
+// replaces an earlier backlog. Frames of stopped channels, or rejected by a
+// channel's filter, are left out. False when the adapter has no stream or
+// nothing is left to send. For measuring the host side beyond any bus rate.
+bool streamBacklog(AdapterId adapter, const std::vector<ChannelFrame> &frames, uint64_t times);
+
 // Every transfer the host wrote, per OUT endpoint, in order.
 std::vector<Bytes> written(AdapterId adapter, uint8_t ep);
 void clearWritten(AdapterId adapter);
@@ -79,6 +88,16 @@ bool pacing();
 // std::chrono::steady_clock since its epoch (0 if never). Benchmarks time
 // the library from the end of the bulk read with it.
 int64_t lastReadEndNs(AdapterId adapter, uint8_t ep);
+
+// Nanoseconds the simulated adapters spent answering asynchronous IN
+// transfers (packing records, filling the transfers), summed over all
+// adapters. That work runs on whichever thread handles USB events, the
+// library's own; a real adapter does it on its own hardware, so benchmarks
+// take it off that thread's CPU.
+uint64_t deviceServiceNs();
+// Nanoseconds the asynchronous transfers' callbacks took (the host library's
+// own code run by the event handling), on the same clock.
+uint64_t transferCallbackNs();
 
 // How a read that finds nothing to hand over waits, for harnesses that run
 // the library on virtual time. The policy is asked before every wait of a

@@ -317,14 +317,24 @@ public:
     std::memmove(buf_.data(), buf_.data() + used, fill_ - used);
     fill_ -= used;
   }
-  // Copies data in (in as many steps as it needs) and parses it.
+  // Parses the bytes of one read. A frame the last read cut off is completed
+  // in the buffer first; the rest is parsed where it lies, and only a frame
+  // this read cuts off is copied in (in as many steps as it needs).
   template <class Sink> void feed(const uint8_t *data, size_t length, Sink &sink) {
-    while (length > 0) {
-      const size_t take = std::min(length, room());
-      std::memcpy(space(), data, take);
+    while (length > 0 && fill_ > 0) {
+      const size_t take = std::min({length, room(), bytesToComplete()});
+      copyIn(data, take, sink);
       data += take;
       length -= take;
-      commit(take, sink);
+    }
+    const size_t used = parseStream(data, length, sink);
+    data += used;
+    length -= used;
+    while (length > 0) {
+      const size_t take = std::min(length, room());
+      copyIn(data, take, sink);
+      data += take;
+      length -= take;
     }
   }
   void reset() { fill_ = 0; }
@@ -338,6 +348,21 @@ public:
   size_t pending() const { return fill_; }
 
 private:
+  template <class Sink> void copyIn(const uint8_t *data, size_t length, Sink &sink) {
+    std::memcpy(space(), data, length);
+    commit(length, sink);
+  }
+  // Bytes still missing from the frame the buffer starts with, as far as
+  // its header tells; a whole buffer's worth when it tells nothing.
+  size_t bytesToComplete() const {
+    constexpr size_t kLengthEnd = 6;
+    if (fill_ < kLengthEnd) {
+      return kLengthEnd - fill_;
+    }
+    const size_t frame = kDataHeaderLen + ByteReader(buf_.data(), fill_).u16le(4);
+    return frame > fill_ ? frame - fill_ : room();
+  }
+
   std::array<uint8_t, kStreamBufferLen> buf_{};
   size_t fill_ = 0;
 };

@@ -227,6 +227,41 @@ TEST_F(FdDevice, EveryQueueOfTheEightChannelAdapterIsReached) {
   foreignNode.join();
 }
 
+// Whole 4096-byte transfers, records cut across them, classic and CAN FD
+// mixed: every record reaches its channel's queue in order, also once the
+// queues have grown and wrapped around.
+TEST_F(FdDevice, AFullStreamArrivesRecordForRecord) {
+  open(66);
+  for (unsigned ch = 0; ch < 8; ++ch)
+    ASSERT_EQ(init(ch), 1) << ch;
+  std::vector<wcansim::ChannelFrame> block;
+  for (uint32_t i = 0; i < 100; ++i) {
+    wcansim::CanFrame f;
+    f.id = i;
+    f.fd = i % 3 != 0;
+    f.len = f.fd ? 64 : 8;
+    f.data[0] = static_cast<uint8_t>(i);
+    block.push_back({i % 8, f});
+  }
+  constexpr unsigned kTimes = 40;
+  ASSERT_TRUE(wcansim::streamBacklog(adapter_, block, kTimes));
+  const auto ids = [](const auto &frames) {
+    std::vector<uint32_t> out;
+    for (const auto &f : frames)
+      out.push_back(f.id << 8 | f.data[0]);
+    return out;
+  };
+  for (unsigned ch = 0; ch < 8; ++ch) {
+    std::vector<uint32_t> wantFd, wantCan;
+    for (unsigned t = 0; t < kTimes; ++t)
+      for (const auto &f : block)
+        if (f.channel == ch)
+          (f.frame.fd ? wantFd : wantCan).push_back(f.frame.id << 8 | f.frame.data[0]);
+    EXPECT_EQ(ids(receiveFd(ch, static_cast<unsigned>(wantFd.size()))), wantFd) << ch;
+    EXPECT_EQ(ids(receiveAll<_WCAN_CAN_OBJ>(type_, ch, wantCan.size())), wantCan) << ch;
+  }
+}
+
 TEST_F(FdDevice, StopClearAndCountsFollowTheirRules) {
   open();
   EXPECT_EQ(WCAN_Stop(kType, 0, 0), 1);

@@ -166,6 +166,40 @@ TEST(UsbCanFdWire, ResynchronisesAndReassembles) {
   }
 }
 
+// Reads cut the stream anywhere: whatever the cuts, the same records come
+// out in the same order, and the same bytes wait for the next read.
+TEST(UsbCanFdWire, EveryCutOfTheStreamGivesTheSameRecords) {
+  const Bytes f1 =
+      dataFrame({wireRecord(0, 0x00, 1, 0x10, 8, 0), wireRecord(1, 0x01, 2, 0x11, 64, 0)});
+  const Bytes f2 = dataFrame({wireRecord(1, 0x01, 3, 0x20, 12, 0)});
+  const Bytes stream = concat(
+      {{0x00, 0x55}, f1, {0x55, 0xF2, 0, 0, 0, 0, 3}, f2, f1, Bytes(f2.begin(), f2.end() - 5)});
+  const auto ids = [](const Collect &c) {
+    std::vector<uint32_t> out;
+    for (const auto &q : c.classic)
+      for (const auto &o : q.second)
+        out.push_back(o.id);
+    for (const auto &q : c.fd)
+      for (const auto &o : q.second)
+        out.push_back(o.id << 8 | q.first);
+    return out;
+  };
+  StreamAssembler whole;
+  const std::vector<uint32_t> expected = ids(feedAll({stream}, whole));
+  ASSERT_EQ(expected.size(), 5u);
+  for (size_t a = 0; a <= stream.size(); ++a) {
+    for (size_t b = a; b <= stream.size(); b += 7) {
+      StreamAssembler s;
+      const Collect c = feedAll({Bytes(stream.begin(), stream.begin() + a),
+                                 Bytes(stream.begin() + a, stream.begin() + b),
+                                 Bytes(stream.begin() + b, stream.end())},
+                                s);
+      ASSERT_EQ(ids(c), expected) << "cut at " << a << " and " << b;
+      ASSERT_EQ(s.pending(), whole.pending()) << "cut at " << a << " and " << b;
+    }
+  }
+}
+
 TEST(UsbCanFdWire, HostileLengthsStayInsideTheBuffer) {
   // A record count past the data: the records that fit are decoded.
   const Bytes overCount = dataFrame({wireRecord(0, 0x00, 0, 1, 8, 0)}, 255);

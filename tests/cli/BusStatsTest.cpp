@@ -9,28 +9,13 @@
 #include <vector>
 
 #include "common/BusStats.h"
+#include "tests/support/Frames.h"
 
 namespace wcantool {
 namespace {
 
-Frame frame(uint32_t id, std::vector<uint8_t> data, bool extended = false, bool fd = false,
-            bool brs = false) {
-  Frame f;
-  f.id = id;
-  f.extended = extended;
-  f.fd = fd;
-  f.brs = brs;
-  f.len = static_cast<uint8_t>(data.size());
-  std::copy(data.begin(), data.end(), f.data.begin());
-  return f;
-}
-
-Frame remote(uint32_t id, uint8_t len) {
-  Frame f = frame(id, {});
-  f.remote = true;
-  f.len = len;
-  return f;
-}
+using testframes::frame;
+using testframes::remote;
 
 TEST(BusBits, FramesOnTheWireAsCountedByHand) {
   const std::vector<uint8_t> zeros8(8, 0);
@@ -42,26 +27,27 @@ TEST(BusBits, FramesOnTheWireAsCountedByHand) {
   } cases[] = {
       // 34 dominant bits from start of frame to the checksum (which is 0):
       // a stuff bit after every fifth, 6 in all, plus the 13-bit tail.
-      {"classic, id 0, no data", frame(0, {}), 53, 0},
+      {"classic, id 0, no data", frame(0, false, {}), 53, 0},
       // 14 dominant bits up to IDE (2 stuff bits); ESI, the length code 1000
       // and 64 zero bits are 67 zeros after the recessive BRS (13 stuff
       // bits); stuff count and CRC-17 with 6 fixed stuff bits.
-      {"CAN FD, id 0, 8 zero bytes, switched", frame(0, zeros8, false, true, true), 32, 109},
+      {"CAN FD, id 0, 8 zero bytes, switched", frame(0, false, zeros8, true, true), 32, 109},
       // The run of five that ends the data gets no stuff bit of its own: the
       // fixed one before the stuff count takes its place.
       {"CAN FD, id 0, 20 zero bytes, switched",
-       frame(0, std::vector<uint8_t>(20, 0), false, true, true), 32, 228},
-      {"CAN FD unswitched is all nominal", frame(0, std::vector<uint8_t>(20, 0), false, true), 260,
+       frame(0, false, std::vector<uint8_t>(20, 0), true, true), 32, 228},
+      {"CAN FD unswitched is all nominal", frame(0, false, std::vector<uint8_t>(20, 0), true), 260,
        0},
       // Counted bit by bit with the CRC-15 worked out by hand.
-      {"classic 123#DEADBEEF", frame(0x123, {0xDE, 0xAD, 0xBE, 0xEF}), 81, 0},
-      {"classic extended 12345678#11223344", frame(0x12345678, {0x11, 0x22, 0x33, 0x44}, true), 101,
+      {"classic 123#DEADBEEF", frame(0x123, false, {0xDE, 0xAD, 0xBE, 0xEF}), 81, 0},
+      {"classic extended 12345678#11223344", frame(0x12345678, true, {0x11, 0x22, 0x33, 0x44}), 101,
        0},
-      {"classic extended, id 0, 8 zero bytes", frame(0, zeros8, true), 150, 0},
-      {"alternating bits need no stuffing", frame(0x555, std::vector<uint8_t>(8, 0xAA)), 112, 0},
-      {"remote frames send their length but no data", remote(0x7FF, 8), 50, 0},
+      {"classic extended, id 0, 8 zero bytes", frame(0, true, zeros8), 150, 0},
+      {"alternating bits need no stuffing", frame(0x555, false, std::vector<uint8_t>(8, 0xAA)), 112,
+       0},
+      {"remote frames send their length but no data", remote(0x7FF, false, 8), 50, 0},
       {"CAN FD extended, 64 bytes, CRC-21",
-       frame(0x1ABCDEF0, std::vector<uint8_t>(64, 0x5A), true, true, true), 51, 549},
+       frame(0x1ABCDEF0, true, std::vector<uint8_t>(64, 0x5A), true, true), 51, 549},
   };
   for (const Case &c : cases) {
     const busbits::FrameBits bits = busbits::onWire(busbits::shapeOf(c.frame));
@@ -80,15 +66,15 @@ TEST(ChannelLoad, LoadIsTheBusTimeOfTheBitsAtTheirRates) {
     uint64_t payloadBits;
   } cases[] = {
       // 53 bits at 500 kbit/s: 106 µs each.
-      {"classic", {500000, 0}, frame(0, {}), 1000, 10.6, 0},
+      {"classic", {500000, 0}, frame(0, false, {}), 1000, 10.6, 0},
       // 32 bits at 500 kbit/s (64 µs) and 109 at 2 Mbit/s (54.5 µs).
       {"switched CAN FD",
        {500000, 2000000},
-       frame(0, std::vector<uint8_t>(8, 0), false, true, true),
+       frame(0, false, std::vector<uint8_t>(8, 0), true, true),
        2000,
        23.7,
        2000 * 64},
-      {"a classic bus at 125 kbit/s", {125000, 0}, frame(0, {}), 500, 21.2, 0},
+      {"a classic bus at 125 kbit/s", {125000, 0}, frame(0, false, {}), 500, 21.2, 0},
   };
   for (const Case &c : cases) {
     ChannelLoad load(c.rates);
@@ -105,7 +91,7 @@ TEST(ChannelLoad, KeepsMinMaxAndDecayingAverages) {
   ChannelLoad load({500000, 0});
   auto second = [&](unsigned frames) {
     for (unsigned i = 0; i < frames; ++i)
-      load.add(frame(0, {})); // 0.0106 % each
+      load.add(frame(0, false, {})); // 0.0106 % each
     load.close(1.0);
   };
   second(1000); // 10.6 %
@@ -128,8 +114,8 @@ TEST(IdTable, PeriodJitterAndChangedBytes) {
   const int64_t at[] = {0, 10000, 20000, 32000, 40000};
   const std::vector<uint8_t> data[] = {{1, 2, 3}, {1, 2, 3}, {1, 9, 3}, {1, 9, 3, 4}, {0, 9}};
   for (int i = 0; i < 5; ++i)
-    table.add(1, frame(0x100, data[i]), at[i]);
-  table.add(0, frame(0x100, {7}), 5000); // another channel, another row
+    table.add(1, frame(0x100, false, data[i]), at[i]);
+  table.add(0, frame(0x100, false, {7}), 5000); // another channel, another row
   const std::vector<const IdEntry *> rows = table.rows(IdFilter{}, SortKey::Id);
   ASSERT_EQ(rows.size(), 2u);
   const IdEntry &e = *rows[1];
@@ -140,16 +126,16 @@ TEST(IdTable, PeriodJitterAndChangedBytes) {
   EXPECT_NEAR(e.rate(), 100, 1e-9);
   EXPECT_EQ(e.changed, 0b01u) << "byte 0 changed; byte 1 did not; bytes 2 and 3 are gone";
 
-  table.add(0, frame(0x100, {7}), 6000);
+  table.add(0, frame(0x100, false, {7}), 6000);
   EXPECT_EQ(rows[0]->changed, 0u) << "nothing changed";
-  table.add(0, frame(0x100, {7, 1}), 7000);
+  table.add(0, frame(0x100, false, {7, 1}), 7000);
   EXPECT_EQ(rows[0]->changed, 0b10u) << "a byte that was not there counts as changed";
 }
 
 TEST(IdTable, FadesAtHalfTheTimeOutAndLeavesAtIt) {
   IdTable table(2.0);
-  table.add(0, frame(0x1, {}), 0);
-  table.add(0, frame(0x2, {}), 1500000);
+  table.add(0, frame(0x1, false, {}), 0);
+  table.add(0, frame(0x2, false, {}), 1500000);
   const struct {
     int64_t now;
     size_t rows;
@@ -168,10 +154,10 @@ TEST(IdTable, FadesAtHalfTheTimeOutAndLeavesAtIt) {
 TEST(IdTable, SortsByRateCountAndAge) {
   IdTable table;
   for (int i = 0; i < 3; ++i)
-    table.add(0, frame(0x300, {}), i * 100000); // 10/s, 3 frames, last at 200 ms
+    table.add(0, frame(0x300, false, {}), i * 100000); // 10/s, 3 frames, last at 200 ms
   for (int i = 0; i < 2; ++i)
-    table.add(0, frame(0x200, {}), 150000 + i * 10000); // 100/s, 2 frames, last at 160 ms
-  table.add(0, frame(0x100, {}), 170000);               // newest
+    table.add(0, frame(0x200, false, {}), 150000 + i * 10000); // 100/s, 2 frames, last at 160 ms
+  table.add(0, frame(0x100, false, {}), 170000);               // newest
   auto order = [&](SortKey k) {
     std::vector<uint32_t> ids;
     for (const IdEntry *e : table.rows(IdFilter{}, k))
@@ -189,7 +175,7 @@ TEST(IdTable, ManyIdentifiersKeepTheirRowsThroughGrowthAndExpiry) {
   // Every standard identifier on channel 0, as many extended ones on
   // channel 1; the odd ones go quiet.
   auto onChannel = [](unsigned ch, uint32_t id) {
-    return ch == 0 ? frame(id, {}) : frame(id * 0x1001, {}, true);
+    return ch == 0 ? frame(id, false, {}) : frame(id * 0x1001, true, {});
   };
   for (int round = 0; round < 2; ++round)
     for (unsigned ch = 0; ch < 2; ++ch)

@@ -11,6 +11,7 @@
 #include "net/Client.h"
 #include "net/Protocol.h"
 #include "server/Bus.h"
+#include "tests/support/Frames.h"
 
 namespace wcantool {
 namespace {
@@ -111,24 +112,8 @@ TEST(ElementReader, EndsAnElementWithoutItsEndAtTheLimit) {
   EXPECT_NE(items[0].text.find("without an end"), std::string::npos) << items[0].text;
 }
 
-Frame frame(uint32_t id, bool extended, std::vector<uint8_t> data, bool fd = false,
-            bool brs = false) {
-  Frame f;
-  f.id = id;
-  f.extended = extended;
-  f.fd = fd;
-  f.brs = brs;
-  f.len = static_cast<uint8_t>(data.size());
-  std::copy(data.begin(), data.end(), f.data.begin());
-  return f;
-}
-
-Frame remote(uint32_t id, bool extended, uint8_t len) {
-  Frame f = frame(id, extended, {});
-  f.remote = true;
-  f.len = len;
-  return f;
-}
+using testframes::frame;
+using testframes::remote;
 
 TEST(Requests, ReadFramesAsTheProtocolWritesThem) {
   struct Case {

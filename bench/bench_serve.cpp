@@ -29,6 +29,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/SimRuntime.h"
 #include "bench/TaskStats.h"
 #include "server/Server.h"
 #include "sim/wcan_sim.h"
@@ -99,21 +100,11 @@ bool unpaced() {
   return v && std::strcmp(v, "0") == 0;
 }
 
-// The libraries stay loaded for the whole run, as in the tool.
-const wcantool::Runtime &runtime() {
-  static const wcantool::Runtime rt([] {
-    wcantool::LoadOptions o;
-    o.simulate = true;
-    return o;
-  }());
-  return rt;
-}
-
 // A server on one freshly plugged simulated adapter, on its own thread.
 class ServerOnAdapter {
 public:
   explicit ServerOnAdapter(unsigned type) {
-    runtime();
+    simulatedRuntime();
     wcansim::reset();
     adapter_ = wcansim::plugIn(type);
     wcantool::serve::ServeOptions o;
@@ -121,7 +112,7 @@ public:
     o.settings.bitRate = 1000000;
     o.settings.dataBitRate = 5000000;
     o.settings.fd = true;
-    server_ = std::make_unique<Server>(runtime(), o);
+    server_ = std::make_unique<Server>(simulatedRuntime(), o);
     thread_ = std::thread([this] {
       pthread_setname_np(pthread_self(), "serve loop");
       server_->run(false);

@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/SimRuntime.h"
 #include "bench/TaskStats.h"
 #include "server/Server.h"
 #include "sim/wcan_sim.h"
@@ -51,25 +52,16 @@ uint64_t cpuNsOf(const std::vector<std::string> &prefixes) {
 const std::vector<std::string> kEventLoop = {"serve loop"};
 const std::vector<std::string> kServer = {"serve loop", "wcan devices", "wcan66"};
 
-const wcantool::Runtime &runtime() {
-  static const wcantool::Runtime rt([] {
-    wcantool::LoadOptions o;
-    o.simulate = true;
-    return o;
-  }());
-  return rt;
-}
-
 // The server with its monitor, on the event loop thread as in the tool.
 class ServerWithMonitor {
 public:
   ServerWithMonitor() {
-    runtime();
+    simulatedRuntime();
     wcansim::reset();
     adapter = wcansim::plugIn(66);
     wcantool::serve::ServeOptions o;
     o.port = 0;
-    server = std::make_unique<wcantool::serve::Server>(runtime(), o);
+    server = std::make_unique<wcantool::serve::Server>(simulatedRuntime(), o);
     buses = std::make_unique<wcantool::web::ServerBuses>(*server, std::vector<std::string>{});
     monitor = std::make_unique<wcantool::web::Monitor>(server->io(), *buses);
     wcantool::web::WebOptions w;
